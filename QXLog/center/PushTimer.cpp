@@ -1,0 +1,4 @@
+// The push timer.
+#include "QXLog/QXLogCenter.h"
+
+void QXLogCenter::startTime(int32_t) {}

@@ -1,0 +1,4 @@
+// Server settings.
+#include "QXLog/QXLogCenter.h"
+
+void QXLogCenter::getLogServerInfo() {}

@@ -1,0 +1,21 @@
+// The start-time table: item key to the millisecond time its start was marked.
+// Entries are never removed; the table grows with every new key.
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/center/QueueFileNames.h"
+#include "QXLog/support/Time.h"
+
+void QXLogCenter::saveActionStartTime(const std::string& key) {
+  std::string now = qxlog::currentMillisText();
+  std::lock_guard lock(lock_);
+  Dictionary& table = startTimeTableLocked();
+  table.set(key, qxlog::Value(std::move(now)));
+  QXLogHelper::storeDict(table, qxlog::kStartTimeFile);
+}
+
+QXLogCenter::NullableString QXLogCenter::getActionStartTime(const std::string& key) {
+  std::lock_guard lock(lock_);
+  const qxlog::Value* entry = startTimeTableLocked().find(key);
+  if (entry == nullptr || entry->asString() == nullptr) return std::nullopt;
+  return *entry->asString();
+}

@@ -1,0 +1,58 @@
+#include "QXLog/platform/Console.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <mutex>
+
+#include "QXLog/platform/Clock.h"
+
+namespace qxlog::platform {
+namespace {
+
+std::mutex g_mutex;
+ConsoleSink& installedSink() {
+  static auto* sink = new ConsoleSink();
+  return *sink;
+}
+
+std::string timestampNow() {
+  double now = wallSeconds();
+  std::tm local = clock()->localTime(now);
+  int millis = static_cast<int>(std::fmod(now, 1.0) * 1000.0);
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.tm_year + 1900,
+                local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                millis);
+  return text;
+}
+
+void writeToStderr(const std::string& line) {
+  std::string out = timestampNow() + " " + programName() + "[" + std::to_string(getpid()) + ":" +
+                    std::to_string(static_cast<long>(syscall(SYS_gettid))) + "] " + line + "\n";
+  std::fwrite(out.data(), 1, out.size(), stderr);
+}
+
+}  // namespace
+
+void consoleWrite(std::string_view line) {
+  std::string text(line);
+  std::lock_guard lock(g_mutex);
+  if (installedSink()) {
+    installedSink()(text);
+  } else {
+    writeToStderr(text);
+  }
+}
+
+void setConsoleSink(ConsoleSink sink) {
+  std::lock_guard lock(g_mutex);
+  installedSink() = std::move(sink);
+}
+
+std::string programName() { return program_invocation_short_name; }
+
+}  // namespace qxlog::platform

@@ -1,0 +1,73 @@
+#include "QXLog/platform/Files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+namespace qxlog::platform {
+namespace {
+
+bool writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+}  // namespace
+
+bool fileExists(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0;
+}
+
+bool createEmptyFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+bool writeFileAtomically(const std::string& path, std::string_view contents) {
+  std::vector<char> temporary(path.begin(), path.end());
+  static constexpr std::string_view kSuffix = ".tmp-XXXXXX";
+  temporary.insert(temporary.end(), kSuffix.begin(), kSuffix.end());
+  temporary.push_back('\0');
+  int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = ::fchmod(fd, 0644) == 0 && writeAll(fd, contents);
+  ok = (::close(fd) == 0) && ok;
+  if (ok && ::rename(temporary.data(), path.c_str()) == 0) return true;
+  ::unlink(temporary.data());
+  return false;
+}
+
+std::optional<std::string> readFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string contents;
+  char buffer[65536];
+  for (;;) {
+    ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      ::close(fd);
+      if (got < 0) return std::nullopt;
+      return contents;
+    }
+    contents.append(buffer, static_cast<std::size_t>(got));
+  }
+}
+
+bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+
+}  // namespace qxlog::platform

@@ -1,0 +1,49 @@
+#include "QXLog/platform/GlobalQueue.h"
+
+#include "QXLog/platform/Clock.h"
+
+namespace qxlog::platform {
+
+GlobalQueue::~GlobalQueue() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  for (std::thread& worker : workers_) worker.join();
+}
+
+void GlobalQueue::post(Task task, std::chrono::nanoseconds delay) {
+  int64_t due = monotonicNanos() + delay.count();
+  {
+    std::lock_guard lock(mutex_);
+    if (workers_.empty()) startWorkersLocked();
+    schedule_.add(std::move(task), due);
+  }
+  wake_.notify_one();
+}
+
+void GlobalQueue::startWorkersLocked() {
+  for (unsigned i = 0; i < workerCount_; ++i) workers_.emplace_back([this] { work(); });
+}
+
+void GlobalQueue::work() {
+  std::unique_lock lock(mutex_);
+  while (!stopping_) {
+    if (std::optional<Task> task = schedule_.takeDue(monotonicNanos())) {
+      // Another worker may be waiting for a later task; let it recompute.
+      wake_.notify_one();
+      lock.unlock();
+      (*task)();
+      lock.lock();
+      continue;
+    }
+    if (schedule_.empty()) {
+      wake_.wait(lock);
+    } else {
+      wake_.wait_for(lock, std::chrono::nanoseconds(schedule_.nextDue() - monotonicNanos()));
+    }
+  }
+}
+
+}  // namespace qxlog::platform

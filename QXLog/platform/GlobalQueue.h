@@ -1,0 +1,40 @@
+// The stand-in for the system's concurrent global queue: a small pool of
+// worker threads, started on first use, that runs tasks when they are due.
+// It is the only place where the library creates threads.
+#ifndef QXLOG_PLATFORM_GLOBALQUEUE_H_
+#define QXLOG_PLATFORM_GLOBALQUEUE_H_
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "QXLog/platform/Executor.h"
+#include "QXLog/platform/TaskSchedule.h"
+
+namespace qxlog::platform {
+
+class GlobalQueue final : public Executor {
+ public:
+  explicit GlobalQueue(unsigned workers = 4) : workerCount_(workers) {}
+  // Lets the workers finish their current task, drops what is still scheduled,
+  // and joins them.
+  ~GlobalQueue() override;
+
+  void post(Task task, std::chrono::nanoseconds delay) override;
+
+ private:
+  void startWorkersLocked();
+  void work();
+
+  const unsigned workerCount_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  TaskSchedule schedule_;
+  std::vector<std::thread> workers_;
+  bool stopping_ = false;
+};
+
+}  // namespace qxlog::platform
+
+#endif  // QXLOG_PLATFORM_GLOBALQUEUE_H_

@@ -1,0 +1,34 @@
+// The stand-in for the main dispatch queue: a serial executor that the host
+// serves on its main thread, either from its own loop (drain) or by handing
+// the thread over (run until stop).
+#ifndef QXLOG_PLATFORM_MAINQUEUE_H_
+#define QXLOG_PLATFORM_MAINQUEUE_H_
+
+#include <condition_variable>
+#include <mutex>
+
+#include "QXLog/platform/Executor.h"
+#include "QXLog/platform/TaskSchedule.h"
+
+namespace qxlog::platform {
+
+class MainQueue final : public Executor {
+ public:
+  void post(Task task, std::chrono::nanoseconds delay) override;
+  // Runs, on the calling thread, every task that is due; returns how many ran.
+  std::size_t drain();
+  // Serves the queue on the calling thread until stop() is called.
+  void run();
+  void stop();
+  std::size_t pending() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  TaskSchedule schedule_;
+  bool stopRequested_ = false;
+};
+
+}  // namespace qxlog::platform
+
+#endif  // QXLOG_PLATFORM_MAINQUEUE_H_

@@ -1,0 +1,27 @@
+// XML property lists: the on-disk form of the queue files, loadable by any
+// standard plist reader.
+#ifndef QXLOG_PLATFORM_PROPERTYLIST_H_
+#define QXLOG_PLATFORM_PROPERTYLIST_H_
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "QXLog/QXLogValue.h"
+
+namespace qxlog::platform {
+
+// Serialises a value as an XML property list. Property lists have no null: a
+// null is written as an empty string.
+std::string toXmlPropertyList(const Value& root);
+void appendXmlPropertyList(std::string& out, const Value& root);
+// The same for collection roots, without wrapping them in a value first.
+void appendXmlPropertyList(std::string& out, const Array& root);
+void appendXmlPropertyList(std::string& out, const Dictionary& root);
+
+// Parses an XML (or binary) property list. Nothing when the bytes do not hold one.
+std::optional<Value> parsePropertyList(std::string_view bytes);
+
+}  // namespace qxlog::platform
+
+#endif  // QXLOG_PLATFORM_PROPERTYLIST_H_

@@ -1,0 +1,55 @@
+// Launch, action and network reports: built into records and queued as actions.
+#include "QXLog/QXLog.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Text.h"
+#include "QXLog/recording/Gate.h"
+#include "QXLog/recording/HostStrings.h"
+#include "QXLog/support/Time.h"
+
+namespace {
+
+using qxlog::NullableString;
+using qxlog::recording::environmentReady;
+using qxlog::recording::fromHost;
+using qxlog::recording::retryLater;
+
+bool isNilOrEmpty(const NullableString& text) { return !text || text->empty(); }
+
+void launchWithPushId(NullableString launchLog, NullableString push_id) {
+  if (!environmentReady()) return retryLater([=] { launchWithPushId(launchLog, push_id); });
+  QXLogMessageFormat& format = QXLogCenter::center().format();
+  auto record = format.launchLog(launchLog, qxlog::currentMillisText(), push_id);
+  QXLogCenter::center().storeActionLog(std::move(record));
+}
+
+void action(NullableString actionLog, NullableString movie_index) {
+  if (!environmentReady()) return retryLater([=] { action(actionLog, movie_index); });
+  QXLogMessageFormat& format = QXLogCenter::center().format();
+  auto record = format.actionLog(actionLog, qxlog::currentMillisText(), movie_index);
+  QXLogCenter::center().storeActionLog(std::move(record));
+}
+
+void network(NullableString networkLog, int64_t wasteTime, NullableString errorCode) {
+  if (isNilOrEmpty(networkLog)) return;
+  if (!environmentReady()) return retryLater([=] { network(networkLog, wasteTime, errorCode); });
+  QXLogMessageFormat& format = QXLogCenter::center().format();
+  auto record =
+      format.networkLog(networkLog, qxlog::platform::formatInteger(wasteTime), errorCode);
+  QXLogCenter::center().storeActionLog(std::move(record));
+}
+
+}  // namespace
+
+void recordLaunchLog(const char* launchLog) { recordLaunchLogWithPushId(launchLog, ""); }
+
+void recordLaunchLogWithPushId(const char* launchLog, const char* push_id) {
+  launchWithPushId(fromHost(launchLog), fromHost(push_id));
+}
+
+void recordActionLog(const char* actionLog, const char* movie_index) {
+  action(fromHost(actionLog), fromHost(movie_index));
+}
+
+void recordNetworkLog(const char* networkLog, int64_t wasteTime, const char* errorCode) {
+  network(fromHost(networkLog), wasteTime, fromHost(errorCode));
+}

@@ -1,0 +1,24 @@
+// A dictionary made by the host, posted unchanged to a URL of its choice.
+#include "QXLog/QXLog.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/recording/Gate.h"
+#include "QXLog/recording/HostDictionary.h"
+#include "QXLog/recording/HostStrings.h"
+
+namespace {
+
+using qxlog::NullableString;
+using qxlog::recording::DictionaryHandle;
+
+void behavior(DictionaryHandle pushLog, NullableString url, bool diagnosis) {
+  if (!qxlog::recording::environmentReady()) {
+    return qxlog::recording::retryLater([=] { behavior(pushLog, url, diagnosis); });
+  }
+  QXLogCenter::center().pushLog(pushLog.snapshot(), url, diagnosis);
+}
+
+}  // namespace
+
+void recordBehaviorLog(QXLogDictionary* pushLog, const char* url, bool diagnosis) {
+  behavior(DictionaryHandle(pushLog), qxlog::recording::fromHost(url), diagnosis);
+}

@@ -1,0 +1,14 @@
+// Readiness, the millisecond clock and the version constants.
+#include "QXLog/QXLog.h"
+#include "QXLog/recording/Gate.h"
+#include "QXLog/recording/HostStrings.h"
+#include "QXLog/support/Time.h"
+
+extern "C" {
+const double QXLogVersionNumber = 1.0;
+const unsigned char QXLogVersionString[] = "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n";
+}
+
+void logEnvReady(bool ready) { qxlog::recording::setEnvironmentReady(ready); }
+
+char* currentTime(void) { return qxlog::recording::toHost(qxlog::currentMillisText()); }

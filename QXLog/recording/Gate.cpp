@@ -1,0 +1,22 @@
+#include "QXLog/recording/Gate.h"
+
+#include <atomic>
+
+#include "QXLog/platform/Dispatch.h"
+
+namespace qxlog::recording {
+namespace {
+
+// The readiness flag. Relaxed ordering is enough: a report that misses a
+// change is retried five seconds later.
+std::atomic<bool> g_prepare_log_env{false};
+
+}  // namespace
+
+bool environmentReady() { return g_prepare_log_env.load(std::memory_order_relaxed); }
+
+void setEnvironmentReady(bool ready) { g_prepare_log_env.store(ready, std::memory_order_relaxed); }
+
+void retryLater(platform::Task retry) { platform::mainQueue()->post(std::move(retry), kRetryDelay); }
+
+}  // namespace qxlog::recording

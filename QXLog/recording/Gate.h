@@ -1,0 +1,23 @@
+// The readiness gate that every reporting function passes first. Until the
+// host declares its context ready, a report re-schedules itself, with the
+// arguments it captured, on the main queue five seconds later, again and again.
+#ifndef QXLOG_RECORDING_GATE_H_
+#define QXLOG_RECORDING_GATE_H_
+
+#include <chrono>
+
+#include "QXLog/platform/Executor.h"
+
+namespace qxlog::recording {
+
+inline constexpr std::chrono::nanoseconds kRetryDelay = std::chrono::seconds(5);
+
+bool environmentReady();
+void setEnvironmentReady(bool ready);
+
+// Schedules the retry of a report that found the environment not ready.
+void retryLater(platform::Task retry);
+
+}  // namespace qxlog::recording
+
+#endif  // QXLOG_RECORDING_GATE_H_

@@ -1,0 +1,53 @@
+// The C helpers through which a host sets context and serves the main queue.
+#include <cstdlib>
+
+#include "QXLog/QXLog.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Documents.h"
+#include "QXLog/recording/HostStrings.h"
+
+using qxlog::recording::fromHost;
+using qxlog::recording::toHost;
+
+void QXLogFree(void* pointer) { std::free(pointer); }
+
+void QXLogFormatSetString(const char* property, const char* value) {
+  if (property == nullptr) return;
+  QXLogCenter::center().format().setStringProperty(property, fromHost(value));
+}
+
+char* QXLogFormatCopyString(const char* property) {
+  if (property == nullptr) return nullptr;
+  auto value = QXLogCenter::center().format().stringProperty(property);
+  return value ? toHost(*value) : nullptr;
+}
+
+void QXLogFormatSetIsDev(bool isDev) { QXLogCenter::center().format().setIsDev(isDev); }
+
+void QXLogSetScreenScale(double scale) { QXLogCenter::center().format().setScreenScale(scale); }
+
+void QXLogCenterGetLogServerInfo(void) { QXLogCenter::center().getLogServerInfo(); }
+
+void QXLogCenterSaveActionStartTime(const char* key) {
+  if (key == nullptr) return;  // a nil key has no entry to mark
+  QXLogCenter::center().saveActionStartTime(*fromHost(key));
+}
+
+void QXLogSetDocumentsDirectory(const char* path) {
+  qxlog::platform::setDocumentsDirectory(path != nullptr ? path : "");
+}
+
+void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context), void* context) {
+  if (handler == nullptr) {
+    qxlog::platform::setConsoleSink(nullptr);
+    return;
+  }
+  qxlog::platform::setConsoleSink(
+      [handler, context](const std::string& line) { handler(line.c_str(), context); });
+}
+
+void QXLogMainQueueDrain(void) { qxlog::platform::defaultMainQueue().drain(); }
+void QXLogMainQueueRun(void) { qxlog::platform::defaultMainQueue().run(); }
+void QXLogMainQueueStop(void) { qxlog::platform::defaultMainQueue().stop(); }

@@ -1,0 +1,65 @@
+// The queue-file methods of QXLogHelper: whole collections mirrored in XML
+// property lists in the Documents directory.
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Documents.h"
+#include "QXLog/platform/Files.h"
+#include "QXLog/platform/PropertyList.h"
+
+namespace platform = qxlog::platform;
+
+namespace {
+
+// The file's path, after making sure that a file exists there.
+std::string ensureFile(std::string_view plist) {
+  std::string path = platform::documentsPath(plist);
+  if (!platform::fileExists(path)) platform::createEmptyFile(path);
+  return path;
+}
+
+template <typename Collection>
+void write(const Collection& root, std::string_view plist) {
+  std::string path = ensureFile(plist);
+  std::string xml;
+  xml.reserve(256 + root.size() * 512);
+  platform::appendXmlPropertyList(xml, root);
+  platform::writeFileAtomically(path, xml);
+}
+
+std::optional<qxlog::Value> read(const std::string& path) {
+  std::optional<std::string> bytes = platform::readFile(path);
+  if (!bytes) return std::nullopt;
+  return platform::parsePropertyList(*bytes);
+}
+
+}  // namespace
+
+const QXLogHelper::Array& QXLogHelper::store(const Array& array, std::string_view plist) {
+  write(array, plist);
+  return array;
+}
+
+std::optional<QXLogHelper::Array> QXLogHelper::store(std::nullptr_t, std::string_view plist) {
+  std::optional<Value> root = read(ensureFile(plist));
+  if (!root || !root->isArray()) return std::nullopt;
+  return std::move(*root->asArray());
+}
+
+const QXLogHelper::Dictionary& QXLogHelper::storeDict(const Dictionary& dictionary,
+                                                      std::string_view plist) {
+  write(dictionary, plist);
+  return dictionary;
+}
+
+std::optional<QXLogHelper::Dictionary> QXLogHelper::storeDict(std::nullptr_t,
+                                                              std::string_view plist) {
+  std::optional<Value> root = read(ensureFile(plist));
+  if (!root || !root->isDictionary()) return std::nullopt;
+  return std::move(*root->asDictionary());
+}
+
+void QXLogHelper::removePlist(std::string_view plist) {
+  if (platform::removeFile(platform::documentsPath(plist))) {
+    platform::consoleWrite("文件删除成功 = " + std::string(plist));
+  }
+}

@@ -1,0 +1,175 @@
+#include "tests/support/TestPlatform.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+
+#include "QXLog/center/CenterRegistry.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Documents.h"
+#include "QXLog/platform/Files.h"
+#include "QXLog/platform/PropertyList.h"
+#include "QXLog/recording/Gate.h"
+
+namespace qxlog::testing {
+
+double VirtualClock::wallSeconds() const {
+  std::lock_guard lock(mutex_);
+  return wall_;
+}
+
+int64_t VirtualClock::monotonicNanos() const {
+  std::lock_guard lock(mutex_);
+  return monotonic_;
+}
+
+std::tm VirtualClock::localTime(double wallSeconds) const {
+  std::lock_guard lock(mutex_);
+  std::time_t shifted = static_cast<std::time_t>(std::floor(wallSeconds)) + utcOffset_;
+  std::tm result{};
+  gmtime_r(&shifted, &result);
+  return result;
+}
+
+void VirtualClock::advance(std::chrono::nanoseconds by) {
+  std::lock_guard lock(mutex_);
+  monotonic_ += by.count();
+  wall_ += std::chrono::duration<double>(by).count();
+}
+
+void VirtualClock::setWallSeconds(double seconds) {
+  std::lock_guard lock(mutex_);
+  wall_ = seconds;
+}
+
+void VirtualClock::setUtcOffset(std::chrono::seconds offset) {
+  std::lock_guard lock(mutex_);
+  utcOffset_ = offset.count();
+}
+
+class VirtualDispatcher::Lane final : public platform::Executor {
+ public:
+  explicit Lane(VirtualDispatcher* owner) : owner_(owner) {}
+  void post(platform::Task task, std::chrono::nanoseconds delay) override {
+    owner_->post(std::move(task), delay);
+  }
+
+ private:
+  VirtualDispatcher* owner_;
+};
+
+VirtualDispatcher::VirtualDispatcher(std::shared_ptr<VirtualClock> clock)
+    : clock_(std::move(clock)),
+      main_(std::make_shared<Lane>(this)),
+      global_(std::make_shared<Lane>(this)) {}
+
+void VirtualDispatcher::post(platform::Task task, std::chrono::nanoseconds delay) {
+  std::lock_guard lock(mutex_);
+  schedule_.add(std::move(task), clock_->monotonicNanos() + delay.count());
+}
+
+void VirtualDispatcher::advance(std::chrono::nanoseconds by) {
+  const int64_t target = clock_->monotonicNanos() + by.count();
+  for (;;) {
+    std::optional<platform::Task> task;
+    {
+      std::lock_guard lock(mutex_);
+      if (schedule_.empty() || schedule_.nextDue() > target) break;
+      int64_t due = schedule_.nextDue();
+      int64_t now = clock_->monotonicNanos();
+      if (due > now) clock_->advance(std::chrono::nanoseconds(due - now));
+      task = schedule_.takeDue(clock_->monotonicNanos());
+    }
+    (*task)();
+  }
+  int64_t now = clock_->monotonicNanos();
+  if (target > now) clock_->advance(std::chrono::nanoseconds(target - now));
+}
+
+std::size_t VirtualDispatcher::pending() const {
+  std::lock_guard lock(mutex_);
+  return schedule_.size();
+}
+
+void ConsoleCapture::add(const std::string& line) {
+  std::lock_guard lock(mutex_);
+  lines_.push_back(line);
+}
+
+std::vector<std::string> ConsoleCapture::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+bool ConsoleCapture::contains(const std::string& line) const {
+  for (const std::string& candidate : lines()) {
+    if (candidate == line) return true;
+  }
+  return false;
+}
+
+std::size_t ConsoleCapture::countStartingWith(const std::string& prefix) const {
+  std::size_t count = 0;
+  for (const std::string& candidate : lines()) count += candidate.rfind(prefix, 0) == 0;
+  return count;
+}
+
+void LibraryTest::SetUp() {
+  char pattern[] = "/tmp/qxlog-test-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  documents_ = pattern;
+  clock_ = std::make_shared<VirtualClock>();
+  dispatcher_ = std::make_unique<VirtualDispatcher>(clock_);
+  console_ = std::make_shared<ConsoleCapture>();
+  platform::setClock(clock_);
+  platform::setMainQueue(dispatcher_->mainQueue());
+  platform::setGlobalQueue(dispatcher_->globalQueue());
+  platform::setConsoleSink([console = console_](const std::string& line) { console->add(line); });
+  platform::setDocumentsDirectory(documents_);
+  recording::setEnvironmentReady(false);
+  CenterRegistry::replaceForTesting();
+}
+
+void LibraryTest::TearDown() {
+  recording::setEnvironmentReady(false);
+  platform::setMainQueue(nullptr);
+  platform::setGlobalQueue(nullptr);
+  platform::setConsoleSink(nullptr);
+  platform::setClock(nullptr);
+  platform::setDocumentsDirectory("");
+  std::error_code ignored;
+  std::filesystem::remove_all(documents_, ignored);
+}
+
+void LibraryTest::restart() { CenterRegistry::replaceForTesting(); }
+
+std::string LibraryTest::documentsPath(const std::string& fileName) const {
+  return documents_ + "/" + fileName;
+}
+
+std::optional<Array> LibraryTest::readQueueFile(const std::string& fileName) const {
+  std::optional<std::string> bytes = platform::readFile(documentsPath(fileName));
+  if (!bytes) return std::nullopt;
+  std::optional<Value> root = platform::parsePropertyList(*bytes);
+  if (!root || !root->isArray()) return std::nullopt;
+  return *root->asArray();
+}
+
+Dictionary strings(std::initializer_list<std::pair<std::string_view, std::string_view>> pairs) {
+  return makeStringDictionary(pairs);
+}
+
+std::string field(const Dictionary& record, std::string_view key) {
+  const Value* value = record.find(key);
+  if (value == nullptr) return "<missing>";
+  const std::string* text = value->asString();
+  return text != nullptr ? *text : "<not a string>";
+}
+
+std::string field(const Value& record, std::string_view key) {
+  const Dictionary* dictionary = record.asDictionary();
+  return dictionary != nullptr ? field(*dictionary, key) : "<not a dictionary>";
+}
+
+}  // namespace qxlog::testing

@@ -1,0 +1,111 @@
+// Test stand-ins for the platform: a virtual clock, a deterministic dispatcher
+// that runs main-queue and global-queue tasks in time order on the test's
+// thread, a console capture, and a fixture that gives each test its own
+// Documents directory and a fresh log center.
+#ifndef QXLOG_TESTS_SUPPORT_TESTPLATFORM_H_
+#define QXLOG_TESTS_SUPPORT_TESTPLATFORM_H_
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "QXLog/QXLogValue.h"
+#include "QXLog/platform/Clock.h"
+#include "QXLog/platform/Executor.h"
+#include "QXLog/platform/TaskSchedule.h"
+
+namespace qxlog::testing {
+
+class VirtualClock final : public platform::Clock {
+ public:
+  explicit VirtualClock(double wallSeconds = 1700000000.0) : wall_(wallSeconds) {}
+
+  double wallSeconds() const override;
+  int64_t monotonicNanos() const override;
+  std::tm localTime(double wallSeconds) const override;
+
+  // Moves both clocks forward.
+  void advance(std::chrono::nanoseconds by);
+  // Moves the wall clock alone, as when the user changes the device's time.
+  void setWallSeconds(double seconds);
+  // The local time zone, as an offset east of UTC.
+  void setUtcOffset(std::chrono::seconds offset);
+
+ private:
+  mutable std::mutex mutex_;
+  double wall_;
+  int64_t monotonic_ = 0;
+  int64_t utcOffset_ = 0;
+};
+
+// One timeline for both queues; tasks run on the calling thread when the test
+// advances time.
+class VirtualDispatcher {
+ public:
+  explicit VirtualDispatcher(std::shared_ptr<VirtualClock> clock);
+
+  std::shared_ptr<platform::Executor> mainQueue() const { return main_; }
+  std::shared_ptr<platform::Executor> globalQueue() const { return global_; }
+
+  // Runs, in due order, every task due within `by`, moving the clock to each
+  // task's due time, and ends with the clock moved by `by`.
+  void advance(std::chrono::nanoseconds by);
+  // Runs the tasks that are due now, including ones they post for now.
+  void runDue() { advance(std::chrono::nanoseconds(0)); }
+  std::size_t pending() const;
+
+ private:
+  class Lane;
+  void post(platform::Task task, std::chrono::nanoseconds delay);
+
+  std::shared_ptr<VirtualClock> clock_;
+  mutable std::mutex mutex_;
+  platform::TaskSchedule schedule_;
+  std::shared_ptr<platform::Executor> main_;
+  std::shared_ptr<platform::Executor> global_;
+};
+
+class ConsoleCapture {
+ public:
+  void add(const std::string& line);
+  std::vector<std::string> lines() const;
+  bool contains(const std::string& line) const;
+  std::size_t countStartingWith(const std::string& prefix) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+// Installs the virtual platform and a fresh center over a new temporary
+// Documents directory; undoes it all afterwards.
+class LibraryTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // A new center over the same directory, as after a restart of the process.
+  void restart();
+  std::string documentsPath(const std::string& fileName) const;
+  // The queue file, read back by libplist; nothing when it holds no array.
+  std::optional<Array> readQueueFile(const std::string& fileName) const;
+
+  std::shared_ptr<VirtualClock> clock_;
+  std::unique_ptr<VirtualDispatcher> dispatcher_;
+  std::shared_ptr<ConsoleCapture> console_;
+  std::string documents_;
+};
+
+// A dictionary of strings, for expectations.
+Dictionary strings(std::initializer_list<std::pair<std::string_view, std::string_view>> pairs);
+// The string under a key of a value holding a dictionary, or "<missing>".
+std::string field(const Value& record, std::string_view key);
+std::string field(const Dictionary& record, std::string_view key);
+
+}  // namespace qxlog::testing
+
+#endif  // QXLOG_TESTS_SUPPORT_TESTPLATFORM_H_
