@@ -7,8 +7,11 @@ namespace {
 
 Value roundTrip(const Value& value) {
   std::optional<Value> parsed = parsePropertyList(toXmlPropertyList(value));
-  EXPECT_TRUE(parsed.has_value());
-  return parsed.value_or(Value());
+  if (!parsed) {
+    ADD_FAILURE() << "the written property list did not parse";
+    return Value();
+  }
+  return std::move(*parsed);
 }
 
 TEST(PropertyListTest, WritesTheStandardXmlForm) {
