@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "QXLog/QXLog.h"
+#include "QXLog/QXLogHelper.h"
+#include "tests/support/UploadFixture.h"
+
+namespace qxlog::testing {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr const char* kActionFile = "UserStatisticalLog.plist";
+
+Dictionary action(const std::string& item) { return strings({{"a_t", "2"}, {"a_1", item}}); }
+
+TEST_F(UploadTest, EachStoreAtBatchSizeOneIsPostedAndConfirmed) {
+  logEnvReady(true);
+  recordActionLog("tap", "1");
+  // The queue leaves with the request, before any answer.
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_FALSE(std::filesystem::exists(documentsPath(kActionFile)));
+  settle();
+
+  ASSERT_EQ(server_->requestCount(), 1u);
+  ReceivedRequest request = server_->requests()[0];
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.path, "/log");
+  EXPECT_EQ(request.header("Content-Type"), "application/x-www-form-urlencoded");
+  EXPECT_FALSE(request.hasHeader("Content-Encoding"));  // never on a first ordinary attempt
+  EXPECT_EQ(request.param("token"), *QXLogHelper::tokenString(std::nullopt));
+  EXPECT_EQ(request.params.count("log_data_str"), 0u);
+  EXPECT_EQ(sentItems(0), std::vector<std::string>{"tap"});
+  Value decoded = body(0);
+  EXPECT_EQ(*decoded.asDictionary()->find("t"), Value(format().publicLog()));
+  EXPECT_EQ(console_->countStartingWith("Ostra->LogContent:{\"t\":"), 1u);
+}
+
+TEST_F(UploadTest, BatchSizeDecidesWhenTheQueueGoesOut) {
+  logEnvReady(true);
+  format().setLimitLogCount(20);
+  for (int i = 0; i < 19; ++i) recordActionLog(std::to_string(i).c_str(), "");
+  settle();
+  EXPECT_EQ(server_->requestCount(), 0u);
+  recordActionLog("19", "");
+  settle();
+  ASSERT_EQ(server_->requestCount(), 1u);
+  EXPECT_EQ(records(0).size(), 20u);
+
+  format().setLimitLogCount(0);  // every store submits
+  recordActionLog("a", "");
+  recordActionLog("b", "");
+  settle();
+  EXPECT_EQ(server_->requestCount(), 3u);
+
+  format().setIsDev(true);  // pairs
+  recordActionLog("c", "");
+  settle();
+  EXPECT_EQ(server_->requestCount(), 3u);
+  recordActionLog("d", "");
+  settle();
+  ASSERT_EQ(server_->requestCount(), 4u);
+  EXPECT_EQ(sentItems(3), (std::vector<std::string>{"c", "d"}));
+}
+
+TEST_F(UploadTest, PlayRecordsWithoutAHeaderHoldEverythingBackUntilAPlayStarts) {
+  logEnvReady(true);
+  recordPlayActionLog("4", "1", "0", "1", "0", "10", "0");
+  for (int i = 0; i < 3; ++i) recordActionLog("held", "");
+  settle();
+  EXPECT_EQ(server_->requestCount(), 0u);
+  EXPECT_EQ(center().actionLog().size(), 3u);
+
+  // The next play start closes nothing (no header yet) but sets one; the next
+  // store folds the waiting play record under it, and submits everything.
+  recordMoviePlayLog("m1", "/local/file", "home", true, nullptr);
+  recordActionLog("after", "");
+  settle();
+  ASSERT_EQ(server_->requestCount(), 1u);
+  Array sent = records(0);
+  ASSERT_EQ(sent.size(), 5u);
+  EXPECT_EQ(field(sent[4], "a_7"), "m1");
+  EXPECT_TRUE(center().playActionLog().empty());
+}
+
+TEST_F(UploadTest, FiveHundredRecordsAreSentAndALongerBacklogIsDiscarded) {
+  format().setLimitLogCount(100000);
+  Array backlog;
+  for (int i = 0; i < 500; ++i) backlog.push_back(Value(action(std::to_string(i))));
+  center().setActionLog(backlog);
+  center().submitAllLog();
+  settle();
+  ASSERT_EQ(server_->requestCount(), 1u);
+  EXPECT_EQ(records(0).size(), 500u);
+
+  backlog.push_back(Value(action("500")));
+  for (const Value& record : backlog) center().storeActionLog(*record.asDictionary());
+  ASSERT_EQ(center().actionLog().size(), 501u);
+  center().submitAllLog();
+  settle();
+  EXPECT_EQ(server_->requestCount(), 1u);
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_FALSE(std::filesystem::exists(documentsPath(kActionFile)));
+  EXPECT_TRUE(console_->contains("文件删除成功 = UserStatisticalLog.plist"));
+}
+
+TEST_F(UploadTest, PlayRecordsAloneSendAnEmptyBatch) {
+  center().storePlayLog(strings({{"p_2", "4"}}));  // no header: nothing folds
+  center().submitAllLog();
+  settle();
+  ASSERT_EQ(server_->requestCount(), 1u);
+  EXPECT_TRUE(records(0).empty());
+  EXPECT_EQ(center().playActionLog().size(), 1u);
+}
+
+TEST_F(UploadTest, AFailedRequestIsRepeatedOnceWithTheSameEnvelopeAndTheGzipHeader) {
+  server_->script({500, "application/json", "{}"});
+  server_->script({500, "application/json", "{}"});
+  center().storeActionLog(action("lost"));
+  settle();
+  ASSERT_EQ(server_->requestCount(), 2u);
+  std::vector<ReceivedRequest> sent = server_->requests();
+  EXPECT_FALSE(sent[0].hasHeader("Content-Encoding"));
+  EXPECT_EQ(sent[1].header("Content-Encoding"), "gzip");
+  EXPECT_EQ(sent[1].path, "/log");
+  EXPECT_EQ(sent[1].param("log_data"), sent[0].param("log_data"));
+  EXPECT_EQ(sent[1].param("token"), sent[0].param("token"));
+  // The repeat has no plain-text copy left to trace.
+  EXPECT_TRUE(console_->contains("Ostra->LogContent:(null)"));
+  // After the second failure the batch is gone, from memory and from disk.
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_FALSE(std::filesystem::exists(documentsPath(kActionFile)));
+}
+
+TEST_F(UploadTest, ARepeatThatSucceedsConfirmsTheBatch) {
+  server_->script({503, "text/html", "busy"});
+  center().storeActionLog(action("kept"));
+  settle();
+  ASSERT_EQ(server_->requestCount(), 2u);
+  EXPECT_EQ(sentItems(1), std::vector<std::string>{"kept"});
+  EXPECT_TRUE(center().actionLog().empty());
+}
+
+TEST_F(UploadTest, RepeatsStayOffUntilAnUploadCompletesAgain) {
+  server_->setFallback({500, "application/json", "{}"});
+  center().storeActionLog(action("first"));  // fails, repeats, fails
+  settle();
+  center().storeActionLog(action("second"));  // fails, no repeat
+  settle();
+  EXPECT_EQ(server_->requestCount(), 3u);
+
+  server_->script(ScriptedAnswer::json(R"({"operate_code":"500"})"));  // completes: clears the flag
+  center().storeActionLog(action("third"));
+  settle();
+  center().storeActionLog(action("fourth"));  // fails and is repeated again
+  settle();
+  EXPECT_EQ(server_->requestCount(), 6u);
+  EXPECT_EQ(sentItems(5), std::vector<std::string>{"fourth"});
+}
+
+TEST_F(UploadTest, AnswersThatAreNotAcceptedTakeTheFailurePath) {
+  struct Case {
+    const char* name;
+    ScriptedAnswer answer;
+  };
+  for (const Case& c : {Case{"status 500", {500, "application/json", R"({"operate_code":"200"})"}},
+                        Case{"wrong type", {200, "text/plain", R"({"operate_code":"200"})"}},
+                        Case{"not json", {200, "application/json", "<html>ok</html>"}},
+                        Case{"empty", {200, "application/json", ""}}}) {
+    SCOPED_TRACE(c.name);
+    TearDown();
+    SetUp();
+    server_->script(c.answer);
+    center().storeActionLog(action("x"));
+    settle();
+    EXPECT_EQ(server_->requestCount(), 2u);  // the answer failed, so the batch was repeated
+  }
+}
+
+TEST_F(UploadTest, OnlyTheStringCode200ConfirmsAndRestartsTheTimer) {
+  format().setPush_interval_time(Value("2000"));  // N = 2: a submission 4 s after a restart
+  format().setLimitLogCount(1000);
+  server_->script(ScriptedAnswer::json(R"({"operate_code":200})"));
+  center().storeActionLog(action("numeric"));
+  center().submitAllLog();
+  settle();
+  ASSERT_EQ(server_->requestCount(), 1u);  // completed: no repeat
+  EXPECT_TRUE(center().actionLog().empty());  // and dropped
+  EXPECT_EQ(dispatcher_->pending(), 0u);      // no timer
+
+  center().storeActionLog(action("confirmed"));
+  center().submitAllLog();
+  settle();
+  ASSERT_EQ(server_->requestCount(), 2u);
+  EXPECT_GT(dispatcher_->pending(), 0u);  // the restarted timer
+  center().storeActionLog(action("timed"));
+  dispatcher_->advance(seconds(3));
+  EXPECT_EQ(server_->requestCount(), 2u);
+  dispatcher_->advance(seconds(1));
+  ASSERT_EQ(server_->requestCount(), 3u);
+  EXPECT_EQ(sentItems(2), std::vector<std::string>{"timed"});
+}
+
+TEST_F(UploadTest, ConnectionRefusedIsATransportFailure) {
+  format().setPushLogUrl(refusedUrl("/log"));
+  center().storeActionLog(action("x"));
+  settle();
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_EQ(console_->countStartingWith("Ostra->LogContent:"), 2u);  // first try and repeat
+}
+
+TEST_F(UploadTest, DiagnosisUploadsLeaveTheQueueAloneAndRestartTheTimer) {
+  format().setLimitLogCount(1000);
+  center().storeActionLog(action("queued"));
+  Dictionary envelope = strings({{"diagnosis_log", "abc"}, {"token", "t"}});
+  center().pushLog(envelope, format().pushDiagnosisUrl(), true);
+  settle();
+  ASSERT_EQ(server_->requestCount(), 1u);
+  ReceivedRequest request = server_->requests()[0];
+  EXPECT_EQ(request.path, "/diagnosis");
+  EXPECT_EQ(request.header("Content-Encoding"), "gzip");
+  EXPECT_EQ(request.param("diagnosis_log"), "abc");
+  EXPECT_EQ(center().actionLog().size(), 1u);
+  EXPECT_GT(dispatcher_->pending(), 0u);  // the timer restarted by the "200"
+}
+
+TEST_F(UploadTest, AFailedDiagnosisSwapsTheQueueForItsSnapshot) {
+  format().setLimitLogCount(1000);
+  server_->setFallback({500, "application/json", "{}"});
+  center().storeActionLog(action("before"));
+  center().pushLog(strings({{"diagnosis_log", "x"}}), format().pushDiagnosisUrl(), true);
+  center().storeActionLog(action("meanwhile"));  // while the request is in flight
+  settle();
+  // The failure restored the queue as it was when the upload started.
+  Array queue = center().actionLog();
+  ASSERT_EQ(queue.size(), 1u);
+  EXPECT_EQ(field(queue[0], "a_1"), "before");
+  EXPECT_EQ(server_->requestCount(), 2u);
+}
+
+TEST_F(UploadTest, EmptyEnvelopesAndEmptyQueuesSendNothing) {
+  center().pushLog(Dictionary(), server_->url("/x"), true);
+  center().pushLog(strings({{"log_data", "x"}}), std::string(), false);  // both queues empty
+  settle();
+  EXPECT_EQ(server_->requestCount(), 0u);
+}
+
+TEST_F(UploadTest, BehaviorLogPostsTheHostsDictionaryAsItIs) {
+  QXLogDictionary* fields = QXLogDictionaryCreateWithJSON(
+      R"({"event":"share","value":"a+b=c/d","nested":{"k":"v"},"log_data_str":"trace"})");
+  ASSERT_NE(fields, nullptr);
+  std::string url = server_->url("/behavior");
+  recordBehaviorLog(fields, url.c_str(), true);  // waits for readiness, keeping the handle
+  QXLogDictionaryRelease(fields);
+  logEnvReady(true);
+  dispatcher_->advance(seconds(5));
+  ASSERT_EQ(server_->requestCount(), 1u);
+  ReceivedRequest request = server_->requests()[0];
+  EXPECT_EQ(request.path, "/behavior");
+  EXPECT_EQ(request.param("event"), "share");
+  EXPECT_EQ(request.param("value"), "a+b=c/d");
+  EXPECT_EQ(request.param("nested[k]"), "v");
+  EXPECT_EQ(request.params.count("log_data_str"), 0u);
+  EXPECT_EQ(request.header("Content-Encoding"), "gzip");
+  EXPECT_TRUE(console_->contains("Ostra->LogContent:trace"));
+}
+
+}  // namespace
+}  // namespace qxlog::testing
