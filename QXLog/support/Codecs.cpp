@@ -1,13 +1,203 @@
-// Byte codecs and the day token.
-#include "QXLog/QXLogHelper.h"
+// Byte codecs: MD5, gzip both ways, AES-128-ECB, base64 and the upload pipeline.
+#include "QXLog/support/Codecs.h"
 
-QXLogHelper::NullableString QXLogHelper::md5String(const NullableString&) { return std::nullopt; }
-QXLogHelper::Data QXLogHelper::gzipDeflate(const Data& data) { return data; }
-QXLogHelper::Data QXLogHelper::gzipInflate(const Data& data) { return data; }
-QXLogHelper::Data QXLogHelper::data_AES256(const Data&, const NullableString&) {
-  return std::nullopt;
+#include <openssl/evp.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <memory>
+
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/QXLogMessageFormat.h"
+#include "QXLog/platform/Json.h"
+
+namespace qxlog::support {
+namespace {
+
+constexpr std::size_t kDeflateStep = 16384;
+constexpr std::size_t kAesBlock = 16;
+
+struct CipherContextFree {
+  void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
+};
+
+Bytef* bytesOf(std::string& buffer, uLong offset) {
+  return reinterpret_cast<Bytef*>(buffer.data()) + offset;
 }
-QXLogHelper::NullableString QXLogHelper::base64String(const Value&) { return std::nullopt; }
-QXLogHelper::NullableString QXLogHelper::tokenString(const NullableString&) {
-  return std::nullopt;
+
+}  // namespace
+
+Bytes gzipBytes(std::string_view bytes) {
+  if (bytes.empty()) return std::string();
+  // zlib counts input in 32 bits; a larger body cannot be finished in one pass.
+  if (bytes.size() > UINT_MAX) return std::nullopt;
+  z_stream stream{};
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+  stream.avail_in = static_cast<uInt>(bytes.size());
+  // Default level, deflate, 15-bit window with the gzip wrapper (15 + 16).
+  if (deflateInit2_(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY,
+                    ZLIB_VERSION, static_cast<int>(sizeof(z_stream))) != Z_OK) {
+    return std::nullopt;
+  }
+  std::string out(kDeflateStep, '\0');
+  do {
+    if (stream.total_out >= out.size()) out.resize(out.size() + kDeflateStep);
+    stream.next_out = bytesOf(out, stream.total_out);
+    stream.avail_out = static_cast<uInt>(out.size() - stream.total_out);
+    if (deflate(&stream, Z_FINISH) == Z_STREAM_ERROR) {
+      deflateEnd(&stream);
+      return std::nullopt;
+    }
+  } while (stream.avail_out == 0);
+  deflateEnd(&stream);
+  out.resize(stream.total_out);
+  return out;
+}
+
+std::array<unsigned char, 16> aesKey(const NullableString& key) {
+  // A 16-byte key: the UTF-8 bytes, zero padded; bytes after the 16th are unused.
+  std::array<unsigned char, 16> bytes{};
+  if (key) std::memcpy(bytes.data(), key->data(), std::min(key->size(), bytes.size()));
+  return bytes;
+}
+
+Bytes encryptBytes(std::string_view bytes, const NullableString& key) {
+  const std::array<unsigned char, 16> keyBytes = aesKey(key);
+  std::unique_ptr<EVP_CIPHER_CTX, CipherContextFree> context(EVP_CIPHER_CTX_new());
+  if (!context || EVP_EncryptInit_ex(context.get(), EVP_aes_128_ecb(), nullptr, keyBytes.data(),
+                                     nullptr) != 1) {
+    return std::nullopt;
+  }
+  // One allocation: PKCS#7 adds 1 to 16 bytes.
+  std::string out(bytes.size() + kAesBlock, '\0');
+  auto* output = reinterpret_cast<unsigned char*>(out.data());
+  const auto* input = reinterpret_cast<const unsigned char*>(bytes.data());
+  std::size_t written = 0;
+  std::size_t offset = 0;
+  // The cipher counts in int; feed it whole blocks of at most 1 GiB at a time.
+  constexpr std::size_t kChunk = std::size_t{1} << 30;
+  while (offset < bytes.size()) {
+    const std::size_t chunk = std::min(kChunk, bytes.size() - offset);
+    int produced = 0;
+    if (EVP_EncryptUpdate(context.get(), output + written, &produced, input + offset,
+                          static_cast<int>(chunk)) != 1) {
+      return std::nullopt;
+    }
+    written += static_cast<std::size_t>(produced);
+    offset += chunk;
+  }
+  int produced = 0;
+  if (EVP_EncryptFinal_ex(context.get(), output + written, &produced) != 1) return std::nullopt;
+  written += static_cast<std::size_t>(produced);
+  out.resize(written);
+  return out;
+}
+
+std::string base64Encode(std::string_view bytes) {
+  static constexpr char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  out.resize((bytes.size() + 2) / 3 * 4);
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  char* o = out.data();
+  std::size_t i = 0;
+  for (; i + 3 <= bytes.size(); i += 3) {
+    const uint32_t n = (uint32_t{in[i]} << 16) | (uint32_t{in[i + 1]} << 8) | in[i + 2];
+    *o++ = kAlphabet[(n >> 18) & 63];
+    *o++ = kAlphabet[(n >> 12) & 63];
+    *o++ = kAlphabet[(n >> 6) & 63];
+    *o++ = kAlphabet[n & 63];
+  }
+  const std::size_t rest = bytes.size() - i;
+  if (rest > 0) {
+    uint32_t n = uint32_t{in[i]} << 16;
+    if (rest == 2) n |= uint32_t{in[i + 1]} << 8;
+    *o++ = kAlphabet[(n >> 18) & 63];
+    *o++ = kAlphabet[(n >> 12) & 63];
+    *o++ = rest == 2 ? kAlphabet[(n >> 6) & 63] : '=';
+    *o++ = '=';
+  }
+  return out;
+}
+
+NullableString sealJson(const std::optional<std::string_view>& json) {
+  // Nil JSON compresses to nothing, and nothing still encrypts to one
+  // padding block.
+  Bytes compressed = json ? gzipBytes(*json) : std::nullopt;
+  const NullableString key = QXLogCenter::center().format().logEncryptionKey();
+  Bytes sealed = encryptBytes(compressed ? std::string_view(*compressed) : std::string_view(), key);
+  if (!sealed) return std::nullopt;
+  return base64Encode(*sealed);
+}
+
+}  // namespace qxlog::support
+
+namespace support = qxlog::support;
+
+QXLogHelper::NullableString QXLogHelper::md5String(const NullableString& text) {
+  if (!text || text->empty()) return std::nullopt;
+  // Hashed as a C string: an embedded NUL ends the input.
+  const std::size_t length = std::strlen(text->c_str());
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int digestLength = 0;
+  if (EVP_Digest(text->data(), length, digest, &digestLength, EVP_md5(), nullptr) != 1 ||
+      digestLength != 16) {
+    return std::nullopt;
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(32);
+  for (unsigned int i = 0; i < digestLength; ++i) {
+    hex += kHex[digest[i] >> 4];
+    hex += kHex[digest[i] & 15];
+  }
+  return hex;
+}
+
+QXLogHelper::Data QXLogHelper::gzipDeflate(const Data& data) {
+  // Empty (or nil) input comes back as it was, without a gzip header.
+  if (!data || data->empty()) return data;
+  return support::gzipBytes(*data);
+}
+
+QXLogHelper::Data QXLogHelper::gzipInflate(const Data& data) {
+  if (!data || data->empty()) return data;
+  if (data->size() > UINT_MAX) return std::nullopt;
+  const std::size_t half = data->size() / 2;
+  std::string out(data->size() + half, '\0');
+  z_stream stream{};
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data->data()));
+  stream.avail_in = static_cast<uInt>(data->size());
+  // 15 + 32: a gzip or a zlib header, whichever is there.
+  if (inflateInit2_(&stream, 47, ZLIB_VERSION, static_cast<int>(sizeof(z_stream))) != Z_OK) {
+    return std::nullopt;
+  }
+  int status = Z_OK;
+  do {
+    // For one byte of input half is 0: the buffer stops growing, inflate makes
+    // no progress and answers Z_BUF_ERROR, which ends the loop.
+    if (stream.total_out >= out.size()) out.resize(out.size() + half);
+    stream.next_out = reinterpret_cast<Bytef*>(out.data()) + stream.total_out;
+    stream.avail_out =
+        static_cast<uInt>(std::min<std::size_t>(out.size() - stream.total_out, UINT_MAX));
+    status = inflate(&stream, Z_SYNC_FLUSH);
+  } while (status == Z_OK);
+  const int ended = inflateEnd(&stream);
+  if (status != Z_STREAM_END || ended != Z_OK) return std::nullopt;
+  out.resize(stream.total_out);
+  return out;
+}
+
+QXLogHelper::Data QXLogHelper::data_AES256(const Data& data, const NullableString& key) {
+  // Despite the name, AES-128: only 16 key bytes are handed to the cipher.
+  return support::encryptBytes(data ? std::string_view(*data) : std::string_view(), key);
+}
+
+QXLogHelper::NullableString QXLogHelper::base64String(const Value& object) {
+  // Every value serialises, so the JSON step here never yields nil.
+  const std::string json = qxlog::platform::toJson(object);
+  return support::sealJson(std::string_view(json));
 }

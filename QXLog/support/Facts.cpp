@@ -1,11 +1,65 @@
-// Device, network and time facts.
-#include "QXLog/QXLogHelper.h"
+// Device facts: emptiness of values, disk sizes and the carrier name.
+#include "QXLog/support/Facts.h"
 
-bool QXLogHelper::isEmptyOrNull(const Value&) { return true; }
-double QXLogHelper::totalDiskSpace() { return 0.0; }
-double QXLogHelper::freeDiskSpace() { return 0.0; }
-std::string QXLogHelper::ispName() { return std::string(); }
-std::string QXLogHelper::lookupHostIPAddressForURL(const NullableString&) { return std::string(); }
-std::string QXLogHelper::getIPAddress() { return std::string(); }
-std::string QXLogHelper::obtainCurrentTime() { return std::string(); }
-std::string QXLogHelper::timeStamp(const Value&) { return std::string(); }
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Documents.h"
+#include "QXLog/platform/Text.h"
+
+namespace qxlog::support {
+
+double totalDiskSpaceOf(const std::string& path) {
+  struct statvfs info {};
+  if (statvfs(path.c_str(), &info) != 0) {
+    const int code = errno;
+    platform::consoleWrite(
+        "Error Obtaining System Memory Info: Domain = NSPOSIXErrorDomain, Code = " +
+        platform::formatInteger(code));
+    return 0.0;
+  }
+  // The size passes through a float on purpose: the figure keeps 24 bits.
+  const uint64_t bytes = static_cast<uint64_t>(info.f_blocks) * info.f_frsize;
+  const double size = static_cast<double>(static_cast<float>(bytes));
+  const double gigabytes = size * 0.0009765625 * 0.0009765625 * 0.0009765625;
+  platform::consoleWrite("Memory Capacity of " + platform::formatFixed(gigabytes, 6) + " GB .");
+  return size;
+}
+
+double freeDiskSpaceOf(const std::string& path) {
+  struct statvfs info {};
+  if (statvfs(path.c_str(), &info) != 0) return kUnknownFreeSpace;
+  // f_bavail counts fragments of f_frsize bytes; the product wraps, never traps.
+  const uint64_t bytes =
+      static_cast<uint64_t>(info.f_frsize) * static_cast<uint64_t>(info.f_bavail);
+  return static_cast<double>(bytes);
+}
+
+}  // namespace qxlog::support
+
+namespace support = qxlog::support;
+
+bool QXLogHelper::isEmptyOrNull(const Value& value) {
+  // Anything but a string counts as empty, numbers included.
+  const std::string* text = value.asString();
+  if (text == nullptr) return true;
+  return text->empty() || *text == "undefined" || *text == "null";
+}
+
+// The total is measured where the queue files live, the free space on "/var".
+double QXLogHelper::totalDiskSpace() {
+  return support::totalDiskSpaceOf(qxlog::platform::documentsDirectory());
+}
+
+double QXLogHelper::freeDiskSpace() {
+  return support::freeDiskSpaceOf("/var");
+}
+
+std::string QXLogHelper::ispName() {
+  return "无运营商";
+}

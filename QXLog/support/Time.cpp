@@ -12,6 +12,8 @@ uint64_t currentMillis() {
   return static_cast<uint64_t>(millis);
 }
 
-std::string currentMillisText() { return std::to_string(currentMillis()); }
+std::string currentMillisText() {
+  return std::to_string(currentMillis());
+}
 
 }  // namespace qxlog

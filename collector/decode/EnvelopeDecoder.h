@@ -1,0 +1,44 @@
+// Server-side reading of an upload's "log_data": base64, then AES-128 in ECB
+// mode with PKCS#7 padding under the host's key, then gunzip, then JSON.
+// The client library only ever seals; this is the other half.
+#ifndef QXLOG_COLLECTOR_DECODE_ENVELOPEDECODER_H_
+#define QXLOG_COLLECTOR_DECODE_ENVELOPEDECODER_H_
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "QXLog/QXLogValue.h"
+
+namespace qxlog::collector {
+
+// The outcome of a decoding step: a value, or an error text saying which
+// step failed and why.
+template <typename T>
+struct Decoded {
+  std::optional<T> value;
+  std::string error;
+
+  static Decoded failure(std::string why) { return Decoded{std::nullopt, std::move(why)}; }
+  explicit operator bool() const { return value.has_value(); }
+};
+
+// Standard base64 with "=" padding; line breaks and other whitespace are
+// skipped. Fails on any other character outside the alphabet, on misplaced
+// padding and on a length that is not a whole number of quanta.
+Decoded<std::string> base64Decode(std::string_view text);
+// AES-128-ECB decryption with PKCS#7 padding checked and removed. The key
+// string becomes 16 bytes as on the client: UTF-8, zero padded or cut; nil is
+// 16 zero bytes.
+Decoded<std::string> decryptLogData(std::string_view ciphertext, const NullableString& key);
+// One complete gzip member, nothing after it.
+Decoded<std::string> gunzip(std::string_view compressed);
+
+// The JSON text of an upload body.
+Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableString& key);
+// The upload body itself, normally {"t": header, "a": records}.
+Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key);
+
+}  // namespace qxlog::collector
+
+#endif  // QXLOG_COLLECTOR_DECODE_ENVELOPEDECODER_H_
