@@ -1,50 +1,16 @@
 // Diagnosis report and body.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/Text.h"
+#include "collector/decode/EnvelopeDecoder.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
 namespace {
-
-// Reverses the body's encoding of a report: base64, AES-128-ECB under the
-// first 16 bytes of the key (zero-filled), gzip, JSON.
-std::optional<Value> decodeReport(const std::string& encoded, const std::string& key) {
-  std::vector<unsigned char> cipher(encoded.size());
-  int decoded = EVP_DecodeBlock(cipher.data(), reinterpret_cast<const unsigned char*>(encoded.data()),
-                                static_cast<int>(encoded.size()));
-  if (decoded < 0 || encoded.size() % 4 != 0) return std::nullopt;
-  std::size_t padding = 0;
-  for (std::size_t i = encoded.size(); i > 0 && encoded[i - 1] == '='; --i) ++padding;
-  cipher.resize(static_cast<std::size_t>(decoded) - padding);
-
-  unsigned char keyBytes[16] = {};
-  for (std::size_t i = 0; i < key.size() && i < 16; ++i) keyBytes[i] = key[i];
-  std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
-                                                                          EVP_CIPHER_CTX_free);
-  std::string plain(cipher.size() + 16, '\0');
-  int written = 0;
-  int finalWritten = 0;
-  auto* out = reinterpret_cast<unsigned char*>(plain.data());
-  if (EVP_DecryptInit_ex(context.get(), EVP_aes_128_ecb(), nullptr, keyBytes, nullptr) != 1 ||
-      EVP_DecryptUpdate(context.get(), out, &written, cipher.data(),
-                        static_cast<int>(cipher.size())) != 1 ||
-      EVP_DecryptFinal_ex(context.get(), out + written, &finalWritten) != 1) {
-    return std::nullopt;
-  }
-  plain.resize(static_cast<std::size_t>(written + finalWritten));
-  QXLogHelper::Data json = QXLogHelper::gzipInflate(plain);
-  if (!json) return std::nullopt;
-  return platform::parseJson(*json);
-}
 
 class DiagnosisRecordsTest : public LibraryTest {
  protected:
@@ -56,13 +22,23 @@ class DiagnosisRecordsTest : public LibraryTest {
   }
 
   // The report inside a body, decoded.
-  Dictionary report(const Dictionary& body, const std::string& key = "0123456789abcdef") {
-    std::optional<Value> decoded = decodeReport(field(body, "diagnosis_log"), key);
-    if (!decoded || !decoded->asDictionary()) {
-      ADD_FAILURE() << "undecodable report: " << field(body, "diagnosis_log");
+  Dictionary report(const Dictionary& body, const NullableString& key = "0123456789abcdef") {
+    auto decoded = collector::decodeLogData(field(body, "diagnosis_log"), key);
+    if (!decoded || !decoded.value->asDictionary()) {
+      ADD_FAILURE() << "undecodable report: " << decoded.error;
       return Dictionary();
     }
-    return *decoded->asDictionary();
+    return *decoded.value->asDictionary();
+  }
+
+  // One section of a decoded report; empty when it is missing.
+  static Dictionary section(const Dictionary& report, std::string_view name) {
+    const Value* value = report.find(name);
+    if (value == nullptr || value->asDictionary() == nullptr) {
+      ADD_FAILURE() << "no section " << name;
+      return Dictionary();
+    }
+    return *value->asDictionary();
   }
 };
 
@@ -97,7 +73,7 @@ TEST_F(DiagnosisRecordsTest, BodyWithoutContextIsEmptyButComplete) {
 
 TEST_F(DiagnosisRecordsTest, ReportPutsEachArgumentUnderItsKey) {
   // The builder takes the prepare time fourth and the end time fifth.
-  Dictionary play = *report(body()).find("play_info")->asDictionary();
+  Dictionary play = section(report(body()), "play_info");
   EXPECT_EQ(play, strings({{"playUrl", "p1"},
                            {"decodeType", "1"},
                            {"definition", "p8"},
@@ -120,32 +96,31 @@ TEST_F(DiagnosisRecordsTest, ReportCarriesUserAndDevice) {
   std::vector<std::string> sections;
   for (const auto& [key, value] : decoded) sections.push_back(key);
   EXPECT_EQ(sections, (std::vector<std::string>{"user_info", "dev_info", "play_info"}));
-  EXPECT_EQ(*decoded.find("user_info")->asDictionary(),
-            strings({{"userID", "u"}, {"userPhone", "ph"}}));
-  EXPECT_EQ(*decoded.find("dev_info")->asDictionary(),
-            strings({{"deviceID", "id"},
-                     {"devBrand", "Pixel"},
-                     {"devMode", "Pixel"},
-                     {"deviceResolution", "3.000000"},
-                     {"devSystemVersion", "14"}}));
+  EXPECT_EQ(section(decoded, "user_info"), strings({{"userID", "u"}, {"userPhone", "ph"}}));
+  EXPECT_EQ(section(decoded, "dev_info"), strings({{"deviceID", "id"},
+                                                   {"devBrand", "Pixel"},
+                                                   {"devMode", "Pixel"},
+                                                   {"deviceResolution", "3.000000"},
+                                                   {"devSystemVersion", "14"}}));
 }
 
 TEST_F(DiagnosisRecordsTest, ReportWithoutContextOrArguments) {
   format().setLogEncryptionKey(std::nullopt);
-  Dictionary result = format().diagnosisLog(std::nullopt, std::nullopt, std::nullopt,
-                                            std::nullopt, std::nullopt, std::nullopt,
-                                            std::nullopt, std::nullopt);
-  Dictionary decoded = report(result, "");
-  for (const char* section : {"user_info", "dev_info", "play_info"}) {
-    const Value* value = decoded.find(section);
-    ASSERT_TRUE(value != nullptr && value->asDictionary() != nullptr) << section;
-    for (const auto& [key, leaf] : *value->asDictionary()) {
+  Dictionary result = format().diagnosisLog(std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                                            std::nullopt, std::nullopt, std::nullopt, std::nullopt);
+  Dictionary decoded = report(result, std::nullopt);
+  std::size_t leaves = 0;
+  for (const char* name : {"user_info", "dev_info", "play_info"}) {
+    Dictionary leavesOf = section(decoded, name);
+    for (const auto& [key, leaf] : leavesOf) {
       std::string expected = key == "decodeType"         ? "1"
                              : key == "deviceResolution" ? "1.000000"
                                                          : "";
-      EXPECT_EQ(field(*value->asDictionary(), key), expected) << section << "." << key;
+      EXPECT_EQ(field(leavesOf, key), expected) << name << "." << key;
+      ++leaves;
     }
   }
+  EXPECT_EQ(leaves, 16u);
 }
 
 TEST_F(DiagnosisRecordsTest, HostReportIsEncodedAsGiven) {

@@ -29,8 +29,8 @@ class PlayRecordsTest : public LibraryTest {
 };
 
 TEST_F(PlayRecordsTest, HeaderOfAStreamedPlay) {
-  Dictionary header = format().playLog("http://localhost/v/a b.m3u8", "home", "m1", false,
-                                       std::nullopt, "5");
+  Dictionary header =
+      format().playLog("http://localhost/v/a b.m3u8", "home", "m1", false, std::nullopt, "5");
   EXPECT_EQ(keysOf(header), (std::vector<std::string>{"a_t", "a_1", "a_3", "a_4", "a_5", "a_6",
                                                       "a_7", "a_8", "a_9"}));
   EXPECT_EQ(field(header, "a_t"), "5");
@@ -45,8 +45,8 @@ TEST_F(PlayRecordsTest, HeaderOfAStreamedPlay) {
 }
 
 TEST_F(PlayRecordsTest, HeaderDefaultsOnlyTypeAndPcdnToOne) {
-  Dictionary header = format().playLog(std::nullopt, std::nullopt, std::nullopt, false,
-                                       std::nullopt, std::nullopt);
+  Dictionary header =
+      format().playLog(std::nullopt, std::nullopt, std::nullopt, false, std::nullopt, std::nullopt);
   EXPECT_EQ(field(header, "a_t"), "1");
   EXPECT_EQ(field(header, "a_9"), "1");
   EXPECT_EQ(field(header, "a_1"), "");
@@ -115,9 +115,8 @@ TEST_F(PlayRecordsTest, PlayTimeIsOffsetBy2000AndFlooredAtZero) {
 }
 
 TEST_F(PlayRecordsTest, NilArgumentsBecomeEmptyAndTraceAsNull) {
-  Dictionary record = format().playActionLog(std::nullopt, std::nullopt, std::nullopt,
-                                             std::nullopt, std::nullopt, std::nullopt,
-                                             std::nullopt);
+  Dictionary record = format().playActionLog(std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                                             std::nullopt, std::nullopt, std::nullopt);
   for (const char* key : {"p_2", "p_3", "p_4", "p_5", "p_6", "p_7"}) {
     EXPECT_EQ(field(record, key), "") << key;
   }
