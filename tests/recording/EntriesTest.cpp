@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
@@ -234,6 +236,25 @@ TEST_F(EntriesTest, TrailerSharesThePlayActionRecordAndFilter) {
   ASSERT_TRUE(queue[1].asDictionary() != nullptr);
   EXPECT_TRUE(queue[1].asDictionary()->empty());
   EXPECT_TRUE(console_->contains("Play-log:{}"));
+}
+
+TEST_F(EntriesTest, PlayActionsFromSeveralThreadsAreAllKept) {
+  logEnvReady(true);
+  constexpr int kPerThread = 100;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        // Distinct start times: no buffering report repeats the previous one.
+        std::string start = std::to_string(t) + "-" + std::to_string(i);
+        recordPlayActionLog("5", "buffering", start.c_str(), "e", "0", "1", "2");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  Array queue = plays();
+  ASSERT_EQ(queue.size(), 2u * kPerThread);
+  for (const Value& record : queue) EXPECT_EQ(field(record, "p_8"), "2002");
 }
 
 TEST_F(EntriesTest, DiagnosesBypassTheQueues) {
