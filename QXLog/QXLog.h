@@ -35,72 +35,69 @@ typedef struct QXLogDictionary QXLogDictionary;
 /* Declares whether the host's context is set. Reports wait while it is false. */
 QXLOG_EXPORT void logEnvReady(bool ready);
 /* Milliseconds since 1970 as text; release with QXLogFree. */
-QXLOG_EXPORT char *currentTime(void);
+QXLOG_EXPORT char* currentTime(void);
 /* Sets dictionary[key] = value, or "" when value is NULL; nothing when key is NULL. */
-QXLOG_EXPORT void put(QXLogDictionary *dictionary, const char *key, const char *value);
+QXLOG_EXPORT void put(QXLogDictionary* dictionary, const char* key, const char* value);
 
-QXLOG_EXPORT void recordLaunchLog(const char *launchLog);
-QXLOG_EXPORT void recordLaunchLogWithPushId(const char *launchLog, const char *push_id);
-QXLOG_EXPORT void recordActionLog(const char *actionLog, const char *movie_index);
-QXLOG_EXPORT void recordBehaviorLog(QXLogDictionary *pushLog, const char *url, bool diagnosis);
-QXLOG_EXPORT void recordNetworkLog(const char *networkLog, int64_t wasteTime,
-                                   const char *errorCode);
-QXLOG_EXPORT void recordDownLog(const char *downLog, const char *movieUrl, const char *movieName,
-                                const char *dataAmount, const char *storagePath,
-                                const char *downsState);
-QXLOG_EXPORT void recordDiagnosLog(const char *diagnosisLog, const char *causeOfFailure,
-                                   const char *playStartTime, const char *endTime,
-                                   const char *prepareTime, const char *duration,
-                                   const char *isPlayOK, const char *definition);
-QXLOG_EXPORT void recordDiagnosCompleteLog(QXLogDictionary *diagnosisOfCompleteInformation);
-QXLOG_EXPORT void recordPlayLog(const char *movie_id, const char *playLog,
-                                const char *view_source, bool isDownload, const char *isPcdn,
-                                const char *videoType);
-QXLOG_EXPORT void recordMoviePlayLog(const char *movie_id, const char *playLog,
-                                     const char *view_source, bool isDownload,
-                                     const char *isPcdn);
-QXLOG_EXPORT void recordSmallPlayLog(const char *movie_id, const char *playLog,
-                                     const char *view_source, bool isDownload,
-                                     const char *isPcdn);
-QXLOG_EXPORT void recordChannelPlayLog(const char *movie_id, const char *playLog,
-                                       const char *view_source, bool isDownload,
-                                       const char *isPcdn);
-QXLOG_EXPORT void recordPlayActionLog(const char *playActionLog, const char *playStatu,
-                                      const char *startTime, const char *endTime,
-                                      const char *startPosition, const char *endPosition,
-                                      const char *playTime);
-QXLOG_EXPORT void recordPlayTrailerLog(const char *playActionLog, const char *playStatu,
-                                       const char *startTime, const char *endTime,
-                                       const char *startPosition, const char *endPosition,
-                                       const char *playTime);
+QXLOG_EXPORT void recordLaunchLog(const char* launchLog);
+QXLOG_EXPORT void recordLaunchLogWithPushId(const char* launchLog, const char* push_id);
+QXLOG_EXPORT void recordActionLog(const char* actionLog, const char* movie_index);
+QXLOG_EXPORT void recordBehaviorLog(QXLogDictionary* pushLog, const char* url, bool diagnosis);
+QXLOG_EXPORT void recordNetworkLog(const char* networkLog, int64_t wasteTime,
+                                   const char* errorCode);
+QXLOG_EXPORT void recordDownLog(const char* downLog, const char* movieUrl, const char* movieName,
+                                const char* dataAmount, const char* storagePath,
+                                const char* downsState);
+QXLOG_EXPORT void recordDiagnosLog(const char* diagnosisLog, const char* causeOfFailure,
+                                   const char* playStartTime, const char* endTime,
+                                   const char* prepareTime, const char* duration,
+                                   const char* isPlayOK, const char* definition);
+QXLOG_EXPORT void recordDiagnosCompleteLog(QXLogDictionary* diagnosisOfCompleteInformation);
+QXLOG_EXPORT void recordPlayLog(const char* movie_id, const char* playLog, const char* view_source,
+                                bool isDownload, const char* isPcdn, const char* videoType);
+QXLOG_EXPORT void recordMoviePlayLog(const char* movie_id, const char* playLog,
+                                     const char* view_source, bool isDownload, const char* isPcdn);
+QXLOG_EXPORT void recordSmallPlayLog(const char* movie_id, const char* playLog,
+                                     const char* view_source, bool isDownload, const char* isPcdn);
+QXLOG_EXPORT void recordChannelPlayLog(const char* movie_id, const char* playLog,
+                                       const char* view_source, bool isDownload,
+                                       const char* isPcdn);
+QXLOG_EXPORT void recordPlayActionLog(const char* playActionLog, const char* playStatu,
+                                      const char* startTime, const char* endTime,
+                                      const char* startPosition, const char* endPosition,
+                                      const char* playTime);
+QXLOG_EXPORT void recordPlayTrailerLog(const char* playActionLog, const char* playStatu,
+                                       const char* startTime, const char* endTime,
+                                       const char* startPosition, const char* endPosition,
+                                       const char* playTime);
 
 /* Host helpers for C callers; C++ hosts may use the classes directly. */
-QXLOG_EXPORT QXLogDictionary *QXLogDictionaryCreate(void);
+QXLOG_EXPORT QXLogDictionary* QXLogDictionaryCreate(void);
 /* NULL unless the text is a JSON object. */
-QXLOG_EXPORT QXLogDictionary *QXLogDictionaryCreateWithJSON(const char *json);
+QXLOG_EXPORT QXLogDictionary* QXLogDictionaryCreateWithJSON(const char* json);
 /* Compact JSON of the dictionary; release with QXLogFree. */
-QXLOG_EXPORT char *QXLogDictionaryCopyJSON(const QXLogDictionary *dictionary);
-QXLOG_EXPORT void QXLogDictionaryRelease(QXLogDictionary *dictionary);
-QXLOG_EXPORT void QXLogFree(void *pointer);
+QXLOG_EXPORT char* QXLogDictionaryCopyJSON(const QXLogDictionary* dictionary);
+QXLOG_EXPORT void QXLogDictionaryRelease(QXLogDictionary* dictionary);
+QXLOG_EXPORT void QXLogFree(void* pointer);
 
 /* Any string property of the format object by its name ("uid", "pushLogUrl",
  * ...); unknown names are ignored. */
-QXLOG_EXPORT void QXLogFormatSetString(const char *property, const char *value);
+QXLOG_EXPORT void QXLogFormatSetString(const char* property, const char* value);
 /* A copy of the property's text; NULL when nil or unknown. Release with QXLogFree. */
-QXLOG_EXPORT char *QXLogFormatCopyString(const char *property);
+QXLOG_EXPORT char* QXLogFormatCopyString(const char* property);
 QXLOG_EXPORT void QXLogFormatSetIsDev(bool isDev);
 /* The main screen's scale factor reported in diagnoses; 1.0 unless set. */
 QXLOG_EXPORT void QXLogSetScreenScale(double scale);
 /* Asks the settings endpoint for the batch size and push interval. */
 QXLOG_EXPORT void QXLogCenterGetLogServerInfo(void);
 /* Marks the start of an item (a download) at the current time. */
-QXLOG_EXPORT void QXLogCenterSaveActionStartTime(const char *key);
+QXLOG_EXPORT void QXLogCenterSaveActionStartTime(const char* key);
 
 /* Where the queue files live; call before the first report. */
-QXLOG_EXPORT void QXLogSetDocumentsDirectory(const char *path);
+QXLOG_EXPORT void QXLogSetDocumentsDirectory(const char* path);
 /* Receives every console line instead of stderr; NULL restores stderr. */
-QXLOG_EXPORT void QXLogSetConsoleHandler(void (*handler)(const char *line, void *context),
-                                         void *context);
+QXLOG_EXPORT void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context),
+                                         void* context);
 
 /* Runs every main-queue task that is due, on the calling thread. */
 QXLOG_EXPORT void QXLogMainQueueDrain(void);

@@ -17,7 +17,10 @@
 
 namespace qxlog {
 class CenterRegistry;
+namespace platform {
+struct HttpResponse;
 }
+}  // namespace qxlog
 
 class QXLogCenter {
  public:
@@ -72,7 +75,15 @@ class QXLogCenter {
 
  private:
   friend class qxlog::CenterRegistry;
+  struct Upload;
   QXLogCenter();
+
+  void send(std::shared_ptr<const Upload> upload);
+  void uploadAnswered(std::shared_ptr<const Upload> upload,
+                      const qxlog::platform::HttpResponse& response);
+  void uploadFailed(const Upload& upload);
+  void settingsAnswered(const qxlog::platform::HttpResponse& response);
+  void clearActionQueueLocked();
 
   Array& actionQueueLocked();
   Array& playQueueLocked();

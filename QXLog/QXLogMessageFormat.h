@@ -14,25 +14,25 @@
 #include "QXLog/QXLogValue.h"
 
 // The string properties, in declaration order: (getter, setter).
-#define QXLOG_FORMAT_STRING_PROPERTIES(X)                 \
-  X(packageName, setPackageName)                          \
-  X(bundleVer, setBundleVer)                              \
-  X(networkState, setNetworkState)                        \
-  X(logEncryptionKey, setLogEncryptionKey)                \
-  X(pushUrl, setPushUrl)                                  \
-  X(pushLogUrl, setPushLogUrl)                            \
-  X(pushDiagnosisUrl, setPushDiagnosisUrl)                \
-  X(terminal_category, setTerminal_category)              \
-  X(uid, setUid)                                          \
-  X(phone, setPhone)                                      \
-  X(vipState, setVipState)                                \
-  X(idfa, setIdfa)                                        \
-  X(devModel, setDevModel)                                \
-  X(channel, setChannel)                                  \
+#define QXLOG_FORMAT_STRING_PROPERTIES(X)                    \
+  X(packageName, setPackageName)                             \
+  X(bundleVer, setBundleVer)                                 \
+  X(networkState, setNetworkState)                           \
+  X(logEncryptionKey, setLogEncryptionKey)                   \
+  X(pushUrl, setPushUrl)                                     \
+  X(pushLogUrl, setPushLogUrl)                               \
+  X(pushDiagnosisUrl, setPushDiagnosisUrl)                   \
+  X(terminal_category, setTerminal_category)                 \
+  X(uid, setUid)                                             \
+  X(phone, setPhone)                                         \
+  X(vipState, setVipState)                                   \
+  X(idfa, setIdfa)                                           \
+  X(devModel, setDevModel)                                   \
+  X(channel, setChannel)                                     \
   X(hardwareSimpleDescription, setHardwareSimpleDescription) \
-  X(hardVer, setHardVer)                                  \
-  X(softVer, setSoftVer)                                  \
-  X(ver, setVer)                                          \
+  X(hardVer, setHardVer)                                     \
+  X(softVer, setSoftVer)                                     \
+  X(ver, setVer)                                             \
   X(city, setCity)
 
 class QXLogMessageFormat {
@@ -97,12 +97,12 @@ class QXLogMessageFormat {
 
   // Play records.
   Dictionary playLog(const NullableString& playLog, const NullableString& view_source,
-                     const NullableString& movie_id, bool isDownload,
-                     const NullableString& isPcdn, const NullableString& videoType) const;
+                     const NullableString& movie_id, bool isDownload, const NullableString& isPcdn,
+                     const NullableString& videoType) const;
   Dictionary playActionLog(const NullableString& playActionLog, const NullableString& playStatu,
                            const NullableString& startTime, const NullableString& endTime,
-                           const NullableString& startPosition,
-                           const NullableString& endPosition, const NullableString& playTime);
+                           const NullableString& startPosition, const NullableString& endPosition,
+                           const NullableString& playTime);
   Dictionary playTrailerLog(const NullableString& playTrailerLog,
                             const NullableString& is_play_status,
                             const NullableString& buffer_start_time,
@@ -112,8 +112,7 @@ class QXLogMessageFormat {
                             const NullableString& play_total_time) const;
 
   // Diagnosis: the report builder returns the finished body.
-  Dictionary diagnosisLog(const NullableString& diagnosisLog,
-                          const NullableString& causeOfFailure,
+  Dictionary diagnosisLog(const NullableString& diagnosisLog, const NullableString& causeOfFailure,
                           const NullableString& playStartTime, const NullableString& prepareTime,
                           const NullableString& endTime, const NullableString& duration,
                           const NullableString& isPlayOK, const NullableString& definition) const;

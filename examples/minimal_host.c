@@ -10,7 +10,7 @@
 
 #include "QXLog/QXLog.h"
 
-static void print_line(const char *line, void *context) {
+static void print_line(const char* line, void* context) {
   (void)context;
   printf("console: %s\n", line);
 }
@@ -20,8 +20,8 @@ static void sleep_ms(long ms) {
   nanosleep(&pause, NULL);
 }
 
-int main(int argc, char **argv) {
-  const char *documents = argc > 1 ? argv[1] : "qxlog-example-documents";
+int main(int argc, char** argv) {
+  const char* documents = argc > 1 ? argv[1] : "qxlog-example-documents";
   QXLogSetDocumentsDirectory(documents);
   QXLogSetConsoleHandler(print_line, NULL);
 
@@ -42,7 +42,7 @@ int main(int argc, char **argv) {
 
   char path[4096];
   snprintf(path, sizeof path, "%s/UserStatisticalLog.plist", documents);
-  FILE *file = fopen(path, "r");
+  FILE* file = fopen(path, "r");
   if (file == NULL) {
     perror(path);
     return 1;

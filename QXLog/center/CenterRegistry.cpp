@@ -29,4 +29,6 @@ QXLogCenter& CenterRegistry::replaceForTesting() {
 
 }  // namespace qxlog
 
-QXLogCenter& QXLogCenter::center() { return qxlog::CenterRegistry::instance(); }
+QXLogCenter& QXLogCenter::center() {
+  return qxlog::CenterRegistry::instance();
+}

@@ -1,4 +1,38 @@
-// The push timer.
-#include "QXLog/QXLogCenter.h"
+// The push timer: counts down and then folds and submits the pending records
+// once. The same N serves as the interval in seconds and as the countdown, so
+// the submission comes N * N seconds after the start.
+#include <limits>
+#include <memory>
 
-void QXLogCenter::startTime(int32_t) {}
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/center/PushTimer.h"
+#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Text.h"
+#include "QXLog/platform/TimerSource.h"
+
+namespace platform = qxlog::platform;
+
+int32_t qxlog::pushIntervalSeconds(const Value& pushIntervalTime) {
+  int64_t seconds = platform::integerValue(pushIntervalTime) / 1000;
+  if (seconds > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
+  if (seconds < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
+  return static_cast<int32_t>(seconds);
+}
+
+void QXLogCenter::startTime(int32_t seconds) {
+  // Touched only by this timer's firings, which never overlap.
+  auto countdown = std::make_shared<int32_t>(seconds);
+  auto handler = [this, countdown](platform::TimerSource& timer) {
+    if (*countdown >= 1) {
+      --*countdown;
+      return;
+    }
+    timer.cancel();
+    platform::mainQueue()->async([this] {
+      if (playCount() != 0) makePlayLog();
+      submitAllLog();
+    });
+  };
+  platform::TimerSource::start(platform::globalQueue(),
+                               std::chrono::seconds(static_cast<int64_t>(seconds)), handler);
+}

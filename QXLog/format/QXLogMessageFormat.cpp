@@ -34,11 +34,13 @@ void QXLogMessageFormat::set(Field field, NullableString value) {
   strings_[static_cast<std::size_t>(field)] = std::move(value);
 }
 
-#define QXLOG_DEFINE_STRING_PROPERTY(getter, setter)                                     \
-  QXLogMessageFormat::NullableString QXLogMessageFormat::getter() const {                \
-    return get(Field::getter);                                                           \
-  }                                                                                      \
-  void QXLogMessageFormat::setter(NullableString value) { set(Field::getter, std::move(value)); }
+#define QXLOG_DEFINE_STRING_PROPERTY(getter, setter)                      \
+  QXLogMessageFormat::NullableString QXLogMessageFormat::getter() const { \
+    return get(Field::getter);                                            \
+  }                                                                       \
+  void QXLogMessageFormat::setter(NullableString value) {                 \
+    set(Field::getter, std::move(value));                                 \
+  }
 QXLOG_FORMAT_STRING_PROPERTIES(QXLOG_DEFINE_STRING_PROPERTY)
 #undef QXLOG_DEFINE_STRING_PROPERTY
 

@@ -43,7 +43,11 @@ void setClock(std::shared_ptr<Clock> clock) {
   installed() = clock ? std::move(clock) : std::make_shared<SystemClock>();
 }
 
-double wallSeconds() { return clock()->wallSeconds(); }
-int64_t monotonicNanos() { return clock()->monotonicNanos(); }
+double wallSeconds() {
+  return clock()->wallSeconds();
+}
+int64_t monotonicNanos() {
+  return clock()->monotonicNanos();
+}
 
 }  // namespace qxlog::platform

@@ -25,8 +25,7 @@ std::string timestampNow() {
   int millis = static_cast<int>(std::fmod(now, 1.0) * 1000.0);
   char text[64];
   std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.tm_year + 1900,
-                local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                millis);
+                local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, millis);
   return text;
 }
 
@@ -53,6 +52,8 @@ void setConsoleSink(ConsoleSink sink) {
   installedSink() = std::move(sink);
 }
 
-std::string programName() { return program_invocation_short_name; }
+std::string programName() {
+  return program_invocation_short_name;
+}
 
 }  // namespace qxlog::platform

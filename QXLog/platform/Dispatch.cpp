@@ -43,7 +43,9 @@ std::shared_ptr<Executor> globalQueue() {
   return builtInGlobal();
 }
 
-MainQueue& defaultMainQueue() { return *builtInMain(); }
+MainQueue& defaultMainQueue() {
+  return *builtInMain();
+}
 
 void setMainQueue(std::shared_ptr<Executor> executor) {
   std::lock_guard lock(g_mutex);

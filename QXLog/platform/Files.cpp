@@ -68,6 +68,8 @@ std::optional<std::string> readFile(const std::string& path) {
   }
 }
 
-bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+bool removeFile(const std::string& path) {
+  return ::unlink(path.c_str()) == 0;
+}
 
 }  // namespace qxlog::platform

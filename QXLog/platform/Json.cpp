@@ -17,13 +17,27 @@ void appendEscaped(std::string& out, std::string_view text) {
     out.append(text, plainStart, i - plainStart);
     plainStart = i + 1;
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
       default:
         out += "\\u00";
         out += kHex[c >> 4];
@@ -106,11 +120,21 @@ class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
 
 void appendJson(std::string& out, const Value& value) {
   switch (value.type()) {
-    case Value::Type::kNull: out += "null"; break;
-    case Value::Type::kBool: out += *value.asBool() ? "true" : "false"; break;
-    case Value::Type::kInteger: out += std::to_string(*value.asInteger()); break;
-    case Value::Type::kReal: appendReal(out, *value.asReal()); break;
-    case Value::Type::kString: appendEscaped(out, *value.asString()); break;
+    case Value::Type::kNull:
+      out += "null";
+      break;
+    case Value::Type::kBool:
+      out += *value.asBool() ? "true" : "false";
+      break;
+    case Value::Type::kInteger:
+      out += std::to_string(*value.asInteger());
+      break;
+    case Value::Type::kReal:
+      appendReal(out, *value.asReal());
+      break;
+    case Value::Type::kString:
+      appendEscaped(out, *value.asString());
+      break;
     case Value::Type::kArray: {
       out += '[';
       bool first = true;

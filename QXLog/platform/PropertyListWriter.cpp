@@ -23,13 +23,19 @@ constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
 // normalisation does not turn it into a line feed.
 const char* replacementFor(unsigned char c) {
   switch (c) {
-    case '&': return "&amp;";
-    case '<': return "&lt;";
-    case '>': return "&gt;";
-    case '\r': return "&#13;";
+    case '&':
+      return "&amp;";
+    case '<':
+      return "&lt;";
+    case '>':
+      return "&gt;";
+    case '\r':
+      return "&#13;";
     case '\t':
-    case '\n': return nullptr;
-    default: return c < 0x20 ? kReplacementCharacter.data() : nullptr;
+    case '\n':
+      return nullptr;
+    default:
+      return c < 0x20 ? kReplacementCharacter.data() : nullptr;
   }
 }
 
@@ -47,7 +53,9 @@ void appendEscaped(std::string& out, std::string_view text) {
   out.append(text, plainStart, text.size() - plainStart);
 }
 
-void appendIndent(std::string& out, int depth) { out.append(static_cast<std::size_t>(depth), '\t'); }
+void appendIndent(std::string& out, int depth) {
+  out.append(static_cast<std::size_t>(depth), '\t');
+}
 
 void appendElement(std::string& out, std::string_view tag, std::string_view escapedText) {
   out += '<';
@@ -111,14 +119,21 @@ void appendDictionary(std::string& out, const Dictionary& dictionary, int depth)
 
 void appendNode(std::string& out, const Value& value, int depth) {
   switch (value.type()) {
-    case Value::Type::kNull: return appendElement(out, "string", "");
-    case Value::Type::kBool: out += *value.asBool() ? "<true/>\n" : "<false/>\n"; return;
+    case Value::Type::kNull:
+      return appendElement(out, "string", "");
+    case Value::Type::kBool:
+      out += *value.asBool() ? "<true/>\n" : "<false/>\n";
+      return;
     case Value::Type::kInteger:
       return appendElement(out, "integer", std::to_string(*value.asInteger()));
-    case Value::Type::kReal: return appendReal(out, *value.asReal());
-    case Value::Type::kString: return appendString(out, "string", *value.asString());
-    case Value::Type::kArray: return appendArray(out, *value.asArray(), depth);
-    case Value::Type::kDictionary: return appendDictionary(out, *value.asDictionary(), depth);
+    case Value::Type::kReal:
+      return appendReal(out, *value.asReal());
+    case Value::Type::kString:
+      return appendString(out, "string", *value.asString());
+    case Value::Type::kArray:
+      return appendArray(out, *value.asArray(), depth);
+    case Value::Type::kDictionary:
+      return appendDictionary(out, *value.asDictionary(), depth);
   }
 }
 

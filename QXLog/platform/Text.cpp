@@ -9,8 +9,12 @@
 namespace qxlog::platform {
 namespace {
 
-bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isSpace(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
 
 // Saturating parse of the leading integer between `lowest` and `highest`.
 int64_t leadingInteger(std::string_view text, int64_t lowest, int64_t highest) {
@@ -36,14 +40,18 @@ int64_t longLongValue(std::string_view text) {
                         std::numeric_limits<int64_t>::max());
 }
 
-int64_t longLongValue(const NullableString& text) { return text ? longLongValue(*text) : 0; }
+int64_t longLongValue(const NullableString& text) {
+  return text ? longLongValue(*text) : 0;
+}
 
 int32_t intValue(std::string_view text) {
   return static_cast<int32_t>(leadingInteger(text, std::numeric_limits<int32_t>::min(),
                                              std::numeric_limits<int32_t>::max()));
 }
 
-int32_t intValue(const NullableString& text) { return text ? intValue(*text) : 0; }
+int32_t intValue(const NullableString& text) {
+  return text ? intValue(*text) : 0;
+}
 
 double doubleValue(std::string_view text) {
   std::size_t i = 0;
@@ -80,8 +88,12 @@ int64_t integerValue(const Value& value) {
   }
 }
 
-std::string formatInteger(int64_t value) { return std::to_string(value); }
-std::string formatUnsigned(uint64_t value) { return std::to_string(value); }
+std::string formatInteger(int64_t value) {
+  return std::to_string(value);
+}
+std::string formatUnsigned(uint64_t value) {
+  return std::to_string(value);
+}
 
 std::string formatGeneral(double value) {
   if (!std::isfinite(value)) return formatFixed(value, 0);
@@ -146,6 +158,8 @@ std::string describe(const Value& value) {
   return toJson(value);
 }
 
-std::string describe(const NullableString& value) { return value ? *value : "(null)"; }
+std::string describe(const NullableString& value) {
+  return value ? *value : "(null)";
+}
 
 }  // namespace qxlog::platform

@@ -21,7 +21,15 @@ inline int64_t longLongValue(const std::string& text) {
 }
 int32_t intValue(std::string_view text);
 int32_t intValue(const NullableString& text);
-inline int32_t intValue(const std::string& text) { return intValue(std::string_view(text)); }
+inline int32_t intValue(const std::string& text) {
+  return intValue(std::string_view(text));
+}
+inline int64_t longLongValue(const char* text) {
+  return longLongValue(std::string_view(text));
+}
+inline int32_t intValue(const char* text) {
+  return intValue(std::string_view(text));
+}
 // The leading decimal number of a text (digits, point, exponent), 0 without one.
 double doubleValue(std::string_view text);
 

@@ -13,7 +13,9 @@ using qxlog::recording::environmentReady;
 using qxlog::recording::fromHost;
 using qxlog::recording::retryLater;
 
-bool isNilOrEmpty(const NullableString& text) { return !text || text->empty(); }
+bool isNilOrEmpty(const NullableString& text) {
+  return !text || text->empty();
+}
 
 void launchWithPushId(NullableString launchLog, NullableString push_id) {
   if (!environmentReady()) return retryLater([=] { launchWithPushId(launchLog, push_id); });
@@ -33,14 +35,15 @@ void network(NullableString networkLog, int64_t wasteTime, NullableString errorC
   if (isNilOrEmpty(networkLog)) return;
   if (!environmentReady()) return retryLater([=] { network(networkLog, wasteTime, errorCode); });
   QXLogMessageFormat& format = QXLogCenter::center().format();
-  auto record =
-      format.networkLog(networkLog, qxlog::platform::formatInteger(wasteTime), errorCode);
+  auto record = format.networkLog(networkLog, qxlog::platform::formatInteger(wasteTime), errorCode);
   QXLogCenter::center().storeActionLog(std::move(record));
 }
 
 }  // namespace
 
-void recordLaunchLog(const char* launchLog) { recordLaunchLogWithPushId(launchLog, ""); }
+void recordLaunchLog(const char* launchLog) {
+  recordLaunchLogWithPushId(launchLog, "");
+}
 
 void recordLaunchLogWithPushId(const char* launchLog, const char* push_id) {
   launchWithPushId(fromHost(launchLog), fromHost(push_id));

@@ -38,8 +38,7 @@ void diagnosis(NullableString diagnosisLog, NullableString causeOfFailure,
 void completeDiagnosis(DictionaryHandle report) {
   if (!environmentReady()) return retryLater([=] { completeDiagnosis(report); });
   QXLogMessageFormat& format = QXLogCenter::center().format();
-  qxlog::Value contents =
-      report.isNull() ? qxlog::Value() : qxlog::Value(report.snapshot());
+  qxlog::Value contents = report.isNull() ? qxlog::Value() : qxlog::Value(report.snapshot());
   postDiagnosis(format.diagnosisOfCompleteInformation(contents));
 }
 

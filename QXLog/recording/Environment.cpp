@@ -9,6 +9,10 @@ const double QXLogVersionNumber = 1.0;
 const unsigned char QXLogVersionString[] = "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n";
 }
 
-void logEnvReady(bool ready) { qxlog::recording::setEnvironmentReady(ready); }
+void logEnvReady(bool ready) {
+  qxlog::recording::setEnvironmentReady(ready);
+}
 
-char* currentTime(void) { return qxlog::recording::toHost(qxlog::currentMillisText()); }
+char* currentTime(void) {
+  return qxlog::recording::toHost(qxlog::currentMillisText());
+}

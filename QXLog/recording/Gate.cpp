@@ -13,10 +13,16 @@ std::atomic<bool> g_prepare_log_env{false};
 
 }  // namespace
 
-bool environmentReady() { return g_prepare_log_env.load(std::memory_order_relaxed); }
+bool environmentReady() {
+  return g_prepare_log_env.load(std::memory_order_relaxed);
+}
 
-void setEnvironmentReady(bool ready) { g_prepare_log_env.store(ready, std::memory_order_relaxed); }
+void setEnvironmentReady(bool ready) {
+  g_prepare_log_env.store(ready, std::memory_order_relaxed);
+}
 
-void retryLater(platform::Task retry) { platform::mainQueue()->post(std::move(retry), kRetryDelay); }
+void retryLater(platform::Task retry) {
+  platform::mainQueue()->post(std::move(retry), kRetryDelay);
+}
 
 }  // namespace qxlog::recording

@@ -16,7 +16,9 @@ DictionaryHandle::DictionaryHandle(QXLogDictionary* dictionary) : dictionary_(di
 DictionaryHandle::DictionaryHandle(const DictionaryHandle& other)
     : DictionaryHandle(other.dictionary_) {}
 
-DictionaryHandle::~DictionaryHandle() { QXLogDictionaryRelease(dictionary_); }
+DictionaryHandle::~DictionaryHandle() {
+  QXLogDictionaryRelease(dictionary_);
+}
 
 Dictionary DictionaryHandle::snapshot() const {
   if (dictionary_ == nullptr) return Dictionary();
@@ -28,7 +30,9 @@ Dictionary DictionaryHandle::snapshot() const {
 
 using qxlog::recording::fromHost;
 
-QXLogDictionary* QXLogDictionaryCreate(void) { return new QXLogDictionary(); }
+QXLogDictionary* QXLogDictionaryCreate(void) {
+  return new QXLogDictionary();
+}
 
 QXLogDictionary* QXLogDictionaryCreateWithJSON(const char* json) {
   if (json == nullptr) return nullptr;

@@ -11,7 +11,9 @@
 using qxlog::recording::fromHost;
 using qxlog::recording::toHost;
 
-void QXLogFree(void* pointer) { std::free(pointer); }
+void QXLogFree(void* pointer) {
+  std::free(pointer);
+}
 
 void QXLogFormatSetString(const char* property, const char* value) {
   if (property == nullptr) return;
@@ -24,11 +26,17 @@ char* QXLogFormatCopyString(const char* property) {
   return value ? toHost(*value) : nullptr;
 }
 
-void QXLogFormatSetIsDev(bool isDev) { QXLogCenter::center().format().setIsDev(isDev); }
+void QXLogFormatSetIsDev(bool isDev) {
+  QXLogCenter::center().format().setIsDev(isDev);
+}
 
-void QXLogSetScreenScale(double scale) { QXLogCenter::center().format().setScreenScale(scale); }
+void QXLogSetScreenScale(double scale) {
+  QXLogCenter::center().format().setScreenScale(scale);
+}
 
-void QXLogCenterGetLogServerInfo(void) { QXLogCenter::center().getLogServerInfo(); }
+void QXLogCenterGetLogServerInfo(void) {
+  QXLogCenter::center().getLogServerInfo();
+}
 
 void QXLogCenterSaveActionStartTime(const char* key) {
   if (key == nullptr) return;  // a nil key has no entry to mark
@@ -48,6 +56,12 @@ void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context), vo
       [handler, context](const std::string& line) { handler(line.c_str(), context); });
 }
 
-void QXLogMainQueueDrain(void) { qxlog::platform::defaultMainQueue().drain(); }
-void QXLogMainQueueRun(void) { qxlog::platform::defaultMainQueue().run(); }
-void QXLogMainQueueStop(void) { qxlog::platform::defaultMainQueue().stop(); }
+void QXLogMainQueueDrain(void) {
+  qxlog::platform::defaultMainQueue().drain();
+}
+void QXLogMainQueueRun(void) {
+  qxlog::platform::defaultMainQueue().run();
+}
+void QXLogMainQueueStop(void) {
+  qxlog::platform::defaultMainQueue().stop();
+}

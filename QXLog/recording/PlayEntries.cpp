@@ -20,8 +20,7 @@ using qxlog::recording::retryLater;
 void play(NullableString movie_id, NullableString playLog, NullableString view_source,
           bool isDownload, NullableString isPcdn, NullableString videoType) {
   if (!environmentReady()) {
-    return retryLater(
-        [=] { play(movie_id, playLog, view_source, isDownload, isPcdn, videoType); });
+    return retryLater([=] { play(movie_id, playLog, view_source, isDownload, isPcdn, videoType); });
   }
   // Closes the previous play before its header is replaced.
   QXLogCenter::center().makePlayLog();
@@ -54,8 +53,8 @@ void playAction(const char* tracePrefix, NullableString playActionLog, NullableS
 
 void recordPlayLog(const char* movie_id, const char* playLog, const char* view_source,
                    bool isDownload, const char* isPcdn, const char* videoType) {
-  play(fromHost(movie_id), fromHost(playLog), fromHost(view_source), isDownload,
-       fromHost(isPcdn), fromHost(videoType));
+  play(fromHost(movie_id), fromHost(playLog), fromHost(view_source), isDownload, fromHost(isPcdn),
+       fromHost(videoType));
 }
 
 void recordMoviePlayLog(const char* movie_id, const char* playLog, const char* view_source,
@@ -77,14 +76,12 @@ void recordPlayActionLog(const char* playActionLog, const char* playStatu, const
                          const char* endTime, const char* startPosition, const char* endPosition,
                          const char* playTime) {
   playAction("Play-log:", fromHost(playActionLog), fromHost(playStatu), fromHost(startTime),
-             fromHost(endTime), fromHost(startPosition), fromHost(endPosition),
-             fromHost(playTime));
+             fromHost(endTime), fromHost(startPosition), fromHost(endPosition), fromHost(playTime));
 }
 
 void recordPlayTrailerLog(const char* playActionLog, const char* playStatu, const char* startTime,
                           const char* endTime, const char* startPosition, const char* endPosition,
                           const char* playTime) {
-  playAction("PlayTrailer-log:", fromHost(playActionLog), fromHost(playStatu),
-             fromHost(startTime), fromHost(endTime), fromHost(startPosition),
-             fromHost(endPosition), fromHost(playTime));
+  playAction("PlayTrailer-log:", fromHost(playActionLog), fromHost(playStatu), fromHost(startTime),
+             fromHost(endTime), fromHost(startPosition), fromHost(endPosition), fromHost(playTime));
 }

@@ -8,44 +8,44 @@
 
 static int failures = 0;
 
-#define CHECK(condition)                                          \
-  do {                                                            \
-    if (!(condition)) {                                           \
+#define CHECK(condition)                                                      \
+  do {                                                                        \
+    if (!(condition)) {                                                       \
       fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-      ++failures;                                                 \
-    }                                                             \
+      ++failures;                                                             \
+    }                                                                         \
   } while (0)
 
 static int lines = 0;
-static void count_line(const char *line, void *context) {
+static void count_line(const char* line, void* context) {
   (void)line;
-  ++*(int *)context;
+  ++*(int*)context;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   if (argc < 2) return 2;
   QXLogSetDocumentsDirectory(argv[1]);
   QXLogSetConsoleHandler(count_line, &lines);
 
   CHECK(QXLogVersionNumber == 1.0);
-  CHECK(strcmp((const char *)QXLogVersionString, "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n") == 0);
+  CHECK(strcmp((const char*)QXLogVersionString, "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n") == 0);
 
-  char *now = currentTime();
+  char* now = currentTime();
   CHECK(now != NULL && strlen(now) >= 13);
   QXLogFree(now);
 
-  QXLogDictionary *dictionary = QXLogDictionaryCreate();
+  QXLogDictionary* dictionary = QXLogDictionaryCreate();
   put(dictionary, "k", NULL);
   put(dictionary, NULL, "ignored");
   put(dictionary, "q", "\"quoted\"");
-  char *json = QXLogDictionaryCopyJSON(dictionary);
+  char* json = QXLogDictionaryCopyJSON(dictionary);
   CHECK(json != NULL && strcmp(json, "{\"k\":\"\",\"q\":\"\\\"quoted\\\"\"}") == 0);
   QXLogFree(json);
   QXLogDictionaryRelease(dictionary);
   CHECK(QXLogDictionaryCreateWithJSON("[1]") == NULL);
 
   QXLogFormatSetString("uid", "7");
-  char *uid = QXLogFormatCopyString("uid");
+  char* uid = QXLogFormatCopyString("uid");
   CHECK(uid != NULL && strcmp(uid, "7") == 0);
   QXLogFree(uid);
   CHECK(QXLogFormatCopyString("phone") == NULL);
@@ -57,7 +57,7 @@ int main(int argc, char **argv) {
   recordActionLog("c.host", NULL);
   char path[4096];
   snprintf(path, sizeof path, "%s/UserStatisticalLog.plist", argv[1]);
-  FILE *file = fopen(path, "r");
+  FILE* file = fopen(path, "r");
   CHECK(file != NULL);
   if (file != NULL) {
     char contents[8192] = {0};

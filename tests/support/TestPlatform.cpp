@@ -142,7 +142,9 @@ void LibraryTest::TearDown() {
   std::filesystem::remove_all(documents_, ignored);
 }
 
-void LibraryTest::restart() { CenterRegistry::replaceForTesting(); }
+void LibraryTest::restart() {
+  CenterRegistry::replaceForTesting();
+}
 
 std::string LibraryTest::documentsPath(const std::string& fileName) const {
   return documents_ + "/" + fileName;

@@ -1,0 +1,60 @@
+#include "QXLog/center/Upload.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <string_view>
+
+#include "QXLog/platform/FormEncoding.h"
+#include "QXLog/platform/Json.h"
+
+namespace qxlog {
+namespace {
+
+constexpr std::array<std::string_view, 6> kAcceptedContentTypes = {
+    "application/json", "text/json", "text/javascript", "text/html", "text/xml",
+    "application/xml"};
+
+// The media type of a Content-Type header, without parameters, lower-cased.
+std::string mediaType(std::string_view contentType) {
+  contentType = contentType.substr(0, contentType.find(';'));
+  std::string type;
+  for (char c : contentType) {
+    if (c != ' ' && c != '\t') type += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return type;
+}
+
+}  // namespace
+
+platform::HttpRequest makeUploadRequest(const Dictionary& envelope, const std::string& url,
+                                        bool announceGzip) {
+  platform::HttpRequest request;
+  request.method = "POST";
+  request.url = url;
+  request.body = platform::formEncode(envelope);
+  request.headers.emplace_back("Content-Type", "application/x-www-form-urlencoded");
+  if (announceGzip) request.headers.emplace_back("Content-Encoding", "gzip");
+  // The log server may present any certificate.
+  request.verifyPeer = false;
+  return request;
+}
+
+std::optional<Value> acceptedAnswer(const platform::HttpResponse& response) {
+  if (!response.completed || response.status < 200 || response.status > 299) return std::nullopt;
+  std::string type = mediaType(response.contentType);
+  if (std::find(kAcceptedContentTypes.begin(), kAcceptedContentTypes.end(), type) ==
+      kAcceptedContentTypes.end()) {
+    return std::nullopt;
+  }
+  return platform::parseJson(response.body);
+}
+
+bool confirmsBatch(const Value& answer) {
+  const Dictionary* fields = answer.asDictionary();
+  if (fields == nullptr) return false;
+  const Value* code = fields->find("operate_code");
+  return code != nullptr && code->asString() != nullptr && *code->asString() == "200";
+}
+
+}  // namespace qxlog

@@ -1,0 +1,29 @@
+// The HTTP side of an upload: the form POST of an envelope and the reading of
+// the log server's answer.
+#ifndef QXLOG_CENTER_UPLOAD_H_
+#define QXLOG_CENTER_UPLOAD_H_
+
+#include <optional>
+#include <string>
+
+#include "QXLog/QXLogValue.h"
+#include "QXLog/platform/Http.h"
+
+namespace qxlog {
+
+// The POST of an envelope's parameters to `url`. "Content-Encoding: gzip" is
+// announced when the caller named the URL itself (as the log server expects
+// of diagnosis and repeated uploads), not on a first ordinary attempt.
+platform::HttpRequest makeUploadRequest(const Dictionary& envelope, const std::string& url,
+                                        bool announceGzip);
+
+// The parsed answer when the exchange succeeded at the HTTP level: status
+// 200-299, an accepted content type and a JSON body. Nothing otherwise.
+std::optional<Value> acceptedAnswer(const platform::HttpResponse& response);
+
+// Whether the answer confirms the batch: "operate_code" is the string "200".
+bool confirmsBatch(const Value& answer);
+
+}  // namespace qxlog
+
+#endif  // QXLOG_CENTER_UPLOAD_H_

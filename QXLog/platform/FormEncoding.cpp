@@ -1,0 +1,77 @@
+#include "QXLog/platform/FormEncoding.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "QXLog/platform/Json.h"
+
+namespace qxlog::platform {
+namespace {
+
+bool keptAsIs(unsigned char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         c == '-' || c == '.' || c == '_' || c == '~' || c == '/' || c == '?';
+}
+
+void appendPairs(std::vector<std::pair<std::string, std::string>>& pairs, const std::string& key,
+                 const Value& value);
+
+void appendDictionaryPairs(std::vector<std::pair<std::string, std::string>>& pairs,
+                           const std::string& prefix, const Dictionary& dictionary) {
+  std::vector<const Dictionary::Entry*> sorted;
+  for (const auto& entry : dictionary) sorted.push_back(&entry);
+  std::sort(sorted.begin(), sorted.end(),
+            [](const auto* a, const auto* b) { return a->first < b->first; });
+  for (const auto* entry : sorted) {
+    std::string key = prefix.empty() ? entry->first : prefix + "[" + entry->first + "]";
+    appendPairs(pairs, key, entry->second);
+  }
+}
+
+void appendPairs(std::vector<std::pair<std::string, std::string>>& pairs, const std::string& key,
+                 const Value& value) {
+  if (const Dictionary* dictionary = value.asDictionary()) {
+    appendDictionaryPairs(pairs, key, *dictionary);
+  } else if (const Array* array = value.asArray()) {
+    for (const Value& element : *array) appendPairs(pairs, key + "[]", element);
+  } else if (const std::string* text = value.asString()) {
+    pairs.emplace_back(key, *text);
+  } else if (value.isNull()) {
+    pairs.emplace_back(key, "");
+  } else {
+    pairs.emplace_back(key, toJson(value));
+  }
+}
+
+}  // namespace
+
+std::string percentEscapeFormComponent(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size() + text.size() / 8);
+  for (unsigned char c : text) {
+    if (keptAsIs(c)) {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 0xf];
+    }
+  }
+  return out;
+}
+
+std::string formEncode(const Dictionary& parameters) {
+  std::vector<std::pair<std::string, std::string>> pairs;
+  appendDictionaryPairs(pairs, "", parameters);
+  std::string body;
+  for (const auto& [key, value] : pairs) {
+    if (!body.empty()) body += '&';
+    body += percentEscapeFormComponent(key);
+    body += '=';
+    body += percentEscapeFormComponent(value);
+  }
+  return body;
+}
+
+}  // namespace qxlog::platform

@@ -1,0 +1,120 @@
+#include "QXLog/platform/Http.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <mutex>
+
+namespace qxlog::platform {
+namespace {
+
+void initialiseCurlOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+struct EasyFree {
+  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+struct ListFree {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+size_t collectAnswer(char* data, size_t size, size_t count, void* target) {
+  auto* body = static_cast<std::string*>(target);
+  size_t bytes = size * count;
+  if (body->size() + bytes > kMaxAnswerBytes) return 0;  // aborts the transfer
+  body->append(data, bytes);
+  return bytes;
+}
+
+std::unique_ptr<curl_slist, ListFree> headerList(const HttpRequest& request) {
+  curl_slist* list = nullptr;
+  for (const auto& [name, value] : request.headers) {
+    std::string line = name + ": " + value;
+    curl_slist* extended = curl_slist_append(list, line.c_str());
+    if (extended == nullptr) break;
+    list = extended;
+  }
+  // Sent bodies are small: no "Expect: 100-continue" round trip.
+  if (curl_slist* extended = curl_slist_append(list, "Expect:")) list = extended;
+  return std::unique_ptr<curl_slist, ListFree>(list);
+}
+
+void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, std::string* body) {
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT, static_cast<long>(request.timeout.count()));
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(request.timeout.count()));
+  curl_easy_setopt(easy, CURLOPT_USERAGENT, "QXLog/1.0");
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, request.verifyPeer ? 1L : 0L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, request.verifyPeer ? 2L : 0L);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, collectAnswer);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, body);
+  if (request.method == "POST") {
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.data());
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+  } else if (request.method != "GET") {
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  }
+}
+
+}  // namespace
+
+HttpResponse performHttp(const HttpRequest& request) {
+  HttpResponse response;
+  if (!isValidHttpUrl(request.url)) {
+    response.error = "not a valid URL";
+    return response;
+  }
+  initialiseCurlOnce();
+  std::unique_ptr<CURL, EasyFree> easy(curl_easy_init());
+  if (!easy) {
+    response.error = "could not create an HTTP handle";
+    return response;
+  }
+  auto headers = headerList(request);
+  configure(easy.get(), request, headers.get(), &response.body);
+  CURLcode code = curl_easy_perform(easy.get());
+  if (code != CURLE_OK) {
+    response.error = curl_easy_strerror(code);
+    response.body.clear();
+    return response;
+  }
+  response.completed = true;
+  curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &response.status);
+  const char* contentType = nullptr;
+  curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_TYPE, &contentType);
+  if (contentType != nullptr) response.contentType = contentType;
+  return response;
+}
+
+bool isValidHttpUrl(const std::string& url) {
+  std::string_view rest(url);
+  if (rest.rfind("http://", 0) == 0) {
+    rest.remove_prefix(7);
+  } else if (rest.rfind("https://", 0) == 0) {
+    rest.remove_prefix(8);
+  } else {
+    return false;
+  }
+  if (rest.empty() || rest.front() == '/' || rest.front() == '?' || rest.front() == '#') {
+    return false;
+  }
+  for (unsigned char c : url) {
+    if (c <= 0x20 || c >= 0x7f || c == '"' || c == '<' || c == '>' || c == '\\' || c == '^' ||
+        c == '`' || c == '{' || c == '|' || c == '}') {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace qxlog::platform

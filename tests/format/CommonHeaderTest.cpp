@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Text.h"
+#include "tests/support/TestPlatform.h"
+
+namespace qxlog::testing {
+namespace {
+
+class CommonHeaderTest : public LibraryTest {
+ protected:
+  QXLogMessageFormat& format() { return QXLogCenter::center().format(); }
+};
+
+TEST_F(CommonHeaderTest, DefaultsFillAllTwelveKeys) {
+  Dictionary header = format().publicLog();
+  ASSERT_EQ(header.size(), 12u);
+  for (int i = 1; i <= 12; ++i) {
+    std::string key = "t_" + std::to_string(i);
+    EXPECT_EQ(field(header, key), i == 1 ? "2" : "") << key;
+  }
+}
+
+TEST_F(CommonHeaderTest, KeysCarryTheirContextAndIdfaTwice) {
+  format().setIdfa("device");
+  format().setDevModel("model");
+  format().setHardVer("12.1");
+  format().setChannel("store");
+  format().setPhone("555");
+  format().setVipState("vip");
+  format().setBundleVer("3.2");
+  format().setVer("300");
+  format().setUid("42");
+  format().setTerminal_category("7");
+  Dictionary header = format().publicLog();
+  EXPECT_EQ(header, strings({{"t_1", "7"},
+                             {"t_2", "device"},
+                             {"t_3", "model"},
+                             {"t_4", "12.1"},
+                             {"t_5", "store"},
+                             {"t_6", "device"},
+                             {"t_7", "555"},
+                             {"t_8", "vip"},
+                             {"t_9", "3.2"},
+                             {"t_10", "300"},
+                             {"t_11", ""},
+                             {"t_12", "42"}}));
+}
+
+TEST_F(CommonHeaderTest, HeaderIsTracedWhenTheUserIdIsNotANumber) {
+  struct Case {
+    NullableString uid;
+    bool traced;
+  };
+  for (const Case& c : {Case{std::nullopt, true}, Case{"0", true}, Case{"", true},
+                        Case{"abc42", true}, Case{"42", false}, Case{" 7x", false}}) {
+    console_ = std::make_shared<ConsoleCapture>();
+    platform::setConsoleSink([console = console_](const std::string& l) { console->add(l); });
+    format().setUid(c.uid);
+    Dictionary header = format().publicLog();
+    EXPECT_EQ(console_->contains(platform::describe(Value(header))), c.traced)
+        << c.uid.value_or("(nil)");
+  }
+}
+
+TEST_F(CommonHeaderTest, SendTimeFollowsTheServerClock) {
+  EXPECT_EQ(format().returnsSendTime(987654.0), "987654");  // before any settings answer
+  format().setCurrent_time(Value("50000"));
+  format().setServerInfoUpdateTime(40000.0);
+  EXPECT_EQ(format().returnsSendTime(45500.0), "55500");
+  EXPECT_EQ(format().returnsSendTime(39000.0), "49000");  // local clock went back
+  EXPECT_EQ(format().returnsSendTime(39999.1), "50000");  // -0.9 ms truncates to 0
+  format().setCurrent_time(Value(int64_t{50000}));        // a numeric answer reads the same
+  EXPECT_EQ(format().returnsSendTime(45500.0), "55500");
+  format().setCurrent_time(Value("not a number"));
+  EXPECT_EQ(format().returnsSendTime(45500.0), "5500");
+}
+
+TEST_F(CommonHeaderTest, DevelopmentModeFixesTheBatchSizeAtTwo) {
+  EXPECT_EQ(format().limitLogCount(), 1);
+  format().setLimitLogCount(50);
+  format().setIsDev(true);
+  EXPECT_EQ(format().limitLogCount(), 2);
+  format().setIsDev(false);
+  EXPECT_EQ(format().limitLogCount(), 50);
+  format().setLimitLogCount(-3);  // stored without any check
+  EXPECT_EQ(format().limitLogCount(), -3);
+}
+
+TEST_F(CommonHeaderTest, InitialValuesAndNamedAccess) {
+  EXPECT_EQ(format().networkState(), "0");
+  EXPECT_EQ(format().terminal_category(), "2");
+  EXPECT_EQ(format().bundleVer(), "");
+  EXPECT_EQ(format().packageName(), platform::programName());
+  EXPECT_EQ(format().uid(), std::nullopt);
+
+  EXPECT_TRUE(format().setStringProperty("pushLogUrl", "http://127.0.0.1/log"));
+  EXPECT_EQ(format().pushLogUrl(), "http://127.0.0.1/log");
+  EXPECT_TRUE(format().setStringProperty("city", std::nullopt));
+  EXPECT_EQ(format().stringProperty("city"), std::optional<NullableString>(NullableString()));
+  EXPECT_FALSE(format().setStringProperty("nonsense", "x"));
+  EXPECT_FALSE(format().stringProperty("nonsense").has_value());
+  format().setCurrent_time(Value(int64_t{123}));
+  EXPECT_EQ(format().stringProperty("current_time"), NullableString("123"));
+}
+
+}  // namespace
+}  // namespace qxlog::testing
