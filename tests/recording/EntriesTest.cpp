@@ -276,5 +276,34 @@ TEST_F(EntriesTest, DiagnosesBypassTheQueues) {
   EXPECT_FALSE(readQueueFile("USERPlayActionStatisticalLog.plist").has_value());
 }
 
+TEST_F(EntriesTest, EveryFamilyReachesTheActionQueueFileWithItsKeys) {
+  logEnvReady(true);
+  recordLaunchLog("cold");
+  recordActionLog("tap", "1");
+  recordNetworkLog("api", 12, "500");
+  recordDownLog("id", "http://localhost/a", "n", "1", "p", "s");
+  recordMoviePlayLog("m", "/a", "s", true, "0");
+  recordPlayActionLog("4", "playing", "1", "2", "3", "4", "5");
+  recordMoviePlayLog("m2", "/b", "s", true, "0");  // folds the first play
+
+  std::optional<Array> file = readQueueFile("UserStatisticalLog.plist");
+  ASSERT_TRUE(file.has_value());
+  ASSERT_EQ(file->size(), 5u);
+  auto keysOf = [](const Value& record) {
+    std::string keys;
+    for (const auto& [key, value] : *record.asDictionary()) keys += key + " ";
+    return keys;
+  };
+  EXPECT_EQ(keysOf((*file)[0]), "a_t a_0 a_1 a_2 a_3 a_4 a_5 a_6 a_7 a_8 a_9 a_10 ");
+  EXPECT_EQ(keysOf((*file)[1]), "a_t a_0 a_1 a_2 a_3 a_4 a_5 ");
+  EXPECT_EQ(keysOf((*file)[2]), "a_t a_0 a_1 a_2 a_3 ");
+  EXPECT_EQ(keysOf((*file)[3]),
+            "a_t a_0 a_1 a_3 a_4 a_5 a_6 a_7 a_8 a_9 a_10 a_11 a_12 a_13 a_14 ");
+  EXPECT_EQ(keysOf((*file)[4]), "a_t a_1 a_3 a_4 a_5 a_6 a_7 a_8 a_9 p ");
+  std::vector<std::string> types;
+  for (const Value& record : *file) types.push_back(field(record, "a_t"));
+  EXPECT_EQ(types, (std::vector<std::string>{"0", "2", "7", "3", "1"}));
+}
+
 }  // namespace
 }  // namespace qxlog::testing
