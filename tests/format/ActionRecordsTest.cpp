@@ -101,11 +101,5 @@ TEST_F(ActionRecordsTest, ActionRecordCorrectsOnlyTheSendTime) {
   EXPECT_EQ(field(record, "a_5"), "");
 }
 
-TEST_F(ActionRecordsTest, NetworkSendTimeFollowsTheServerClock) {
-  format().setCurrent_time(Value("50000"));
-  format().setServerInfoUpdateTime(1700000000000.0 + 2500.0);  // local clock went back
-  EXPECT_EQ(field(format().networkLog("u", "1", "e"), "a_0"), "47500");
-}
-
 }  // namespace
 }  // namespace qxlog::testing

@@ -93,12 +93,6 @@ TEST_F(EntriesTest, NetworkReportWithoutItemIsDroppedBeforeTheGate) {
   EXPECT_EQ(field(record, "a_3"), " ");
 }
 
-TEST_F(EntriesTest, NetworkWasteTimeKeepsItsFullRange) {
-  logEnvReady(true);
-  recordNetworkLog("u", INT64_MIN, "e");
-  EXPECT_EQ(field(onlyAction(), "a_1"), "-9223372036854775808");
-}
-
 TEST_F(EntriesTest, DownloadReportWithoutUrlIsDroppedBeforeTheGate) {
   recordDownLog("id", nullptr, "n", "1", "p", "s");
   recordDownLog("id", "", "n", "1", "p", "s");
@@ -111,7 +105,7 @@ TEST_F(EntriesTest, DownloadReportWithoutUrlIsDroppedBeforeTheGate) {
   EXPECT_EQ(actions().size(), 1u);
 }
 
-TEST_F(EntriesTest, DownloadArgumentsReachTheirKeysAndTheQueueFile) {
+TEST_F(EntriesTest, DownloadArgumentsReachTheirKeys) {
   center().saveActionStartTime("id");
   clock_->advance(seconds(5));
   logEnvReady(true);
@@ -126,12 +120,6 @@ TEST_F(EntriesTest, DownloadArgumentsReachTheirKeysAndTheQueueFile) {
   EXPECT_EQ(field(record, "a_13"), "2048.00");
   EXPECT_EQ(field(record, "a_14"), "/store/a");
   EXPECT_EQ(record.find("a_2"), nullptr);
-
-  std::optional<Array> file = readQueueFile("UserStatisticalLog.plist");
-  ASSERT_TRUE(file.has_value());
-  ASSERT_EQ(file->size(), 1u);
-  EXPECT_EQ(field((*file)[0], "a_12"), "10 M");
-  EXPECT_EQ(field((*file)[0], "a_8"), "http://localhost/a%20b");
 }
 
 TEST_F(EntriesTest, PlayStartBecomesTheHeaderAndIsTraced) {
@@ -176,17 +164,6 @@ TEST_F(EntriesTest, FixedTypePlaysForwardWithTheirType) {
     EXPECT_EQ(field(*forwarded, "a_7"), "m");  // the movie id, first among the arguments
     EXPECT_EQ(field(*forwarded, "a_1"), "localhost");
   }
-}
-
-TEST_F(EntriesTest, PlayStartIsDeferredLikeAnyReport) {
-  recordChannelPlayLog("m", "rtmp://x", "s", false, "0");
-  EXPECT_FALSE(center().currentPlayHeader().has_value());
-  logEnvReady(true);
-  dispatcher_->advance(seconds(5));
-  std::optional<Dictionary> header = center().currentPlayHeader();
-  ASSERT_TRUE(header.has_value());
-  EXPECT_EQ(field(*header, "a_t"), "6");
-  EXPECT_EQ(field(*header, "a_8"), "");
 }
 
 TEST_F(EntriesTest, PlayActionsAreQueuedAndFoldedByTheNextPlay) {
