@@ -1,11 +1,48 @@
 // Launch, network and action records.
+#include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
+#include "QXLog/platform/Clock.h"
+#include "QXLog/platform/Text.h"
 #include "QXLog/support/Time.h"
 
-QXLogMessageFormat::Dictionary QXLogMessageFormat::launchLog(const NullableString&,
-                                                             const NullableString&,
-                                                             const NullableString&) const {
-  return Dictionary();
+namespace {
+
+namespace platform = qxlog::platform;
+
+// Bytes to gigabytes, one factor of 1/1024 at a time.
+double gigabytes(double bytes) {
+  return bytes * 0.0009765625 * 0.0009765625 * 0.0009765625;
+}
+
+}  // namespace
+
+QXLogMessageFormat::Dictionary QXLogMessageFormat::launchLog(const NullableString& launchLog,
+                                                             const NullableString& start_time,
+                                                             const NullableString& push_id) const {
+  // Whole seconds on the local clock, scaled to milliseconds: a launch is
+  // stamped to the second and not corrected to the server's clock.
+  int64_t seconds = platform::truncateToInt64(platform::wallSeconds());
+  // Scaled modulo 2^64 so that an absurd clock cannot overflow.
+  auto launchMillis = static_cast<int64_t>(static_cast<uint64_t>(seconds) * 1000u);
+  std::string totalSize = platform::formatGeneral(gigabytes(QXLogHelper::totalDiskSpace()));
+  std::string freeSize = platform::formatGeneral(gigabytes(QXLogHelper::freeDiskSpace()));
+  std::string deviceAddress = QXLogHelper::getIPAddress();
+
+  Dictionary record;
+  record.reserve(12);
+  record.setString("a_t", "0");
+  record.setString("a_0", platform::formatInteger(launchMillis));
+  record.setString("a_1", launchLog);
+  record.setString("a_2", start_time);
+  record.setString("a_3", push_id);
+  record.setString("a_4", deviceAddress);
+  record.setString("a_5", networkState());
+  record.setString("a_6", city());
+  record.setString("a_7", totalSize);
+  record.setString("a_8", freeSize);
+  record.setString("a_9", "");
+  record.setString("a_10", "");
+  return record;
 }
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::networkLog(

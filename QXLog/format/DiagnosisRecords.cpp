@@ -1,14 +1,64 @@
 // Diagnosis report and body.
+#include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
+#include "QXLog/platform/Text.h"
+
+namespace platform = qxlog::platform;
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisLog(
-    const NullableString&, const NullableString&, const NullableString&, const NullableString&,
-    const NullableString&, const NullableString&, const NullableString&,
-    const NullableString&) const {
-  return Dictionary();
+    const NullableString& diagnosisLog, const NullableString& causeOfFailure,
+    const NullableString& playStartTime, const NullableString& prepareTime,
+    const NullableString& endTime, const NullableString& duration, const NullableString& isPlayOK,
+    const NullableString& definition) const {
+  std::string resolution = platform::formatFixed(screenScale(), 6);
+
+  Dictionary user;
+  user.setString("userID", uid());
+  user.setString("userPhone", phone());
+
+  // Brand and mode both carry the device model.
+  NullableString model = devModel();
+  Dictionary device;
+  device.setString("deviceID", idfa());
+  device.setString("devBrand", model);
+  device.setString("devMode", model);
+  device.setString("deviceResolution", resolution);
+  device.setString("devSystemVersion", hardVer());
+
+  Dictionary play;
+  play.setString("playUrl", diagnosisLog);
+  play.setString("decodeType", "1");
+  play.setString("definition", definition);
+  play.setString("isPlayOK", isPlayOK);
+  play.setString("causeOfFailure", causeOfFailure);
+  play.setString("startTime", playStartTime);
+  play.setString("prepareTime", prepareTime);
+  play.setString("endTime", endTime);
+  play.setString("duration", duration);
+
+  Dictionary report;
+  report.set("user_info", Value(std::move(user)));
+  report.set("dev_info", Value(std::move(device)));
+  report.set("play_info", Value(std::move(play)));
+  return diagnosisOfCompleteInformation(Value(std::move(report)));
 }
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisOfCompleteInformation(
-    const Value&) const {
-  return Dictionary();
+    const Value& report) const {
+  NullableString encoded = QXLogHelper::base64String(report);
+  NullableString token = QXLogHelper::tokenString(platform::formatGeneral(serverInfoUpdateTime()));
+
+  // "uid" carries the device identifier, and the software version travels
+  // under "velin" while "version" holds the fixed text "velin": the server
+  // reads the body in this form.
+  Dictionary body;
+  body.reserve(7);
+  body.setString("user_id", uid());
+  body.setString("uid", idfa());
+  body.setString("user_phone", phone());
+  body.setString("diagnosis_log", encoded);
+  body.setString("velin", softVer());
+  body.setString("version", "velin");
+  body.setString("token", token);
+  return body;
 }

@@ -1,0 +1,171 @@
+// The download record and the query percent-encoding it uses.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <clocale>
+#include <string>
+#include <vector>
+
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/support/UrlEncoding.h"
+#include "tests/support/TestPlatform.h"
+
+namespace qxlog::testing {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(QueryEncoding, KeepsTheQueryCharactersAndEncodesEverythingElse) {
+  const std::string kept = "abcxyzABCXYZ0189-._~!$&'()*+,;=:/?@";
+  EXPECT_EQ(percentEncodeQuery(kept), kept);
+  EXPECT_EQ(percentEncodeQuery("a b"), "a%20b");
+  EXPECT_EQ(percentEncodeQuery("100%#frag"), "100%25%23frag");
+  EXPECT_EQ(percentEncodeQuery("[x]\"<>\\^`{|}"), "%5Bx%5D%22%3C%3E%5C%5E%60%7B%7C%7D");
+  // Multi-byte characters byte by byte, upper-case hex.
+  EXPECT_EQ(percentEncodeQuery("\xC3\xA9\xE4\xB8\xAD"), "%C3%A9%E4%B8%AD");
+  EXPECT_EQ(percentEncodeQuery(std::string("\x01\x7f\xff", 3)), "%01%7F%FF");
+  EXPECT_EQ(percentEncodeQuery(""), "");
+}
+
+class DownloadRecordTest : public LibraryTest {
+ protected:
+  QXLogCenter& center() { return QXLogCenter::center(); }
+  QXLogMessageFormat& format() { return center().format(); }
+
+  // A report on item "item" made `after` the saved start.
+  Dictionary reportAfter(milliseconds after, const NullableString& amount,
+                         const NullableString& url = "http://localhost/a.mp4") {
+    center().saveActionStartTime("item");
+    clock_->advance(after);
+    return format().downLog("item", url, "done", amount, "/store/a.mp4", "The Name");
+  }
+};
+
+TEST_F(DownloadRecordTest, RecordHasNoA2AndRepeatsTheSendTime) {
+  Dictionary record = reportAfter(milliseconds(5000), "10");
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : record) keys.push_back(key);
+  EXPECT_EQ(keys, (std::vector<std::string>{"a_t", "a_0", "a_1", "a_3", "a_4", "a_5", "a_6", "a_7",
+                                            "a_8", "a_9", "a_10", "a_11", "a_12", "a_13", "a_14"}));
+  EXPECT_EQ(field(record, "a_t"), "3");
+  EXPECT_EQ(field(record, "a_0"), "1700000005000");
+  EXPECT_EQ(field(record, "a_10"), field(record, "a_0"));
+  EXPECT_EQ(field(record, "a_9"), "1700000000000");
+  EXPECT_EQ(field(record, "a_3"), QXLogHelper::getIPAddress());
+  EXPECT_EQ(field(record, "a_4"), "0");
+  EXPECT_EQ(field(record, "a_5"), "0");
+  EXPECT_EQ(field(record, "a_6"), "0");
+  EXPECT_EQ(field(record, "a_7"), "item");
+  EXPECT_EQ(field(record, "a_11"), "done");
+  EXPECT_EQ(field(record, "a_14"), "/store/a.mp4");
+  // The item's name is not recorded.
+  for (const auto& [key, value] : record) EXPECT_NE(*value.asString(), "The Name") << key;
+}
+
+TEST_F(DownloadRecordTest, AmountAndAverageRate) {
+  Dictionary record = reportAfter(milliseconds(5000), "10");
+  EXPECT_EQ(field(record, "a_12"), "10 M");
+  EXPECT_EQ(field(record, "a_13"), "2048.00");
+
+  // A unit already written stays; the rate reads the leading number.
+  EXPECT_EQ(field(format().downLog("item", "http://x", "s", "10M", "p", "n"), "a_12"), "10M");
+  Dictionary mb = format().downLog("item", "http://x", "s", "3 MB", "p", "n");
+  EXPECT_EQ(field(mb, "a_12"), "3 MB");
+  EXPECT_EQ(field(mb, "a_13"), "614.40");
+  // Only a capital M counts as a unit.
+  EXPECT_EQ(field(format().downLog("item", "http://x", "s", "12.5m", "p", "n"), "a_12"), "12.5m M");
+}
+
+TEST_F(DownloadRecordTest, AmountIsRoundedToTwoDecimalsBeforeTheRate) {
+  // 0.004 rounds to 0.00, so no rate is left; unrounded it would be 0.82.
+  EXPECT_EQ(field(reportAfter(milliseconds(5000), "0.004"), "a_13"), "0.00");
+  // 2.005 as a float is just above 2.005 and rounds up: 2.01 / 5 s * 1024.
+  Dictionary rounded = format().downLog("item", "http://x", "s", "2.005", "p", "n");
+  EXPECT_EQ(field(rounded, "a_13"), "411.65");
+}
+
+TEST_F(DownloadRecordTest, RateUnderOneSecondIsInfOrNan) {
+  EXPECT_EQ(field(reportAfter(milliseconds(999), "5"), "a_13"), "inf");
+  EXPECT_EQ(field(format().downLog("item", "http://x", "s", "0", "p", "n"), "a_13"), "nan");
+  EXPECT_EQ(field(format().downLog("item", "http://x", "s", "-1", "p", "n"), "a_13"), "-inf");
+}
+
+TEST_F(DownloadRecordTest, NilAmountReadsAsNullWithAZeroRate) {
+  Dictionary record = reportAfter(milliseconds(5000), std::nullopt);
+  EXPECT_EQ(field(record, "a_12"), "(null) M");
+  EXPECT_EQ(field(record, "a_13"), "0.00");
+  EXPECT_EQ(field(format().downLog("item", "http://x", "s", "", "p", "n"), "a_12"), " M");
+}
+
+TEST_F(DownloadRecordTest, MissingStartTimeMeasuresFrom1970) {
+  Dictionary record = format().downLog("never-started", "http://x", "s", "10", "p", "n");
+  EXPECT_EQ(field(record, "a_9"), "0");
+  EXPECT_EQ(field(record, "a_13"), "0.00");
+  EXPECT_EQ(field(format().downLog(std::nullopt, "http://x", "s", "10", "p", "n"), "a_9"), "0");
+}
+
+TEST_F(DownloadRecordTest, StartTimeIsKeptForLaterReports) {
+  center().saveActionStartTime("item");
+  clock_->advance(milliseconds(2000));
+  Dictionary first = format().downLog("item", "http://x", "s", "4", "p", "n");
+  clock_->advance(milliseconds(2000));
+  Dictionary second = format().downLog("item", "http://x", "s", "4", "p", "n");
+  EXPECT_EQ(field(first, "a_9"), field(second, "a_9"));
+  EXPECT_EQ(field(first, "a_13"), "2048.00");
+  EXPECT_EQ(field(second, "a_13"), "1024.00");
+  EXPECT_EQ(center().getActionStartTime("item"), NullableString("1700000000000"));
+}
+
+TEST_F(DownloadRecordTest, StartAndNowAreOnTheServerClock) {
+  format().setCurrent_time(Value("100000"));
+  format().setServerInfoUpdateTime(1700000000000.0);
+  Dictionary record = reportAfter(milliseconds(5000), "10");
+  EXPECT_EQ(field(record, "a_9"), "100000");
+  EXPECT_EQ(field(record, "a_0"), "105000");
+  EXPECT_EQ(field(record, "a_13"), "2048.00");  // elapsed time is local
+}
+
+TEST_F(DownloadRecordTest, HttpAddressesAreEncodedAndResolved) {
+  Dictionary record = reportAfter(milliseconds(5000), "10", "http://localhost/a b.mp4?q=1#x");
+  EXPECT_EQ(field(record, "a_8"), "http://localhost/a%20b.mp4?q=1%23x");
+  EXPECT_EQ(field(record, "a_1"), "127.0.0.1");
+  Dictionary secure = format().downLog("item", "https://localhost:8443/v", "s", "1", "p", "n");
+  EXPECT_EQ(field(secure, "a_8"), "https://localhost:8443/v");
+  EXPECT_EQ(field(secure, "a_1"), "127.0.0.1");
+  // No host to look up.
+  Dictionary hostless = format().downLog("item", "http:/only/a path", "s", "1", "p", "n");
+  EXPECT_EQ(field(hostless, "a_8"), "http:/only/a%20path");
+  EXPECT_EQ(field(hostless, "a_1"), "");
+}
+
+TEST_F(DownloadRecordTest, OtherAddressesAreNotRecorded) {
+  for (const char* url : {"ftp://localhost/a", "HTTP://localhost/a", "null", "undefined",
+                          "localhost/a", " http://localhost/a"}) {
+    Dictionary record = format().downLog("item", url, "s", "1", "p", "n");
+    EXPECT_EQ(field(record, "a_1"), "") << url;
+    EXPECT_EQ(field(record, "a_8"), "") << url;
+  }
+}
+
+TEST_F(DownloadRecordTest, NumbersIgnoreTheHostLocale) {
+  const char* previous = std::setlocale(LC_NUMERIC, nullptr);
+  std::string saved = previous != nullptr ? previous : "C";
+  // Any locale with a decimal comma will do.
+  bool commaLocale = false;
+  for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8"}) {
+    if (std::setlocale(LC_NUMERIC, name) != nullptr) {
+      commaLocale = true;
+      break;
+    }
+  }
+  if (!commaLocale) GTEST_SKIP() << "no locale with a decimal comma installed";
+  Dictionary record = reportAfter(milliseconds(4000), "12,5");
+  Dictionary decimal = format().downLog("item", "http://x", "s", "12.5", "p", "n");
+  std::setlocale(LC_NUMERIC, saved.c_str());
+  EXPECT_EQ(field(record, "a_13"), "3072.00");  // "12,5" reads 12
+  EXPECT_EQ(field(decimal, "a_13"), "3200.00");
+}
+
+}  // namespace
+}  // namespace qxlog::testing
