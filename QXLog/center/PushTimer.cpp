@@ -1,11 +1,12 @@
 // The push timer: counts down and then folds and submits the pending records
 // once. The same N serves as the interval in seconds and as the countdown, so
 // the submission comes N * N seconds after the start.
+#include "QXLog/center/PushTimer.h"
+
 #include <limits>
 #include <memory>
 
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/center/PushTimer.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Text.h"
 #include "QXLog/platform/TimerSource.h"

@@ -29,13 +29,12 @@ void QXLogCenter::getLogServerInfo() {
   // The query values go in as they are, unescaped; "(null)" stands for nil.
   QXLogMessageFormat& settings = format();
   platform::HttpRequest request;
-  request.url = platform::describe(settings.pushUrl()) + "?token=" +
-                platform::describe(QXLogHelper::tokenString(std::nullopt)) +
+  request.url = platform::describe(settings.pushUrl()) +
+                "?token=" + platform::describe(QXLogHelper::tokenString(std::nullopt)) +
                 "&uid=" + platform::describe(settings.idfa());
   request.timeout = std::chrono::seconds(30);
-  platform::globalQueue()->async([this, request = std::move(request)] {
-    settingsAnswered(platform::performHttp(request));
-  });
+  platform::globalQueue()->async(
+      [this, request = std::move(request)] { settingsAnswered(platform::performHttp(request)); });
 }
 
 void QXLogCenter::settingsAnswered(const platform::HttpResponse& response) {

@@ -12,15 +12,15 @@ namespace qxlog {
 namespace {
 
 constexpr std::array<std::string_view, 6> kAcceptedContentTypes = {
-    "application/json", "text/json", "text/javascript", "text/html", "text/xml",
-    "application/xml"};
+    "application/json", "text/json", "text/javascript", "text/html", "text/xml", "application/xml"};
 
 // The media type of a Content-Type header, without parameters, lower-cased.
 std::string mediaType(std::string_view contentType) {
   contentType = contentType.substr(0, contentType.find(';'));
   std::string type;
   for (char c : contentType) {
-    if (c != ' ' && c != '\t') type += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (c != ' ' && c != '\t')
+      type += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   }
   return type;
 }

@@ -9,8 +9,8 @@ namespace qxlog::platform {
 namespace {
 
 bool keptAsIs(unsigned char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-         c == '-' || c == '.' || c == '_' || c == '~' || c == '/' || c == '?';
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.' || c == '_' || c == '~' || c == '/' || c == '?';
 }
 
 void appendPairs(std::vector<std::pair<std::string, std::string>>& pairs, const std::string& key,

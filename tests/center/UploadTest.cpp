@@ -13,7 +13,9 @@ using std::chrono::seconds;
 
 constexpr const char* kActionFile = "UserStatisticalLog.plist";
 
-Dictionary action(const std::string& item) { return strings({{"a_t", "2"}, {"a_1", item}}); }
+Dictionary action(const std::string& item) {
+  return strings({{"a_t", "2"}, {"a_1", item}});
+}
 
 TEST_F(UploadTest, EachStoreAtBatchSizeOneIsPostedAndConfirmed) {
   logEnvReady(true);
@@ -185,7 +187,7 @@ TEST_F(UploadTest, OnlyTheStringCode200ConfirmsAndRestartsTheTimer) {
   center().storeActionLog(action("numeric"));
   center().submitAllLog();
   settle();
-  ASSERT_EQ(server_->requestCount(), 1u);  // completed: no repeat
+  ASSERT_EQ(server_->requestCount(), 1u);     // completed: no repeat
   EXPECT_TRUE(center().actionLog().empty());  // and dropped
   EXPECT_EQ(dispatcher_->pending(), 0u);      // no timer
 

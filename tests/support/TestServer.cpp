@@ -1,11 +1,15 @@
 #include "tests/support/TestServer.h"
 
 #include <arpa/inet.h>
-#include <httplib.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cctype>
+
+#include "collector/http/HttpServer.h"
 
 namespace qxlog::testing {
 namespace {
@@ -34,18 +38,24 @@ std::string ReceivedRequest::param(const std::string& name) const {
   return it != params.end() ? it->second : "<missing>";
 }
 
+std::string lowerCase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
 std::string ReceivedRequest::header(const std::string& name) const {
-  auto it = headers.find(name);
+  auto it = headers.find(lowerCase(name));
   return it != headers.end() ? it->second : "<missing>";
 }
 
-TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
-  auto handle = [this](const httplib::Request& request, httplib::Response& response) {
-    ReceivedRequest received{request.method, request.path, "", {}, request.body, {}};
-    for (const auto& [name, value] : request.headers) received.headers.emplace(name, value);
-    for (const auto& [name, value] : request.params) received.params.emplace(name, value);
-    auto target = request.target.find('?');
-    if (target != std::string::npos) received.query = request.target.substr(target + 1);
+bool ReceivedRequest::hasHeader(const std::string& name) const {
+  return headers.count(lowerCase(name)) != 0;
+}
+
+TestServer::TestServer() {
+  auto handle = [this](const collector::HttpServerRequest& request) {
+    ReceivedRequest received{request.method,  request.path, request.query,
+                             request.headers, request.body, request.params};
     ScriptedAnswer answer;
     {
       std::lock_guard lock(mutex_);
@@ -59,24 +69,18 @@ TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
     }
     arrived_.notify_all();
     if (answer.delay.count() > 0) std::this_thread::sleep_for(answer.delay);
-    response.status = answer.status;
-    response.set_content(answer.body, answer.contentType.c_str());
+    return collector::HttpServerAnswer{answer.status, answer.contentType, answer.body};
   };
-  server_->Get(".*", handle);
-  server_->Post(".*", handle);
-  port_ = server_->bind_to_any_port("127.0.0.1");
-  // The socket is bound and listening already: connections made before the
-  // thread starts serving wait in the backlog.
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  server_ = std::make_unique<collector::HttpServer>(collector::HttpServer::Options(), handle);
+  if (!server_->start()) ADD_FAILURE() << "test server: " << server_->error();
 }
 
 TestServer::~TestServer() {
   server_->stop();
-  thread_.join();
 }
 
 std::string TestServer::url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
+  return "http://127.0.0.1:" + std::to_string(server_->port()) + path;
 }
 
 void TestServer::script(ScriptedAnswer answer) {

@@ -15,8 +15,8 @@
 #include <thread>
 #include <vector>
 
-namespace httplib {
-class Server;
+namespace qxlog::collector {
+class HttpServer;
 }
 
 namespace qxlog::testing {
@@ -24,14 +24,14 @@ namespace qxlog::testing {
 struct ReceivedRequest {
   std::string method;
   std::string path;
-  std::string query;  // the raw query string
-  std::map<std::string, std::string> headers;
+  std::string query;                           // the raw query string
+  std::map<std::string, std::string> headers;  // names in lower case
   std::string body;
   std::multimap<std::string, std::string> params;  // query and form fields, decoded
 
   std::string param(const std::string& name) const;
   std::string header(const std::string& name) const;
-  bool hasHeader(const std::string& name) const { return headers.count(name) != 0; }
+  bool hasHeader(const std::string& name) const;
 };
 
 struct ScriptedAnswer {
@@ -41,7 +41,9 @@ struct ScriptedAnswer {
   std::chrono::milliseconds delay{0};
 
   static ScriptedAnswer confirm() { return ScriptedAnswer(); }
-  static ScriptedAnswer json(std::string body) { return ScriptedAnswer{200, "application/json", std::move(body)}; }
+  static ScriptedAnswer json(std::string body) {
+    return ScriptedAnswer{200, "application/json", std::move(body)};
+  }
 };
 
 class TestServer {
@@ -56,12 +58,11 @@ class TestServer {
   std::vector<ReceivedRequest> requests() const;
   std::size_t requestCount() const;
   // Waits (briefly, in real time) until `count` requests have arrived.
-  bool waitForRequests(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+  bool waitForRequests(std::size_t count,
+                       std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
  private:
-  std::unique_ptr<httplib::Server> server_;
-  std::thread thread_;
-  int port_ = 0;
+  std::unique_ptr<collector::HttpServer> server_;
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;
   std::deque<ScriptedAnswer> script_;

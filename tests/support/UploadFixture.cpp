@@ -13,6 +13,9 @@ void UploadTest::SetUp() {
   format().setLogEncryptionKey(kTestKey);
   format().setUid("42");
   format().setIdfa("device-1");
+  // As after a settings answer: a confirmed upload restarts an hour-long
+  // countdown. Without one the countdown is 0 and submits again at once.
+  format().setPush_interval_time(Value("60000"));
 }
 
 void UploadTest::TearDown() {
