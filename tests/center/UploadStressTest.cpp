@@ -1,0 +1,131 @@
+// Uploads under real concurrency: the built-in main and global queues, the
+// system clock, several host threads and a loopback log server.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "QXLog/QXLog.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/center/CenterRegistry.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Documents.h"
+#include "QXLog/platform/Files.h"
+#include "QXLog/platform/PropertyList.h"
+#include "collector/decode/EnvelopeDecoder.h"
+#include "tests/support/TestPlatform.h"
+#include "tests/support/TestServer.h"
+
+namespace qxlog::testing {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* kKey = "stress-key-16byt";
+
+class UploadStressTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/qxlog-stress-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    documents_ = pattern;
+    platform::setDocumentsDirectory(documents_);
+    platform::setConsoleSink([](const std::string&) {});
+    QXLogMessageFormat& format = CenterRegistry::replaceForTesting().format();
+    format.setPushLogUrl(server_.url("/log"));
+    format.setLogEncryptionKey(kKey);
+    format.setUid("1");
+    format.setPush_interval_time(Value("60000"));
+    logEnvReady(true);
+  }
+  void TearDown() override {
+    platform::setConsoleSink(nullptr);
+    std::filesystem::remove_all(documents_);
+  }
+
+  // Every "a_1" the server received, in arrival order.
+  std::vector<std::string> received() const {
+    std::vector<std::string> items;
+    for (const ReceivedRequest& request : server_.requests()) {
+      auto body = collector::decodeLogData(request.param("log_data"), kKey);
+      EXPECT_TRUE(body) << body.error;
+      if (!body) continue;
+      const Value* records = body.value->asDictionary()->find("a");
+      for (const Value& record : *records->asArray()) items.push_back(field(record, "a_1"));
+    }
+    return items;
+  }
+
+  // Waits until the server has seen no request for a while.
+  void waitForQuiet() const {
+    std::size_t seen = SIZE_MAX;
+    while (seen != server_.requestCount()) {
+      seen = server_.requestCount();
+      std::this_thread::sleep_for(milliseconds(300));
+    }
+  }
+
+  TestServer server_;
+  std::string documents_;
+};
+
+TEST_F(UploadStressTest, ConcurrentReportsAreNeverDuplicatedOrInvented) {
+  QXLogCenter::center().format().setLimitLogCount(20);
+  std::thread mainThread([] { QXLogMainQueueRun(); });
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 400;
+  std::vector<std::thread> hosts;
+  for (int t = 0; t < kThreads; ++t) {
+    hosts.emplace_back([t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        std::string item = std::to_string(t) + "-" + std::to_string(i);
+        recordActionLog(item.c_str(), "0");
+      }
+    });
+  }
+  for (std::thread& host : hosts) host.join();
+  waitForQuiet();
+  QXLogMainQueueStop();
+  mainThread.join();
+
+  std::vector<std::string> items = received();
+  std::set<std::string> unique(items.begin(), items.end());
+  EXPECT_EQ(unique.size(), items.size()) << "a record was received twice";
+  for (const std::string& item : unique) {
+    int thread = -1, index = -1;
+    ASSERT_EQ(std::sscanf(item.c_str(), "%d-%d", &thread, &index), 2) << item;
+    EXPECT_TRUE(thread >= 0 && thread < kThreads && index >= 0 && index < kPerThread) << item;
+  }
+  EXPECT_GT(items.size(), 0u);
+  std::string path = platform::documentsPath("UserStatisticalLog.plist");
+  if (platform::fileExists(path)) {
+    std::optional<std::string> bytes = platform::readFile(path);
+    ASSERT_TRUE(bytes.has_value());
+    if (!bytes->empty()) {
+      std::optional<Value> root = platform::parsePropertyList(*bytes);
+      ASSERT_TRUE(root.has_value() && root->isArray());
+    }
+  }
+}
+
+TEST_F(UploadStressTest, AnsweredOneByOneEveryRecordArrivesExactlyOnce) {
+  constexpr int kReports = 150;
+  for (int i = 0; i < kReports; ++i) {
+    recordActionLog(std::to_string(i).c_str(), "0");
+    ASSERT_TRUE(server_.waitForRequests(static_cast<std::size_t>(i + 1)));
+    // Handle the answer on this thread, which serves as the main thread.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (platform::defaultMainQueue().drain() == 0) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+  }
+  std::vector<std::string> items = received();
+  ASSERT_EQ(items.size(), static_cast<std::size_t>(kReports));
+  for (int i = 0; i < kReports; ++i) EXPECT_EQ(items[i], std::to_string(i));
+}
+
+}  // namespace
+}  // namespace qxlog::testing
