@@ -10,7 +10,25 @@ namespace {
 
 namespace platform = qxlog::platform;
 using platform::describe;
+using qxlog::Dictionary;
 using qxlog::NullableString;
+
+// The nine keys shared by play-action and trailer records: the record time,
+// "1", the six event values in order, and the total play time.
+Dictionary playStateRecord(const std::string& recordTime,
+                           std::initializer_list<const NullableString*> events,
+                           const std::string& total) {
+  Dictionary record;
+  record.reserve(9);
+  record.setString("p_0", recordTime);
+  record.setString("p_1", "1");
+  int index = 2;
+  for (const NullableString* event : events) {
+    record.setString("p_" + std::to_string(index++), *event);
+  }
+  record.setString("p_8", total);
+  return record;
+}
 
 }  // namespace
 
@@ -78,18 +96,9 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playActionLog(
                          totalText + ")~buffer_start_time(" + describe(startTime) +
                          ")~~~~recordTimestring(" + recordTime + ")");
 
-  Dictionary record;
-  record.reserve(9);
-  record.setString("p_0", recordTime);
-  record.setString("p_1", "1");
-  record.setString("p_2", playActionLog);
-  record.setString("p_3", playStatu);
-  record.setString("p_4", startTime);
-  record.setString("p_5", endTime);
-  record.setString("p_6", startPosition);
-  record.setString("p_7", endPosition);
-  record.setString("p_8", totalText);
-  return record;
+  return playStateRecord(
+      recordTime, {&playActionLog, &playStatu, &startTime, &endTime, &startPosition, &endPosition},
+      totalText);
 }
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::playTrailerLog(
@@ -112,16 +121,8 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playTrailerLog(
                          describe(buffer_end_time) + "---" + describe(start_position) + "--" +
                          describe(end_position) + "---" + total);
 
-  Dictionary record;
-  record.reserve(9);
-  record.setString("p_0", recordTime);
-  record.setString("p_1", "1");
-  record.setString("p_2", playTrailerLog);
-  record.setString("p_3", is_play_status);
-  record.setString("p_4", buffer_start_time);
-  record.setString("p_5", buffer_end_time);
-  record.setString("p_6", start_position);
-  record.setString("p_7", end_position);
-  record.setString("p_8", total);
-  return record;
+  return playStateRecord(recordTime,
+                         {&playTrailerLog, &is_play_status, &buffer_start_time, &buffer_end_time,
+                          &start_position, &end_position},
+                         total);
 }
