@@ -2,7 +2,6 @@
 
 #include <filesystem>
 
-#include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
 #include "tests/support/TestPlatform.h"
 
@@ -78,13 +77,6 @@ TEST_F(FoldingTest, StoringAtTheBatchSizeFoldsAndThenSubmits) {
       << lines.back();
 }
 
-TEST_F(FoldingTest, WithoutAHeaderFullCountsNeitherFoldNorSubmit) {
-  center().storePlayLog(play("p1"));
-  for (int i = 0; i < 3; ++i) center().storeActionLog(strings({{"a_1", "x"}}));
-  EXPECT_EQ(center().actionLog().size(), 3u);
-  EXPECT_EQ(center().playActionLog().size(), 1u);
-}
-
 TEST_F(FoldingTest, ANegativeBatchSizeIsNeverReached) {
   center().format().setLimitLogCount(-1);
   center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
@@ -99,19 +91,6 @@ TEST_F(FoldingTest, DevelopmentModeNeedsTwoPendingRecords) {
   EXPECT_EQ(center().playActionLog().size(), 1u);
   center().storePlayLog(play("p2"));
   EXPECT_TRUE(center().playActionLog().empty());
-}
-
-TEST_F(FoldingTest, ANewPlayFoldsPendingRecordsUnderThePreviousHeader) {
-  logEnvReady(true);
-  center().format().setLimitLogCount(1000);
-  center().setCurrentPlayHeader(strings({{"a_t", "1"}, {"a_7", "previous"}}));
-  center().storePlayLog(play("p1"));
-  recordMoviePlayLog("next", "/local/file", "home", true, nullptr);
-  Array queue = center().actionLog();
-  ASSERT_EQ(queue.size(), 1u);
-  EXPECT_EQ(field(queue[0], "a_7"), "previous");
-  EXPECT_EQ(actionsUnder(queue[0]), Array{Value(play("p1"))});
-  EXPECT_EQ(console_->countStartingWith("Play-currentPlayHeader:"), 1u);
 }
 
 }  // namespace

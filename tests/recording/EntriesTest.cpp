@@ -39,25 +39,6 @@ class EntriesTest : public LibraryTest {
   }
 };
 
-TEST_F(EntriesTest, DeferredReportIsStampedWhenFinallyRecorded) {
-  recordActionLog("tap", "3");
-  EXPECT_TRUE(actions().empty());
-  dispatcher_->advance(seconds(5));  // still not ready: deferred again
-  EXPECT_TRUE(actions().empty());
-  EXPECT_EQ(dispatcher_->pending(), 1u);
-  dispatcher_->advance(seconds(2));
-  logEnvReady(true);  // at 7 s
-  EXPECT_TRUE(actions().empty());
-  dispatcher_->advance(seconds(3));  // the retry at 10 s records it
-  Dictionary record = onlyAction();
-  EXPECT_EQ(field(record, "a_t"), "2");
-  EXPECT_EQ(field(record, "a_1"), "tap");
-  EXPECT_EQ(field(record, "a_2"), "1700000010000");
-  EXPECT_EQ(field(record, "a_3"), "1700000010000");
-  EXPECT_EQ(field(record, "a_5"), "3");
-  EXPECT_EQ(dispatcher_->pending(), 0u);
-}
-
 TEST_F(EntriesTest, LaunchWithoutPushIdEqualsAnEmptyPushId) {
   logEnvReady(true);
   recordLaunchLog("cold");
@@ -74,35 +55,6 @@ TEST_F(EntriesTest, LaunchWithoutPushIdEqualsAnEmptyPushId) {
   EXPECT_EQ(field(queue[0], "a_2"), "1700000000000");  // start time from the clock
   EXPECT_EQ(field(queue[0], "a_3"), "");
   EXPECT_EQ(field(queue[2], "a_3"), "p-9");
-}
-
-TEST_F(EntriesTest, NetworkReportWithoutItemIsDroppedBeforeTheGate) {
-  recordNetworkLog(nullptr, 1, "e");
-  recordNetworkLog("", 1, "e");
-  EXPECT_EQ(dispatcher_->pending(), 0u);
-  logEnvReady(true);
-  recordNetworkLog(nullptr, 1, "e");
-  recordNetworkLog("", 1, "e");
-  EXPECT_TRUE(actions().empty());
-
-  recordNetworkLog(" ", -5, nullptr);
-  Dictionary record = onlyAction();
-  EXPECT_EQ(field(record, "a_t"), "7");
-  EXPECT_EQ(field(record, "a_1"), "-5");
-  EXPECT_EQ(field(record, "a_2"), "");
-  EXPECT_EQ(field(record, "a_3"), " ");
-}
-
-TEST_F(EntriesTest, DownloadReportWithoutUrlIsDroppedBeforeTheGate) {
-  recordDownLog("id", nullptr, "n", "1", "p", "s");
-  recordDownLog("id", "", "n", "1", "p", "s");
-  EXPECT_EQ(dispatcher_->pending(), 0u);
-  logEnvReady(true);
-  recordDownLog("id", "", "n", "1", "p", "s");
-  EXPECT_TRUE(actions().empty());
-  // Empty values elsewhere are accepted.
-  recordDownLog("", "x", "", "", "", "");
-  EXPECT_EQ(actions().size(), 1u);
 }
 
 TEST_F(EntriesTest, DownloadArgumentsReachTheirKeys) {
