@@ -248,6 +248,19 @@ void HttpServer::refuse(int fd, const HttpServerRequest& request, int status,
                         const std::string& reason) {
   if (options_.refused) options_.refused(request, status, reason);
   answer(fd, {status, "text/plain", reason + "\n"});
+  // The client may still be sending (an oversized body): closing now, with
+  // its bytes unread, would reset the connection and could destroy the answer
+  // before the client reads it. Signal the end, then discard what comes, for
+  // a bounded time.
+  ::shutdown(fd, SHUT_WR);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  char chunk[16384];
+  while (!stopping_.load() && std::chrono::steady_clock::now() < until) {
+    pollfd ready{fd, POLLIN, 0};
+    const int polled = ::poll(&ready, 1, 25);
+    if (polled < 0 && errno != EINTR) return;
+    if (polled > 0 && ::recv(fd, chunk, sizeof chunk, 0) <= 0) return;
+  }
 }
 
 void HttpServer::serve(int connection, std::string peer) {
