@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 
 namespace qxlog::collector {
@@ -39,8 +40,12 @@ const char* reason(int status) {
       return "Method Not Allowed";
     case 408:
       return "Request Timeout";
+    case 411:
+      return "Length Required";
     case 413:
       return "Payload Too Large";
+    case 431:
+      return "Request Header Fields Too Large";
     case 500:
       return "Internal Server Error";
     case 503:
@@ -48,17 +53,6 @@ const char* reason(int status) {
     default:
       return "Status";
   }
-}
-
-// Reads more bytes into `buffer`; false on end of stream, error or timeout.
-bool readMore(int fd, std::string& buffer, std::chrono::milliseconds timeout) {
-  pollfd ready{fd, POLLIN, 0};
-  if (::poll(&ready, 1, static_cast<int>(timeout.count())) <= 0) return false;
-  char chunk[16384];
-  ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
-  if (got <= 0) return false;
-  buffer.append(chunk, static_cast<std::size_t>(got));
-  return true;
 }
 
 void sendAll(int fd, const std::string& bytes) {
@@ -151,8 +145,31 @@ HttpServer::~HttpServer() {
   stop();
 }
 
+// Reads more bytes into `buffer`; false on end of stream, error, timeout or
+// stop. Waits in short slices so that stop() is noticed.
+bool HttpServer::readMore(int fd, std::string& buffer) const {
+  constexpr int kSliceMs = 25;
+  for (long waited = 0; waited < options_.readTimeout.count(); waited += kSliceMs) {
+    if (stopping_.load()) return false;
+    pollfd ready{fd, POLLIN, 0};
+    const int polled = ::poll(&ready, 1, kSliceMs);
+    if (polled < 0 && errno != EINTR) return false;
+    if (polled <= 0) continue;
+    char chunk[16384];
+    ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
+    if (got <= 0) return false;
+    buffer.append(chunk, static_cast<std::size_t>(got));
+    return true;
+  }
+  return false;
+}
+
 bool HttpServer::start() {
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener_ < 0) {
+    error_ = std::string("cannot open a socket: ") + std::strerror(errno);
+    return false;
+  }
   int yes = 1;
   ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   sockaddr_in address{};
@@ -202,13 +219,24 @@ void HttpServer::acceptLoop() {
   while (!stopping_.load()) {
     pollfd ready{listener_, POLLIN, 0};
     if (::poll(&ready, 1, 20) <= 0) continue;
-    int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    sockaddr_in client{};
+    socklen_t clientLength = sizeof client;
+    int connection =
+        ::accept4(listener_, reinterpret_cast<sockaddr*>(&client), &clientLength, SOCK_CLOEXEC);
     if (connection < 0) continue;
+    char text[INET_ADDRSTRLEN] = "?";
+    ::inet_ntop(AF_INET, &client.sin_addr, text, sizeof text);
+    std::string peer = std::string(text) + ":" + std::to_string(ntohs(client.sin_port));
     std::lock_guard lock(connectionsMutex_);
     reapFinishedLocked();
+    if (connections_.size() >= options_.maxConnections) {
+      answer(connection, {503, "text/plain", "too many connections\n"});
+      ::close(connection);
+      continue;
+    }
     auto done = std::make_shared<std::atomic<bool>>(false);
-    std::thread worker([this, connection, done] {
-      serve(connection);
+    std::thread worker([this, connection, done, peer = std::move(peer)]() mutable {
+      serve(connection, std::move(peer));
       ::close(connection);
       done->store(true);
     });
@@ -216,17 +244,37 @@ void HttpServer::acceptLoop() {
   }
 }
 
-void HttpServer::serve(int connection) {
+void HttpServer::refuse(int fd, const HttpServerRequest& request, int status,
+                        const std::string& reason) {
+  if (options_.refused) options_.refused(request, status, reason);
+  answer(fd, {status, "text/plain", reason + "\n"});
+  // The client may still be sending (an oversized body): closing now, with
+  // its bytes unread, would reset the connection and could destroy the answer
+  // before the client reads it. Signal the end, then discard what comes, for
+  // a bounded time.
+  ::shutdown(fd, SHUT_WR);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  char chunk[16384];
+  while (!stopping_.load() && std::chrono::steady_clock::now() < until) {
+    pollfd ready{fd, POLLIN, 0};
+    const int polled = ::poll(&ready, 1, 25);
+    if (polled < 0 && errno != EINTR) return;
+    if (polled > 0 && ::recv(fd, chunk, sizeof chunk, 0) <= 0) return;
+  }
+}
+
+void HttpServer::serve(int connection, std::string peer) {
+  HttpServerRequest request;
+  request.peer = std::move(peer);
   std::string buffer;
   std::size_t headEnd;
   while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
     if (buffer.size() > kMaxHeaderBytes)
-      return answer(connection, {431, "text/plain", "headers too large\n"});
-    if (!readMore(connection, buffer, options_.readTimeout)) return;
+      return refuse(connection, request, 431, "headers too large");
+    if (!readMore(connection, buffer)) return;
   }
-  HttpServerRequest request;
   if (!parseHead(buffer.substr(0, headEnd), request)) {
-    return answer(connection, {400, "text/plain", "malformed request line\n"});
+    return refuse(connection, request, 400, "malformed request line");
   }
   std::string lengthText = request.header("content-length");
   std::size_t length = 0;
@@ -234,19 +282,20 @@ void HttpServer::serve(int connection) {
     char* end = nullptr;
     unsigned long long parsed = std::strtoull(lengthText.c_str(), &end, 10);
     if (end == lengthText.c_str() || *end != '\0') {
-      return answer(connection, {400, "text/plain", "bad Content-Length\n"});
+      return refuse(connection, request, 400, "bad Content-Length");
     }
     if (parsed > options_.maxBodyBytes) {
-      return answer(connection, {413, "text/plain", "body too large\n"});
+      return refuse(connection, request, 413,
+                    "body too large (limit " + std::to_string(options_.maxBodyBytes) + " bytes)");
     }
     length = static_cast<std::size_t>(parsed);
   } else if (!request.header("transfer-encoding").empty()) {
-    return answer(connection, {411, "text/plain", "Content-Length required\n"});
+    return refuse(connection, request, 411, "Content-Length required");
   }
   request.body = buffer.substr(headEnd + 4);
   while (request.body.size() < length) {
-    if (!readMore(connection, request.body, options_.readTimeout)) {
-      return answer(connection, {408, "text/plain", "body incomplete\n"});
+    if (!readMore(connection, request.body)) {
+      return refuse(connection, request, 408, "body incomplete");
     }
   }
   request.body.resize(length);

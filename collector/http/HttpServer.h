@@ -6,7 +6,8 @@
 // bodies and refuse the request. This server hands the body over as it came.
 //
 // One request per connection (answers carry "Connection: close"); each
-// connection is served on its own thread.
+// connection is served on its own thread, up to a bounded number at once.
+// stop() wakes idle connections within a few tens of milliseconds.
 #ifndef QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 #define QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 
@@ -29,6 +30,7 @@ struct HttpServerRequest {
   std::string query;
   std::map<std::string, std::string> headers;  // names in lower case
   std::string body;
+  std::string peer;  // the client's address, "a.b.c.d:port"
   // Query and form fields ("+" and percent escapes decoded), in order.
   std::multimap<std::string, std::string> params;
 
@@ -50,6 +52,11 @@ class HttpServer {
     int port = 0;  // 0: any free port
     std::size_t maxBodyBytes = 16 << 20;
     std::chrono::milliseconds readTimeout{10000};
+    // Connections served at once; further ones are answered 503 at once.
+    std::size_t maxConnections = 64;
+    // Told about each request that the server refuses itself (malformed,
+    // oversized, incomplete), with the status and the one-line reason.
+    std::function<void(const HttpServerRequest&, int status, const std::string& reason)> refused;
   };
 
   HttpServer(Options options, Handler handler);
@@ -70,7 +77,9 @@ class HttpServer {
   };
   void acceptLoop();
   void reapFinishedLocked();
-  void serve(int connection);
+  void serve(int connection, std::string peer);
+  bool readMore(int fd, std::string& buffer) const;
+  void refuse(int fd, const HttpServerRequest& request, int status, const std::string& reason);
 
   Options options_;
   Handler handler_;

@@ -1,0 +1,35 @@
+# cmake --install: the shared and static libraries, the public headers, a
+# CMake package (find_package(QXLog) gives QXLog::qxlog and
+# QXLog::qxlog_static) and a pkg-config file (qxlog), all in the component
+# "library". The collector's tools install in the component "tools".
+include(CMakePackageConfigHelpers)
+
+set(QXLOG_PUBLIC_HEADERS
+  QXLog/QXLog.h QXLog/QXLogCenter.h QXLog/QXLogMessageFormat.h QXLog/QXLogHelper.h
+  QXLog/QXLogValue.h)
+set(QXLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QXLog)
+
+install(TARGETS qxlog qxlog_static EXPORT QXLogTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
+install(FILES ${QXLOG_PUBLIC_HEADERS}
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QXLog COMPONENT library)
+install(EXPORT QXLogTargets NAMESPACE QXLog:: DESTINATION ${QXLOG_CMAKE_DIR}
+  COMPONENT library)
+
+configure_package_config_file(cmake/QXLogConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/QXLogConfig.cmake INSTALL_DESTINATION ${QXLOG_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/QXLogConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/QXLogConfig.cmake
+  ${PROJECT_BINARY_DIR}/QXLogConfigVersion.cmake
+  DESTINATION ${QXLOG_CMAKE_DIR} COMPONENT library)
+
+# The .pc file finds its prefix from its own place, so that
+# cmake --install --prefix elsewhere still gives a working file.
+file(RELATIVE_PATH QXLOG_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+  ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" QXLOG_PC_TO_PREFIX "${QXLOG_PC_TO_PREFIX}")
+configure_file(cmake/qxlog.pc.in ${PROJECT_BINARY_DIR}/qxlog.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qxlog.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)

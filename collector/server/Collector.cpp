@@ -1,0 +1,228 @@
+#include "collector/server/Collector.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <optional>
+
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/platform/Json.h"
+#include "collector/decode/EnvelopeDecoder.h"
+
+namespace qxlog::collector {
+namespace {
+
+constexpr const char* kTokenSalt = "Rk4TqzWmLpVhNc7XsJdBfYoE";
+
+std::optional<std::string> field(const HttpServerRequest& request, const std::string& name) {
+  auto it = request.params.find(name);
+  if (it == request.params.end()) return std::nullopt;
+  return it->second;
+}
+
+std::string fieldOrEmpty(const HttpServerRequest& request, const std::string& name) {
+  return field(request, name).value_or("");
+}
+
+HttpServerAnswer json(int status, const Value& value) {
+  return HttpServerAnswer{status, "application/json", platform::toJson(value) + "\n"};
+}
+
+Dictionary countsOf(const std::map<std::string, int64_t>& counts) {
+  Dictionary out;
+  for (const auto& [key, count] : counts) out.set(key, Value(count));
+  return out;
+}
+
+}  // namespace
+
+std::string dayToken(int year, int month, int day) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02d", year, month, day);
+  return QXLogHelper::md5String(std::string(text) + kTokenSalt).value_or("");
+}
+
+std::vector<std::string> acceptedDayTokens(std::chrono::system_clock::time_point now) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  std::tm today{};
+  localtime_r(&seconds, &today);
+  // Yesterday by the calendar: noon avoids any daylight-saving edge.
+  std::tm yesterday = today;
+  yesterday.tm_mday -= 1;
+  yesterday.tm_hour = 12;
+  yesterday.tm_isdst = -1;
+  std::mktime(&yesterday);
+  return {dayToken(today.tm_year + 1900, today.tm_mon + 1, today.tm_mday),
+          dayToken(yesterday.tm_year + 1900, yesterday.tm_mon + 1, yesterday.tm_mday)};
+}
+
+Collector::Collector(CollectorOptions options, CollectorStore& store, CollectorEvents events)
+    : options_(std::move(options)), store_(store), events_(std::move(events)) {}
+
+int64_t Collector::nowMillis() const {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(options_.clock().time_since_epoch())
+      .count();
+}
+
+int64_t Collector::settingsRequests(const std::string& uid) const {
+  std::lock_guard lock(mutex_);
+  auto it = settingsRequests_.find(uid);
+  return it != settingsRequests_.end() ? it->second : 0;
+}
+
+HttpServerAnswer Collector::handle(const HttpServerRequest& request) {
+  struct Route {
+    const char* path;
+    const char* method;
+    HttpServerAnswer (Collector::*serve)(const HttpServerRequest&);
+  };
+  static constexpr Route kRoutes[] = {
+      {"/settings", "GET", &Collector::settings},
+      {"/log", "POST", &Collector::log},
+      {"/diagnosis", "POST", &Collector::diagnosis},
+      {"/received", "GET", &Collector::received},
+  };
+  for (const Route& route : kRoutes) {
+    if (request.path != route.path) continue;
+    if (request.method != route.method) {
+      return refuse(request, 405, std::string(route.path) + " takes " + route.method);
+    }
+    return (this->*route.serve)(request);
+  }
+  return refuse(request, 404, "no such path: " + request.path);
+}
+
+HttpServerAnswer Collector::refuse(const HttpServerRequest& request, int status,
+                                   const std::string& reason) {
+  if (events_.refusal) events_.refusal(request, status, reason);
+  return HttpServerAnswer{status, "text/plain", reason + "\n"};
+}
+
+HttpServerAnswer Collector::confirm() const {
+  Dictionary answer;
+  answer.set("operate_code", Value(options_.answerCode));
+  return json(options_.answerStatus, Value(std::move(answer)));
+}
+
+bool Collector::answersSuccess() const {
+  return options_.answerCode == "200" && options_.answerStatus >= 200 &&
+         options_.answerStatus <= 299;
+}
+
+// A readable upload that the collector was told to turn down: answered as
+// configured, logged, not stored.
+HttpServerAnswer Collector::notStored(const HttpServerRequest& request) {
+  if (events_.refusal) {
+    events_.refusal(request, options_.answerStatus,
+                    "not stored: answering operate_code " + options_.answerCode + " as configured");
+  }
+  return confirm();
+}
+
+std::string Collector::checkToken(const std::string& token) const {
+  if (token.empty()) return "missing field token";
+  const auto accepted = acceptedDayTokens(options_.clock());
+  if (std::find(accepted.begin(), accepted.end(), token) == accepted.end()) {
+    return "wrong token (not today's or yesterday's day token)";
+  }
+  return "";
+}
+
+HttpServerAnswer Collector::settings(const HttpServerRequest& request) {
+  if (std::string why = checkToken(fieldOrEmpty(request, "token")); !why.empty()) {
+    return refuse(request, 403, why);
+  }
+  const std::string uid = fieldOrEmpty(request, "uid");
+  {
+    std::lock_guard lock(mutex_);
+    ++settingsRequests_[uid];
+  }
+  if (events_.settings) events_.settings(request, uid);
+  Dictionary result;
+  result.set("push_interval_time", Value(options_.pushIntervalTime));
+  result.set("push_interval_number", Value(options_.pushIntervalNumber));
+  result.set("current_time", Value(nowMillis()));
+  Dictionary answer;
+  answer.set("result", Value(std::move(result)));
+  return json(200, Value(std::move(answer)));
+}
+
+HttpServerAnswer Collector::log(const HttpServerRequest& request) {
+  const std::optional<std::string> logData = field(request, "log_data");
+  if (!logData) return refuse(request, 400, "missing field log_data");
+  const std::string token = fieldOrEmpty(request, "token");
+  if (std::string why = checkToken(token); !why.empty()) {
+    return refuse(request, 403, why);
+  }
+  Decoded<Value> decoded = decodeLogData(*logData, options_.key);
+  if (!decoded) return refuse(request, 400, "log_data: " + decoded.error);
+
+  const Dictionary* body = decoded.value->asDictionary();
+  const Value* header = body ? body->find("t") : nullptr;
+  const Value* records = body ? body->find("a") : nullptr;
+  if (!header || !records || !records->asArray() ||
+      !(header->asDictionary() || header->asString())) {
+    return refuse(request, 400, "log_data: the body is not {\"t\": header, \"a\": records}");
+  }
+  for (const Value& record : *records->asArray()) {
+    if (!record.asDictionary()) return refuse(request, 400, "log_data: a record is not an object");
+  }
+  if (!answersSuccess()) return notStored(request);
+
+  UploadRow row;
+  row.receivedAt = nowMillis();
+  row.peer = request.peer;
+  row.token = token;
+  if (header->asDictionary()) row.header = *header->asDictionary();
+  row.records = *records->asArray();
+  std::string error;
+  const std::optional<int64_t> id = store_.addUpload(row, error);
+  if (!id) return refuse(request, 500, "store: " + error);
+  if (events_.upload) events_.upload(*id, row);
+  return confirm();
+}
+
+HttpServerAnswer Collector::diagnosis(const HttpServerRequest& request) {
+  const std::optional<std::string> report = field(request, "diagnosis_log");
+  if (!report) return refuse(request, 400, "missing field diagnosis_log");
+  const std::string token = fieldOrEmpty(request, "token");
+  if (std::string why = checkToken(token); !why.empty()) {
+    return refuse(request, 403, why);
+  }
+  Decoded<Value> decoded = decodeLogData(*report, options_.key);
+  if (!decoded) return refuse(request, 400, "diagnosis_log: " + decoded.error);
+  if (!decoded.value->asDictionary()) {
+    return refuse(request, 400, "diagnosis_log: the report is not an object");
+  }
+  if (!answersSuccess()) return notStored(request);
+
+  DiagnosisRow row;
+  row.receivedAt = nowMillis();
+  row.peer = request.peer;
+  row.token = token;
+  row.userId = fieldOrEmpty(request, "user_id");
+  row.device = fieldOrEmpty(request, "uid");
+  row.userPhone = fieldOrEmpty(request, "user_phone");
+  row.velin = fieldOrEmpty(request, "velin");
+  row.version = fieldOrEmpty(request, "version");
+  row.report = std::move(*decoded.value);
+  std::string error;
+  const std::optional<int64_t> id = store_.addDiagnosis(row, error);
+  if (!id) return refuse(request, 500, "store: " + error);
+  if (events_.diagnosis) events_.diagnosis(*id, row);
+  return confirm();
+}
+
+HttpServerAnswer Collector::received(const HttpServerRequest& request) {
+  const std::optional<std::string> uid = field(request, "uid");
+  const Delivered delivered = store_.delivered(uid);
+  Dictionary answer;
+  answer.set("uploads", Value(delivered.uploads));
+  answer.set("records", Value(countsOf(delivered.records)));
+  answer.set("play_actions", Value(countsOf(delivered.playActions)));
+  answer.set("diagnoses", Value(delivered.diagnoses));
+  if (uid) answer.set("settings", Value(settingsRequests(*uid)));
+  return json(200, Value(std::move(answer)));
+}
+
+}  // namespace qxlog::collector

@@ -1,0 +1,91 @@
+#include "collector/server/LocalCollector.h"
+
+#include <charconv>
+
+#include "collector/print/Report.h"
+
+namespace qxlog::collector {
+
+bool parseListenAddress(const std::string& text, std::string& host, int& port) {
+  const std::size_t colon = text.rfind(':');
+  const std::string portText = colon == std::string::npos ? text : text.substr(colon + 1);
+  if (colon != std::string::npos && colon > 0) host = text.substr(0, colon);
+  int parsed = -1;
+  const char* end = portText.data() + portText.size();
+  auto [last, failure] = std::from_chars(portText.data(), end, parsed);
+  if (failure != std::errc() || last != end || parsed < 0 || parsed > 65535) return false;
+  port = parsed;
+  return true;
+}
+
+std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions options,
+                                                      std::string& error) {
+  std::unique_ptr<LocalCollector> running(new LocalCollector(std::move(options)));
+  LocalCollector* self = running.get();
+  self->store_ = CollectorStore::open(self->options_.database, error);
+  if (!self->store_) return nullptr;
+
+  CollectorEvents events;
+  const Output output = self->options_.output;
+  if (output != Output::kQuiet) {
+    events.upload = [self, output](int64_t id, const UploadRow& upload) {
+      self->print(output == Output::kJson ? uploadJsonLine(id, upload) + "\n"
+                                          : describeUpload(id, upload));
+    };
+    events.diagnosis = [self, output](int64_t id, const DiagnosisRow& diagnosis) {
+      self->print(output == Output::kJson ? diagnosisJsonLine(id, diagnosis) + "\n"
+                                          : describeDiagnosis(id, diagnosis));
+    };
+    events.settings = [self](const HttpServerRequest& request, const std::string& uid) {
+      self->logLine("settings for uid=" + uid + " from " + request.peer);
+    };
+  }
+  auto refusal = [self](const HttpServerRequest& request, int status, const std::string& reason) {
+    self->logLine(std::to_string(status) + " " + request.method + " " + request.path + " from " +
+                  request.peer + ": " + reason);
+  };
+  events.refusal = refusal;
+  self->collector_ =
+      std::make_unique<Collector>(self->options_.collector, *self->store_, std::move(events));
+
+  HttpServer::Options serverOptions;
+  serverOptions.host = self->options_.host;
+  serverOptions.port = self->options_.port;
+  serverOptions.maxBodyBytes = self->options_.maxBodyBytes;
+  serverOptions.refused = refusal;
+  self->server_ = std::make_unique<HttpServer>(
+      serverOptions,
+      [self](const HttpServerRequest& request) { return self->collector_->handle(request); });
+  if (!self->server_->start()) {
+    error = self->options_.host + ":" + std::to_string(self->options_.port) + ": " +
+            self->server_->error();
+    return nullptr;
+  }
+  return running;
+}
+
+LocalCollector::~LocalCollector() {
+  stop();
+}
+
+void LocalCollector::stop() {
+  if (server_) server_->stop();
+}
+
+std::string LocalCollector::baseUrl() const {
+  return "http://" + options_.host + ":" + std::to_string(port());
+}
+
+void LocalCollector::logLine(const std::string& line) {
+  std::lock_guard lock(outputMutex_);
+  std::fprintf(options_.log, "%s: %s\n", options_.name.c_str(), line.c_str());
+  std::fflush(options_.log);
+}
+
+void LocalCollector::print(const std::string& text) {
+  std::lock_guard lock(outputMutex_);
+  std::fputs(text.c_str(), options_.out);
+  std::fflush(options_.out);
+}
+
+}  // namespace qxlog::collector

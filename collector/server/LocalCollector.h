@@ -1,0 +1,65 @@
+// A running collector: the database, the request handler and the HTTP server
+// together, printing what arrives. qxlog-collector runs one; qxlog-demo embeds
+// one unless it is pointed at another server.
+#ifndef QXLOG_COLLECTOR_SERVER_LOCALCOLLECTOR_H_
+#define QXLOG_COLLECTOR_SERVER_LOCALCOLLECTOR_H_
+
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "collector/http/HttpServer.h"
+#include "collector/server/Collector.h"
+#include "collector/store/CollectorStore.h"
+
+namespace qxlog::collector {
+
+enum class Output { kReadable, kJson, kQuiet };
+
+struct LocalCollectorOptions {
+  std::string host = "127.0.0.1";
+  int port = 0;  // 0: a free port
+  std::string database = "qxlog-collector.db";
+  std::size_t maxBodyBytes = 8 << 20;
+  CollectorOptions collector;
+  // What arrives goes to `out`, readable or as JSON lines, unless quiet.
+  // Refusals and settings requests are logged to `log` (refusals always).
+  Output output = Output::kReadable;
+  std::FILE* out = stdout;
+  std::FILE* log = stderr;
+  std::string name = "qxlog-collector";  // the prefix of log lines
+};
+
+class LocalCollector {
+ public:
+  // Opens the database and starts serving; nothing on failure, with the
+  // reason in `error`.
+  static std::unique_ptr<LocalCollector> start(LocalCollectorOptions options, std::string& error);
+  ~LocalCollector();  // stops serving
+
+  void stop();
+  int port() const { return server_->port(); }
+  // "http://host:port", without a trailing slash.
+  std::string baseUrl() const;
+  Collector& collector() { return *collector_; }
+  CollectorStore& store() { return *store_; }
+
+ private:
+  explicit LocalCollector(LocalCollectorOptions options) : options_(std::move(options)) {}
+  void logLine(const std::string& line);
+  void print(const std::string& text);
+
+  LocalCollectorOptions options_;
+  std::mutex outputMutex_;
+  std::unique_ptr<CollectorStore> store_;
+  std::unique_ptr<Collector> collector_;
+  std::unique_ptr<HttpServer> server_;
+};
+
+// Splits "host:port" (or ":port", or "port"); false when it is not one.
+bool parseListenAddress(const std::string& text, std::string& host, int& port);
+
+}  // namespace qxlog::collector
+
+#endif  // QXLOG_COLLECTOR_SERVER_LOCALCOLLECTOR_H_

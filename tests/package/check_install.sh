@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs the library from a build tree into a temporary prefix, then builds
+# and runs a small C program against it twice: through find_package(QXLog)
+# and through pkg-config.
+#   check_install.sh BUILD-DIR CONSUMER-SOURCE-DIR [SANITIZERS]
+set -euo pipefail
+build="$1"
+consumer="$2"
+sanitize="${3:-}"
+flags=""
+if [[ -n "$sanitize" ]]; then flags="-fsanitize=$sanitize -fno-omit-frame-pointer"; fi
+
+work="$(mktemp -d)"
+trap 'rm -rf "$work"' EXIT
+prefix="$work/prefix"
+
+cmake --install "$build" --prefix "$prefix" --component library >/dev/null
+
+cmake -S "$consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
+cmake --build "$work/cmake" >/dev/null
+"$work/cmake/consumer"
+
+pc_dir="$(dirname "$(find "$prefix" -name qxlog.pc -print -quit)")"
+export PKG_CONFIG_PATH="$pc_dir"
+# shellcheck disable=SC2046,SC2086
+cc -std=c11 $flags -o "$work/pkgconfig-consumer" "$consumer/consumer.c" \
+  $(pkg-config --cflags --libs qxlog) -Wl,-rpath,"$(pkg-config --variable=libdir qxlog)"
+"$work/pkgconfig-consumer"
+echo "check_install: the installed package builds and links (CMake and pkg-config)"
