@@ -36,6 +36,10 @@ inline constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 
 HttpResponse performHttp(const HttpRequest& request);
 
+// Replaces every request's time limit by `limit`, so that tests can meet a
+// stalled server without waiting for the real limits; zero restores them.
+void setHttpTimeoutOverride(std::chrono::milliseconds limit);
+
 // Whether the text has the shape of an absolute http(s) URL with a host and
 // no characters a URL cannot hold.
 bool isValidHttpUrl(const std::string& url);
