@@ -10,6 +10,13 @@ namespace qxlog::platform {
 namespace {
 
 std::atomic<int64_t> g_timeoutOverrideMs{0};
+std::mutex g_transportMutex;
+std::shared_ptr<const HttpTransport> g_transport;
+
+std::shared_ptr<const HttpTransport> transportOverride() {
+  std::lock_guard lock(g_transportMutex);
+  return g_transport;
+}
 
 void initialiseCurlOnce() {
   static std::once_flag once;
@@ -86,6 +93,7 @@ HttpResponse performHttp(const HttpRequest& request) {
     response.error = "not a valid URL";
     return response;
   }
+  if (auto transport = transportOverride()) return (*transport)(request);
   initialiseCurlOnce();
   std::unique_ptr<CURL, EasyFree> easy(curl_easy_init());
   if (!easy) {
@@ -110,6 +118,11 @@ HttpResponse performHttp(const HttpRequest& request) {
 
 void setHttpTimeoutOverride(std::chrono::milliseconds limit) {
   g_timeoutOverrideMs.store(limit.count() > 0 ? limit.count() : 0, std::memory_order_relaxed);
+}
+
+void setHttpTransportOverride(HttpTransport transport) {
+  std::lock_guard lock(g_transportMutex);
+  g_transport = transport ? std::make_shared<const HttpTransport>(std::move(transport)) : nullptr;
 }
 
 bool isValidHttpUrl(const std::string& url) {
