@@ -87,7 +87,8 @@ std::vector<uint64_t> runAndKill(pid_t pid, int readEnd,
   ::waitpid(pid, &status, 0);
   ::close(readEnd);
   std::vector<uint64_t> numbers(bytes.size() / sizeof(uint64_t));
-  std::memcpy(numbers.data(), bytes.data(), numbers.size() * sizeof(uint64_t));
+  if (!numbers.empty())
+    std::memcpy(numbers.data(), bytes.data(), numbers.size() * sizeof(uint64_t));
   return numbers;
 }
 
