@@ -35,13 +35,14 @@ class Dictionary {
   Value* find(std::string_view key);
   bool erase(std::string_view key);
 
-  std::size_t size() const { return entries_.size(); }
-  bool empty() const { return entries_.empty(); }
-  void clear() { entries_.clear(); }
-  void reserve(std::size_t n) { entries_.reserve(n); }
+  // Defined below Value: they need the complete type, which clang insists on.
+  std::size_t size() const;
+  bool empty() const;
+  void clear();
+  void reserve(std::size_t n);
 
-  std::vector<Entry>::const_iterator begin() const { return entries_.begin(); }
-  std::vector<Entry>::const_iterator end() const { return entries_.end(); }
+  std::vector<Entry>::const_iterator begin() const;
+  std::vector<Entry>::const_iterator end() const;
 
   // Key order carries no meaning: equality compares the key sets and values.
   bool operator==(const Dictionary& other) const;
@@ -89,6 +90,25 @@ class Value {
  private:
   std::variant<std::monostate, bool, int64_t, double, std::string, Array, Dictionary> data_;
 };
+
+inline std::size_t Dictionary::size() const {
+  return entries_.size();
+}
+inline bool Dictionary::empty() const {
+  return entries_.empty();
+}
+inline void Dictionary::clear() {
+  entries_.clear();
+}
+inline void Dictionary::reserve(std::size_t n) {
+  entries_.reserve(n);
+}
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::begin() const {
+  return entries_.begin();
+}
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
+  return entries_.end();
+}
 
 inline bool Dictionary::operator==(const Dictionary& other) const {
   if (size() != other.size()) return false;

@@ -1,15 +1,19 @@
 #include "QXLog/platform/Files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 namespace qxlog::platform {
 namespace {
+
+constexpr std::string_view kTemporarySuffix = ".tmp-XXXXXX";
 
 bool writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -39,8 +43,7 @@ bool createEmptyFile(const std::string& path) {
 
 bool writeFileAtomically(const std::string& path, std::string_view contents) {
   std::vector<char> temporary(path.begin(), path.end());
-  static constexpr std::string_view kSuffix = ".tmp-XXXXXX";
-  temporary.insert(temporary.end(), kSuffix.begin(), kSuffix.end());
+  temporary.insert(temporary.end(), kTemporarySuffix.begin(), kTemporarySuffix.end());
   temporary.push_back('\0');
   int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
   if (fd < 0) return false;
@@ -49,6 +52,29 @@ bool writeFileAtomically(const std::string& path, std::string_view contents) {
   if (ok && ::rename(temporary.data(), path.c_str()) == 0) return true;
   ::unlink(temporary.data());
   return false;
+}
+
+int removeStaleTemporaries(const std::string& path) {
+  std::size_t slash = path.rfind('/');
+  std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  std::string prefix = (slash == std::string::npos ? path : path.substr(slash + 1)) + ".tmp-";
+  const std::size_t nameLength = prefix.size() + kTemporarySuffix.size() - 5;
+  DIR* listing = ::opendir(directory.c_str());
+  if (listing == nullptr) return 0;
+  std::vector<std::string> stale;
+  while (const dirent* entry = ::readdir(listing)) {
+    std::string_view name(entry->d_name);
+    if (name.size() == nameLength && name.substr(0, prefix.size()) == prefix) {
+      stale.emplace_back(name);
+    }
+  }
+  ::closedir(listing);
+  int removed = 0;
+  for (const std::string& name : stale) {
+    std::string stalePath = slash == std::string::npos ? name : directory + name;
+    removed += ::unlink(stalePath.c_str()) == 0;
+  }
+  return removed;
 }
 
 std::optional<std::string> readFile(const std::string& path) {

@@ -15,6 +15,10 @@ bool createEmptyFile(const std::string& path);
 // in the same directory, which is then renamed over the path. A process killed
 // at any moment leaves either the old file or the new one.
 bool writeFileAtomically(const std::string& path, std::string_view contents);
+// Removes the temporaries that writes of `path` left behind when their process
+// died between creating and renaming them. Only safe while no write of `path`
+// is under way; returns how many were removed.
+int removeStaleTemporaries(const std::string& path);
 std::optional<std::string> readFile(const std::string& path);
 bool removeFile(const std::string& path);
 

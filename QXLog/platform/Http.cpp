@@ -2,11 +2,21 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
 namespace qxlog::platform {
 namespace {
+
+std::atomic<int64_t> g_timeoutOverrideMs{0};
+std::mutex g_transportMutex;
+std::shared_ptr<const HttpTransport> g_transport;
+
+std::shared_ptr<const HttpTransport> transportOverride() {
+  std::lock_guard lock(g_transportMutex);
+  return g_transport;
+}
 
 void initialiseCurlOnce() {
   static std::once_flag once;
@@ -48,13 +58,21 @@ void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, std:
   curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
-  curl_easy_setopt(easy, CURLOPT_TIMEOUT, static_cast<long>(request.timeout.count()));
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(request.timeout.count()));
+  int64_t overrideMs = g_timeoutOverrideMs.load(std::memory_order_relaxed);
+  auto limitMs = static_cast<long>(
+      overrideMs > 0
+          ? overrideMs
+          : std::chrono::duration_cast<std::chrono::milliseconds>(request.timeout).count());
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, limitMs);
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, limitMs);
   curl_easy_setopt(easy, CURLOPT_USERAGENT, "QXLog/1.0");
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, request.verifyPeer ? 1L : 0L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, request.verifyPeer ? 2L : 0L);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+  // An announced length over the bound fails before the body is read; an
+  // unannounced one is cut off by collectAnswer.
+  curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxAnswerBytes));
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, collectAnswer);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, body);
   if (request.method == "POST") {
@@ -75,6 +93,7 @@ HttpResponse performHttp(const HttpRequest& request) {
     response.error = "not a valid URL";
     return response;
   }
+  if (auto transport = transportOverride()) return (*transport)(request);
   initialiseCurlOnce();
   std::unique_ptr<CURL, EasyFree> easy(curl_easy_init());
   if (!easy) {
@@ -95,6 +114,15 @@ HttpResponse performHttp(const HttpRequest& request) {
   curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_TYPE, &contentType);
   if (contentType != nullptr) response.contentType = contentType;
   return response;
+}
+
+void setHttpTimeoutOverride(std::chrono::milliseconds limit) {
+  g_timeoutOverrideMs.store(limit.count() > 0 ? limit.count() : 0, std::memory_order_relaxed);
+}
+
+void setHttpTransportOverride(HttpTransport transport) {
+  std::lock_guard lock(g_transportMutex);
+  g_transport = transport ? std::make_shared<const HttpTransport>(std::move(transport)) : nullptr;
 }
 
 bool isValidHttpUrl(const std::string& url) {

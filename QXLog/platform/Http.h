@@ -4,6 +4,7 @@
 #define QXLOG_PLATFORM_HTTP_H_
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +36,15 @@ struct HttpResponse {
 inline constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 
 HttpResponse performHttp(const HttpRequest& request);
+
+// Replaces every request's time limit by `limit`, so that tests can meet a
+// stalled server without waiting for the real limits; zero restores them.
+void setHttpTimeoutOverride(std::chrono::milliseconds limit);
+
+// Answers every request with `transport` instead of the network, so that
+// fuzzing can feed answers straight to the library; empty restores libcurl.
+using HttpTransport = std::function<HttpResponse(const HttpRequest&)>;
+void setHttpTransportOverride(HttpTransport transport);
 
 // Whether the text has the shape of an absolute http(s) URL with a host and
 // no characters a URL cannot hold.

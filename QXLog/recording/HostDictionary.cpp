@@ -36,7 +36,9 @@ QXLogDictionary* QXLogDictionaryCreate(void) {
 
 QXLogDictionary* QXLogDictionaryCreateWithJSON(const char* json) {
   if (json == nullptr) return nullptr;
-  std::optional<qxlog::Value> parsed = qxlog::platform::parseJson(json);
+  // Invalid UTF-8 gets the same U+FFFD treatment as every other host string,
+  // rather than making the whole text unreadable as JSON.
+  std::optional<qxlog::Value> parsed = qxlog::platform::parseJson(*fromHost(json));
   if (!parsed || !parsed->isDictionary()) return nullptr;
   auto* dictionary = new QXLogDictionary();
   dictionary->contents = std::move(*parsed->asDictionary());

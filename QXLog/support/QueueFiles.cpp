@@ -26,7 +26,12 @@ void write(const Collection& root, std::string_view plist) {
   platform::writeFileAtomically(path, xml);
 }
 
+// Reads a queue file when its queue is first used. Writes of queue files
+// happen under the center's lock, as do these reads, so no write is under way
+// and whatever temporaries lie beside the file were left by a process that
+// died while writing.
 std::optional<qxlog::Value> read(const std::string& path) {
+  platform::removeStaleTemporaries(path);
   std::optional<std::string> bytes = platform::readFile(path);
   if (!bytes) return std::nullopt;
   return platform::parsePropertyList(*bytes);

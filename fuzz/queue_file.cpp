@@ -1,0 +1,41 @@
+// Any bytes as a queue file: the loader gives a queue or nothing (an empty
+// queue), never a crash; a queue it gives can be written and read again.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/platform/Documents.h"
+#include "QXLog/platform/Files.h"
+
+namespace {
+constexpr const char* kQueue = "UserStatisticalLog.plist";
+constexpr const char* kTable = "USERMovieStartTimeLog.plist";
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) std::abort();
+  qxlog::platform::setDocumentsDirectory(pattern);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::string bytes(reinterpret_cast<const char*>(data), size);
+  for (const char* name : {kQueue, kTable}) {
+    if (!qxlog::platform::writeFileAtomically(qxlog::platform::documentsPath(name), bytes)) {
+      std::abort();
+    }
+  }
+  if (std::optional<QXLogHelper::Array> queue = QXLogHelper::store(nullptr, kQueue)) {
+    QXLogHelper::store(*queue, kQueue);
+    std::optional<QXLogHelper::Array> again = QXLogHelper::store(nullptr, kQueue);
+    if (!again || again->size() != queue->size()) std::abort();
+  }
+  if (std::optional<QXLogHelper::Dictionary> table = QXLogHelper::storeDict(nullptr, kTable)) {
+    QXLogHelper::storeDict(*table, kTable);
+    std::optional<QXLogHelper::Dictionary> again = QXLogHelper::storeDict(nullptr, kTable);
+    if (!again || again->size() != table->size()) std::abort();
+  }
+  return 0;
+}

@@ -1,0 +1,69 @@
+// Any bytes as the settings endpoint's answer, through the library's own
+// request and answer handling, with the network replaced by the input.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Documents.h"
+#include "QXLog/platform/Http.h"
+
+namespace platform = qxlog::platform;
+
+namespace {
+
+// Keeps posted tasks for the harness to run or drop.
+class HeldTasks final : public platform::Executor {
+ public:
+  void post(platform::Task task, std::chrono::nanoseconds) override {
+    tasks.push_back(std::move(task));
+  }
+  std::vector<platform::Task> tasks;
+};
+
+std::shared_ptr<HeldTasks> g_tasks;
+std::string g_answer;
+bool g_completed = true;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) std::abort();
+  platform::setDocumentsDirectory(pattern);
+  platform::setConsoleSink([](const std::string&) {});
+  g_tasks = std::make_shared<HeldTasks>();
+  platform::setMainQueue(g_tasks);
+  platform::setGlobalQueue(g_tasks);
+  platform::setHttpTransportOverride([](const platform::HttpRequest&) {
+    platform::HttpResponse response;
+    response.completed = g_completed;
+    response.status = 200;
+    response.contentType = "application/json";
+    response.body = g_answer;
+    return response;
+  });
+  QXLogCenter::center().format().setPushUrl("http://127.0.0.1/settings");
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // The first byte's low bit: whether the exchange completed at all.
+  g_completed = size == 0 || (data[0] & 1) == 0;
+  g_answer.assign(reinterpret_cast<const char*>(data), size);
+  QXLogCenter& center = QXLogCenter::center();
+  center.getLogServerInfo();
+  // The request and its answer run; a repeat or a timer it starts is dropped.
+  std::vector<platform::Task> request = std::move(g_tasks->tasks);
+  g_tasks->tasks.clear();
+  for (platform::Task& task : request) task();
+  g_tasks->tasks.clear();
+  // What the answer set is usable.
+  QXLogMessageFormat& format = center.format();
+  (void)format.limitLogCount();
+  (void)format.returnsSendTime(1700000000000.0);
+  return 0;
+}

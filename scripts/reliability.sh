@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Runs the reliability checks and prints one summary table:
+#   - the queue-file torture test (a host killed with SIGKILL at random moments),
+#   - the hostile-server, host-input and disk-trouble tests,
+#   - every libFuzzer harness.
+#   scripts/reliability.sh          short run: 30 kills, 5 s per harness
+#   scripts/reliability.sh --long   300 kills, 300 s per harness
+# QXLOG_FUZZ_SECONDS overrides the time per harness of either run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+kills=30
+fuzz_seconds=5
+if [[ "${1:-}" == "--long" ]]; then
+  kills=300
+  fuzz_seconds=300
+fi
+fuzz_seconds="${QXLOG_FUZZ_SECONDS:-$fuzz_seconds}"
+
+scripts/install-deps.sh >&2
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog_tests >&2
+
+status=0
+torture_log=$(QXLOG_TORTURE_KILLS=$kills build/tests/qxlog_tests \
+  --gtest_filter='QueueTortureTest.*' 2>&1) || status=1
+torture=$(grep -o 'queue torture:.*' <<<"$torture_log" || echo "queue torture: did not run")
+
+tests_log=$(build/tests/qxlog_tests \
+  --gtest_filter='HostileServerTest.*:HostInputTest.*:DiskTroubleTest.*' 2>&1) || status=1
+passed=$(grep -c '^\[       OK \]' <<<"$tests_log" || true)
+failed=$(grep -c '^\[  FAILED  \].*(' <<<"$tests_log" || true)
+skipped=$(grep -c '^\[  SKIPPED \]' <<<"$tests_log" || true)
+
+fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
+
+echo
+echo "Reliability summary ($([[ $kills == 300 ]] && echo long || echo short) run)"
+echo "----------------------------------------------------------------"
+echo "Queue-file torture"
+sed 's/^queue torture: /  /; s/, /\n  /g' <<<"$torture"
+echo "Hostile servers, host input, disk trouble"
+echo "  passed $passed, failed $failed, skipped $skipped"
+echo "Fuzzing, $fuzz_seconds s per harness"
+sed 's/^/  /' <<<"$fuzz_table"
+echo "----------------------------------------------------------------"
+if ((status != 0)); then
+  echo "FAILED"
+  grep -E 'Failure|FAILED' <<<"$torture_log$tests_log" | head -20 || true
+fi
+exit $status
