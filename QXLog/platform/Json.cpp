@@ -58,6 +58,14 @@ void appendReal(std::string& out, double value) {
   out.append(text, result.ptr);
 }
 
+// GCC 12 reports "may be used uninitialized" inside std::variant's move
+// constructor when the builder appends a value it has moved; the variant is
+// always initialised, and the report is a known false positive of that compiler.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
 // Builds values straight from the parser's events, refusing deep nesting.
 class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
  public:
@@ -97,7 +105,7 @@ class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
     pendingKey_ = std::move(frame.key);
     return add(std::move(frame.container));
   }
-  bool add(Value value) {
+  bool add(Value&& value) {
     if (stack_.empty()) {
       result = std::move(value);
     } else if (Array* array = stack_.back().container.asArray()) {
@@ -115,6 +123,10 @@ class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
   std::vector<Frame> stack_;
   std::string pendingKey_;
 };
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 }  // namespace
 
