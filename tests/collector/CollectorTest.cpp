@@ -436,24 +436,6 @@ TEST_F(CollectorTest, AConfiguredRefusalMakesTheLibraryDropOrRepeatAndStoresNoth
   EXPECT_TRUE(nothingStored());
 }
 
-TEST(CollectorRecordTypes, NamesAndCodes) {
-  const std::pair<const char*, const char*> named[] = {
-      {"0", "launch"},    {"2", "action"},           {"3", "download"},     {"7", "network"},
-      {"1", "film play"}, {"5", "short video play"}, {"6", "channel play"}, {"9", "type 9"},
-  };
-  for (const auto& [code, name] : named) {
-    EXPECT_EQ(collector::recordTypeName(makeStringDictionary({{"a_t", code}})), name) << code;
-  }
-  Dictionary customPlay = makeStringDictionary({{"a_t", "8"}});
-  customPlay.set("p", Value(Array{}));
-  EXPECT_EQ(collector::recordTypeName(customPlay), "play (type 8)");
-  EXPECT_EQ(collector::recordTypeCode("action"), "2");
-  EXPECT_EQ(collector::recordTypeCode("short"), "5");
-  EXPECT_EQ(collector::recordTypeCode("7"), "7");
-  EXPECT_EQ(collector::recordTypeCode("films"), std::nullopt);
-  EXPECT_EQ(collector::recordTypeCode(""), std::nullopt);
-}
-
 TEST(CollectorReport, PrintsTheHeaderOnceAndEachRecordByName) {
   collector::UploadRow upload;
   upload.peer = "127.0.0.1:1";

@@ -45,23 +45,5 @@ TEST(EnvelopeDecoderGunzip, AcceptsExactlyOneGzipMember) {
   EXPECT_FALSE(gunzip("plain text that is long enough"s));
 }
 
-TEST(EnvelopeDecoder, ReportsWhichStepFailed) {
-  auto seal = [](const std::string& plain) {
-    return support::base64Encode(*QXLogHelper::data_AES256(plain, "k"s));
-  };
-  const auto startsWith = [](const std::string& error, const char* prefix) {
-    return error.rfind(prefix, 0) == 0;
-  };
-  EXPECT_TRUE(startsWith(decodeLogData("***", "k"s).error, "base64:"));
-  EXPECT_TRUE(startsWith(decodeLogData("Zm9vYmFy", "k"s).error, "aes:"));
-  EXPECT_TRUE(startsWith(decodeLogData(seal("not a gzip stream at all"), "k"s).error, "gzip:"));
-  EXPECT_TRUE(
-      startsWith(decodeLogData(seal(*QXLogHelper::gzipDeflate("{oops"s)), "k"s).error, "json:"));
-  const auto good = decodeLogData(seal(*QXLogHelper::gzipDeflate("{\"a\":[1]}"s)), "k"s);
-  ASSERT_TRUE(good) << good.error;
-  EXPECT_TRUE(good.error.empty());
-  EXPECT_EQ(*good.value->asDictionary()->find("a"), Value(Array{Value(1)}));
-}
-
 }  // namespace
 }  // namespace qxlog

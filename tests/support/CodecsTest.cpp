@@ -288,12 +288,5 @@ TEST_F(Base64StringTest, NilJsonStillYieldsOneEncryptedPaddingBlock) {
   EXPECT_EQ(support::sealJson(std::string_view()), sealed);
 }
 
-TEST_F(Base64StringTest, AnUnsetKeyEncryptsUnderSixteenZeroBytes) {
-  const auto sealed = QXLogHelper::base64String(Value(Array{Value("x")}));
-  ASSERT_TRUE(sealed);
-  EXPECT_EQ(collector::decodeLogData(*sealed, std::nullopt).value, Value(Array{Value("x")}));
-  EXPECT_EQ(collector::decodeLogData(*sealed, ""s).value, Value(Array{Value("x")}));
-}
-
 }  // namespace
 }  // namespace qxlog

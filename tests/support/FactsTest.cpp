@@ -75,10 +75,6 @@ TEST_F(DiskSpaceTest, TotalOfAnUnreadableDirectoryIsZeroWithAnErrorLine) {
   EXPECT_EQ(console_->countStartingWith("Memory Capacity"), 0u);
 }
 
-TEST(IspName, IsTheNoCarrierConstant) {
-  EXPECT_EQ(QXLogHelper::ispName(), "无运营商");
-}
-
 TEST(HostOfUrl, FindsTheHostBetweenUserInfoAndPort) {
   const std::pair<const char*, const char*> cases[] = {
       {"http://example.com", "example.com"},

@@ -9,6 +9,7 @@
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/Files.h"
+#include "QXLog/platform/Json.h"
 #include "QXLog/platform/PropertyList.h"
 #include "QXLog/recording/Gate.h"
 
@@ -172,6 +173,10 @@ std::string field(const Dictionary& record, std::string_view key) {
 std::string field(const Value& record, std::string_view key) {
   const Dictionary* dictionary = record.asDictionary();
   return dictionary != nullptr ? field(*dictionary, key) : "<not a dictionary>";
+}
+
+std::string json(const Dictionary& record) {
+  return platform::toJson(Value(record));
 }
 
 }  // namespace qxlog::testing

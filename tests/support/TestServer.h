@@ -40,7 +40,6 @@ struct ScriptedAnswer {
   std::string body = R"({"operate_code":"200"})";
   std::chrono::milliseconds delay{0};
 
-  static ScriptedAnswer confirm() { return ScriptedAnswer(); }
   static ScriptedAnswer json(std::string body) {
     return ScriptedAnswer{200, "application/json", std::move(body)};
   }
