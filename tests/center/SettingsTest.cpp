@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "QXLog/QXLogHelper.h"
+#include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
 
 namespace qxlog::testing {
@@ -11,11 +12,16 @@ using std::chrono::seconds;
 
 class SettingsTest : public UploadTest {
  protected:
-  void answerSettings(const std::string& json) {
-    server_->script(ScriptedAnswer::json(json));
+  void SetUp() override {
+    UploadTest::SetUp();
+    format().setLimitLogCount(1000);
+  }
+  void answerSettings(const ScriptedAnswer& answer) {
+    server_->script(answer);
     center().getLogServerInfo();
     settle();
   }
+  void queue(const std::string& item) { center().storeActionLog(strings({{"a_1", item}})); }
   std::size_t logRequests() const {
     std::size_t count = 0;
     for (const ReceivedRequest& request : server_->requests()) count += request.path == "/log";
@@ -25,14 +31,12 @@ class SettingsTest : public UploadTest {
 
 TEST_F(SettingsTest, AnswerSetsBatchSizeServerClockAndStartsTheTimer) {
   clock_->setWallSeconds(1700000000.25);
-  answerSettings(
-      R"({"result":{"push_interval_time":"1500","push_interval_number":20,"current_time":"50000"},"x":1})");
+  answerSettings(ScriptedAnswer::json(
+      R"({"result":{"push_interval_time":"1500","push_interval_number":20,"current_time":"50000"},"x":1})"));
   ASSERT_EQ(server_->requestCount(), 1u);
   ReceivedRequest request = server_->requests()[0];
-  EXPECT_EQ(request.method, "GET");
-  EXPECT_EQ(request.path, "/settings");
-  EXPECT_EQ(request.query, "token=" + *QXLogHelper::tokenString(std::nullopt) + "&uid=device-1");
-
+  EXPECT_EQ(request.method + " " + request.path + "?" + request.query,
+            "GET /settings?token=" + *QXLogHelper::tokenString(std::nullopt) + "&uid=device-1");
   EXPECT_EQ(format().push_interval_time(), Value("1500"));
   EXPECT_EQ(format().limitLogCount(), 20);
   EXPECT_EQ(format().current_time(), Value("50000"));
@@ -40,46 +44,64 @@ TEST_F(SettingsTest, AnswerSetsBatchSizeServerClockAndStartsTheTimer) {
   EXPECT_EQ(format().returnsSendTime(1700000001250.0), "51000");
 
   // N = 1: firings at 0 and 1 s; the second submits what is pending.
-  center().storeActionLog(strings({{"a_1", "pending"}}));
+  queue("pending");
   dispatcher_->advance(milliseconds(999));
   EXPECT_EQ(logRequests(), 0u);
   dispatcher_->advance(milliseconds(1));
   EXPECT_EQ(logRequests(), 1u);
 }
 
-TEST_F(SettingsTest, AnswerWithoutResultLeavesNilValuesAndSubmitsAtOnce) {
-  format().setLimitLogCount(50);
-  center().setActionLog(Array{Value(strings({{"a_1", "pending"}}))});
-  server_->script({500, "text/html", "<h1>down</h1>"});  // the status is not examined
-  center().getLogServerInfo();
-  settle();
-  EXPECT_TRUE(format().push_interval_time().isNull());
-  EXPECT_TRUE(format().current_time().isNull());
-  EXPECT_EQ(format().limitLogCount(), 0);
-  EXPECT_EQ(logRequests(), 1u);  // a timer with N = 0 submits at its first firing
-}
-
-TEST_F(SettingsTest, ValuesOfOtherKindsAreReadAsIntegers) {
-  answerSettings(R"({"result":{"push_interval_time":60000,"push_interval_number":"abc"}})");
-  EXPECT_EQ(format().limitLogCount(), 0);
-  EXPECT_EQ(format().push_interval_time(), Value(int64_t{60000}));
-  answerSettings(R"({"result":{"push_interval_time":"x","push_interval_number":1e300}})");
-  EXPECT_EQ(format().limitLogCount(), INT64_MAX);
-  answerSettings(R"({"result":{"push_interval_number":-5,"current_time":1700000000000}})");
-  EXPECT_EQ(format().limitLogCount(), -5);
-  EXPECT_EQ(format().current_time(), Value(int64_t{1700000000000}));
+TEST_F(SettingsTest, AnswersOfOtherShapesGiveTheirIntegerReadings) {
+  const struct {
+    ScriptedAnswer answer;
+    Value interval;      // stored as given
+    int64_t limit;       // its integer reading
+    bool submitsAtOnce;  // N = 0: the timer submits at its first firing
+    std::size_t queuedAfterAStore;
+  } cases[] = {
+      // No result (the status is not examined): every value is nil.
+      {{500, "text/html", "<h1>down</h1>"}, Value(), 0, true, 0},
+      {ScriptedAnswer::json(
+           R"({"result":{"push_interval_number":"abc","push_interval_time":"abc"}})"),
+       Value("abc"), 0, true, 0},
+      // Saturated: the batch size is never reached, the countdown the longest there is.
+      {ScriptedAnswer::json(
+           R"({"result":{"push_interval_number":1e300,"push_interval_time":1e300}})"),
+       Value(1e300), INT64_MAX, false, 2},
+      // -5 compares as a huge unsigned batch size; -5 ms is an interval of 0 s.
+      {ScriptedAnswer::json(R"({"result":{"push_interval_number":-5,"push_interval_time":-5}})"),
+       Value(int64_t{-5}), -5, true, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answer.body);
+    TearDown();
+    SetUp();
+    queue("pending");
+    answerSettings(c.answer);
+    EXPECT_EQ(format().push_interval_time(), c.interval);
+    EXPECT_EQ(format().current_time(), Value());
+    EXPECT_EQ(format().limitLogCount(), c.limit);
+    ASSERT_EQ(logRequests(), c.submitsAtOnce ? 1u : 0u);
+    if (c.submitsAtOnce) {
+      EXPECT_EQ(sentItems(1), std::vector<std::string>{"pending"});
+    }
+    dispatcher_->advance(std::chrono::hours(24 * 365));
+    queue("later");
+    settle();
+    EXPECT_EQ(center().actionLog().size(), c.queuedAfterAStore);
+  }
 }
 
 TEST_F(SettingsTest, AFailedRequestIsRepeatedOnceInTheLifeOfTheProcess) {
-  ClosingServer closing;
+  HostileServer closing(HostileServer::Behaviour::kClose);
   format().setPushUrl(closing.url("/settings"));
   center().getLogServerInfo();
   settle();
-  EXPECT_EQ(closing.accepted(), 2u);
+  EXPECT_EQ(closing.requests(), 2u);
   center().getLogServerInfo();
   settle();
-  EXPECT_EQ(closing.accepted(), 3u);
-  EXPECT_EQ(format().limitLogCount(), 1);  // earlier settings stay in force
+  EXPECT_EQ(closing.requests(), 3u);
+  EXPECT_EQ(format().limitLogCount(), 1000);  // earlier settings stay in force
   EXPECT_EQ(format().push_interval_time(), Value("60000"));
   EXPECT_EQ(dispatcher_->pending(), 0u);  // and no timer was started
 }
@@ -88,23 +110,14 @@ TEST_F(SettingsTest, AStringThatIsNotAUrlCountsAsAFailedRequest) {
   format().setPushUrl(std::nullopt);  // "(null)?token=..." is no URL
   center().getLogServerInfo();
   settle();
-  ClosingServer closing;  // the one repeat is spent
+  HostileServer closing(HostileServer::Behaviour::kClose);  // the one repeat is spent
   format().setPushUrl(closing.url("/settings"));
   center().getLogServerInfo();
   settle();
-  EXPECT_EQ(closing.accepted(), 1u);
+  EXPECT_EQ(closing.requests(), 1u);
 }
 
-class PushTimerTest : public SettingsTest {
- protected:
-  void SetUp() override {
-    SettingsTest::SetUp();
-    format().setLimitLogCount(1000);
-  }
-  void queue(const std::string& item) { center().storeActionLog(strings({{"a_1", item}})); }
-};
-
-TEST_F(PushTimerTest, AMinuteIntervalSubmitsAfterAnHour) {
+TEST_F(SettingsTest, AMinuteIntervalSubmitsAfterAnHour) {
   queue("hourly");
   center().startTime(60);
   dispatcher_->advance(seconds(3599));
@@ -115,16 +128,21 @@ TEST_F(PushTimerTest, AMinuteIntervalSubmitsAfterAnHour) {
   EXPECT_TRUE(center().actionLog().empty());
 }
 
-TEST_F(PushTimerTest, ZeroAndNegativeIntervalsSubmitAtOnce) {
+TEST_F(SettingsTest, ZeroAndNegativeIntervalsSubmitAtOnceFoldingWaitingPlays) {
+  center().setCurrentPlayHeader(strings({{"a_t", "6"}, {"a_7", "channel"}}));
+  center().storePlayLog(strings({{"p_2", "3"}}));
   for (int32_t n : {0, -5, INT32_MIN}) {
     queue("now" + std::to_string(n));
     center().startTime(n);
     settle();
   }
-  EXPECT_EQ(logRequests(), 3u);
+  ASSERT_EQ(logRequests(), 3u);
+  EXPECT_EQ(json(*records(0).at(1).asDictionary()),
+            R"({"a_t":"6","a_7":"channel","p":[{"p_2":"3"}]})");
+  EXPECT_TRUE(center().playActionLog().empty());
 }
 
-TEST_F(PushTimerTest, EachCountdownSubmitsOnce) {
+TEST_F(SettingsTest, EachCountdownSubmitsOnce) {
   center().startTime(1);  // submits at 1 s
   center().startTime(2);  // submits at 4 s
   queue("first");
@@ -137,19 +155,6 @@ TEST_F(PushTimerTest, EachCountdownSubmitsOnce) {
   EXPECT_EQ(sentItems(1), std::vector<std::string>{"second"});
   dispatcher_->advance(seconds(3600));
   EXPECT_EQ(logRequests(), 2u);  // both countdowns are over
-}
-
-TEST_F(PushTimerTest, TheTimerFoldsWaitingPlayRecordsBeforeSubmitting) {
-  center().setCurrentPlayHeader(strings({{"a_t", "6"}, {"a_7", "channel"}}));
-  center().storePlayLog(strings({{"p_2", "3"}}));
-  center().startTime(0);
-  settle();
-  ASSERT_EQ(logRequests(), 1u);
-  Array sent = records(0);
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(field(sent[0], "a_7"), "channel");
-  EXPECT_NE(sent[0].asDictionary()->find("p"), nullptr);
-  EXPECT_TRUE(center().playActionLog().empty());
 }
 
 }  // namespace

@@ -158,6 +158,8 @@ void HostileServer::answer(int connection) {
           "HTTP/1.1 302 Found\r\nLocation: /loop\r\nContent-Length: 0\r\n"
           "Connection: close\r\n\r\n");
       break;
+    case Behaviour::kClose:
+      break;
   }
 }
 

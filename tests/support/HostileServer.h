@@ -21,6 +21,7 @@ class HostileServer {
     kEndlessHeaders,   // header lines that never end
     kStall,            // reads the request and then says nothing
     kRedirectLoop,     // every request is sent back to itself with a 302
+    kClose,            // reads the request and closes without a word
   };
 
   explicit HostileServer(Behaviour behaviour);

@@ -1,6 +1,10 @@
 #include "tests/support/TestPlatform.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -177,6 +181,23 @@ std::string field(const Value& record, std::string_view key) {
 
 std::string json(const Dictionary& record) {
   return platform::toJson(Value(record));
+}
+
+std::string readToEnd(int fd) {
+  std::string out;
+  char chunk[4096];
+  for (ssize_t got; (got = ::read(fd, chunk, sizeof chunk)) > 0;) out.append(chunk, got);
+  return out;
+}
+
+Finished run(const std::string& command) {
+  Finished result;
+  std::FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+  if (!pipe) return result;
+  result.output = readToEnd(::fileno(pipe));
+  const int status = ::pclose(pipe);
+  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  return result;
 }
 
 }  // namespace qxlog::testing

@@ -108,6 +108,15 @@ std::string field(const Dictionary& record, std::string_view key);
 // A record as JSON text, keys in their order: key set, order and values at once.
 std::string json(const Dictionary& record);
 
+// Everything readable from a descriptor up to its end.
+std::string readToEnd(int fd);
+struct Finished {
+  int status = -1;  // the exit status, or -1 when the process did not exit
+  std::string output;
+};
+// Runs a shell command, with its standard error joined to its output.
+Finished run(const std::string& command);
+
 }  // namespace qxlog::testing
 
 #endif  // QXLOG_TESTS_SUPPORT_TESTPLATFORM_H_

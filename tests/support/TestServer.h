@@ -1,10 +1,8 @@
-// Real servers on 127.0.0.1 for tests of the network path: an HTTP server that
-// records every request and answers as the test scripts it, and a TCP server
-// that accepts connections and closes them without answering.
+// An HTTP server on 127.0.0.1 that records every request and answers as the
+// test scripts it.
 #ifndef QXLOG_TESTS_SUPPORT_TESTSERVER_H_
 #define QXLOG_TESTS_SUPPORT_TESTSERVER_H_
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -12,7 +10,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace qxlog::collector {
@@ -30,15 +27,13 @@ struct ReceivedRequest {
   std::multimap<std::string, std::string> params;  // query and form fields, decoded
 
   std::string param(const std::string& name) const;
-  std::string header(const std::string& name) const;
-  bool hasHeader(const std::string& name) const;
+  std::string header(const std::string& name) const;  // name in lower case
 };
 
 struct ScriptedAnswer {
   int status = 200;
   std::string contentType = "application/json";
   std::string body = R"({"operate_code":"200"})";
-  std::chrono::milliseconds delay{0};
 
   static ScriptedAnswer json(std::string body) {
     return ScriptedAnswer{200, "application/json", std::move(body)};
@@ -57,8 +52,7 @@ class TestServer {
   std::vector<ReceivedRequest> requests() const;
   std::size_t requestCount() const;
   // Waits (briefly, in real time) until `count` requests have arrived.
-  bool waitForRequests(std::size_t count,
-                       std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+  bool waitForRequests(std::size_t count) const;
 
  private:
   std::unique_ptr<collector::HttpServer> server_;
@@ -67,23 +61,6 @@ class TestServer {
   std::deque<ScriptedAnswer> script_;
   ScriptedAnswer fallback_;
   std::vector<ReceivedRequest> requests_;
-};
-
-// Accepts connections on 127.0.0.1 and closes each at once: a transport failure
-// that can be counted.
-class ClosingServer {
- public:
-  ClosingServer();
-  ~ClosingServer();
-  std::string url(const std::string& path) const;
-  std::size_t accepted() const { return accepted_.load(); }
-
- private:
-  int listener_ = -1;
-  int port_ = 0;
-  std::atomic<bool> stopping_{false};
-  std::atomic<std::size_t> accepted_{0};
-  std::thread thread_;
 };
 
 // A URL on 127.0.0.1 whose port refuses connections.

@@ -1,0 +1,90 @@
+// Platform edge cases that no test of the library reaches.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <limits>
+#include <vector>
+
+#include "QXLog/platform/GlobalQueue.h"
+#include "QXLog/platform/Json.h"
+#include "QXLog/platform/MainQueue.h"
+#include "QXLog/platform/PropertyList.h"
+#include "QXLog/platform/Text.h"
+#include "tests/support/TestPlatform.h"
+
+namespace qxlog::platform {
+namespace {
+
+using std::chrono::seconds;
+const std::string kReplacement = "\xEF\xBF\xBD";
+
+TEST(TextTest, IntegersSaturateAndNonFiniteNumbersReadLowerCase) {
+  EXPECT_EQ(longLongValue("99999999999999999999"), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(longLongValue("-99999999999999999999"), std::numeric_limits<int64_t>::min());
+  EXPECT_EQ(intValue("-2147483649"), std::numeric_limits<int32_t>::min());
+  volatile double zero = 0.0;
+  EXPECT_EQ(formatFixed(zero / zero, 2), "nan");  // a negative NaN on x86
+  EXPECT_EQ(formatFixed(-1.0 / zero, 2), "-inf");
+}
+
+TEST(TextTest, InvalidUtf8IsReplacedByteByByte) {
+  EXPECT_EQ(validUtf8("\xE4\xB8\xAD\xF0\x9F\x98\x80"), "\xE4\xB8\xAD\xF0\x9F\x98\x80");
+  EXPECT_EQ(validUtf8("\xC0\xAF"), kReplacement + kReplacement);         // overlong
+  EXPECT_EQ(validUtf8("x\xE4\xB8"), "x" + kReplacement + kReplacement);  // truncated
+  EXPECT_EQ(validUtf8("\xF4\x90\x80\x80").substr(0, 3), kReplacement);   // past U+10FFFF
+}
+
+TEST(JsonTest, NestingIsLimited) {
+  EXPECT_FALSE(parseJson(std::string(10000, '[') + std::string(10000, ']')));
+  EXPECT_TRUE(parseJson(std::string(100, '[') + std::string(100, ']')));
+}
+
+TEST(PropertyListTest, XmlSpecialsSurviveControlsAreReplacedAndDamageReadsAsNothing) {
+  for (const char* text : {"<tag>", "a & b", "]]>", "lone\rCR", "crlf\r\n", "&amp; literal"}) {
+    Value value(Array{Value(makeStringDictionary({{"k<&>", text}}))});
+    EXPECT_EQ(parsePropertyList(toXmlPropertyList(value)), value) << text;
+  }
+  EXPECT_EQ(parsePropertyList(toXmlPropertyList(Value(Array{Value("a\x01")}))),
+            Value(Array{Value("a" + kReplacement)}));
+  std::string torn = toXmlPropertyList(Value(Array{Value("x"), Value("y")}));
+  torn.resize(torn.size() / 2);
+  EXPECT_FALSE(parsePropertyList(torn));
+  EXPECT_FALSE(parsePropertyList("not a plist at all"));
+}
+
+TEST(MainQueueTest, DrainRunsOnlyWhatIsDueInDueOrder) {
+  auto clock = std::make_shared<testing::VirtualClock>();
+  setClock(clock);
+  MainQueue queue;
+  std::vector<int> ran;
+  for (auto [tag, due] : {std::pair{5, 5}, {1, 1}, {0, 0}, {10, 1}}) {
+    queue.post([&ran, tag] { ran.push_back(tag); }, seconds(due));
+  }
+  EXPECT_EQ(queue.drain(), 1u);
+  clock->advance(seconds(4));
+  EXPECT_EQ(queue.drain(), 2u);
+  EXPECT_EQ(ran, (std::vector<int>{0, 1, 10}));
+  EXPECT_EQ(queue.pending(), 1u);
+  setClock(nullptr);
+}
+
+TEST(GlobalQueueTest, RunsTasksConcurrently) {
+  GlobalQueue queue(2);
+  // Two tasks that each wait for the other finish only if both run at once.
+  std::promise<void> first, second, done1, done2;
+  queue.async([&] {
+    first.set_value();
+    second.get_future().wait();
+    done1.set_value();
+  });
+  queue.async([&] {
+    second.set_value();
+    first.get_future().wait();
+    done2.set_value();
+  });
+  EXPECT_EQ(done1.get_future().wait_for(seconds(10)), std::future_status::ready);
+  EXPECT_EQ(done2.get_future().wait_for(seconds(10)), std::future_status::ready);
+}
+
+}  // namespace
+}  // namespace qxlog::platform
