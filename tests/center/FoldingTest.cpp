@@ -12,9 +12,10 @@ class FoldingTest : public LibraryTest {
  protected:
   QXLogCenter& center() { return QXLogCenter::center(); }
   static Dictionary play(const char* id) { return strings({{"p_2", id}}); }
-  static Array actionsUnder(const Value& record) {
-    const Value* actions = record.asDictionary()->find("p");
-    return actions != nullptr && actions->isArray() ? *actions->asArray() : Array();
+  std::string actions() {
+    std::string out;
+    for (const Value& record : center().actionLog()) out += json(*record.asDictionary());
+    return out;
   }
 };
 
@@ -26,27 +27,21 @@ TEST_F(FoldingTest, EachFoldCarriesOnlyTheRecordsSinceThePreviousOne) {
   center().makePlayLog();
   center().storePlayLog(play("p3"));
   center().makePlayLog();
-
-  Array queue = center().actionLog();
-  ASSERT_EQ(queue.size(), 2u);
-  EXPECT_EQ(field(queue[0], "a_7"), "m1");
-  EXPECT_EQ(actionsUnder(queue[0]), (Array{Value(play("p1")), Value(play("p2"))}));
-  EXPECT_EQ(actionsUnder(queue[1]), Array{Value(play("p3"))});
+  EXPECT_EQ(actions(), R"({"a_t":"1","a_7":"m1","p":[{"p_2":"p1"},{"p_2":"p2"}]})"
+                       R"({"a_t":"1","a_7":"m1","p":[{"p_2":"p3"}]})");
   // The header itself is not changed by folding.
-  EXPECT_EQ(center().currentPlayHeader()->find("p"), nullptr);
+  EXPECT_EQ(json(*center().currentPlayHeader()), R"({"a_t":"1","a_7":"m1"})");
   EXPECT_TRUE(center().playActionLog().empty());
   EXPECT_FALSE(std::filesystem::exists(documentsPath("USERPlayActionStatisticalLog.plist")));
-}
 
-TEST_F(FoldingTest, AHeaderThatAlreadyHoldsActionsIsExtended) {
-  center().format().setLimitLogCount(1000);
+  // A header that already holds actions is extended.
   Dictionary header = strings({{"a_t", "1"}});
   header.set("p", Value(Array{Value(play("old"))}));
+  center().setActionLog(Array());
   center().setCurrentPlayHeader(header);
   center().storePlayLog(play("new"));
   center().makePlayLog();
-  EXPECT_EQ(actionsUnder(center().actionLog().at(0)),
-            (Array{Value(play("old")), Value(play("new"))}));
+  EXPECT_EQ(actions(), R"({"a_t":"1","p":[{"p_2":"old"},{"p_2":"new"}]})");
 }
 
 TEST_F(FoldingTest, NothingToFoldChangesNothing) {
@@ -55,7 +50,6 @@ TEST_F(FoldingTest, NothingToFoldChangesNothing) {
   center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
   center().makePlayLog();  // header, empty queue
   EXPECT_TRUE(center().actionLog().empty());
-
   center().setCurrentPlayHeader(std::nullopt);
   center().storePlayLog(play("waiting"));
   center().makePlayLog();  // queue, no header: the records stay
@@ -64,33 +58,34 @@ TEST_F(FoldingTest, NothingToFoldChangesNothing) {
   EXPECT_TRUE(console_->lines().empty());
 }
 
-TEST_F(FoldingTest, StoringAtTheBatchSizeFoldsAndThenSubmits) {
-  // Default batch size 1: the play record's own store reaches it and folds;
-  // the store of the folded header reaches it again and submits the header.
+TEST_F(FoldingTest, TheBatchSizeDecidesWhenAStoreFolds) {
+  const struct {
+    int64_t limit;
+    bool dev;
+    std::size_t pendingAfterOne, pendingAfterTwo;
+  } cases[] = {{1, false, 0, 0}, {-1, false, 1, 2}, {50, true, 1, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.limit);
+    TearDown();
+    SetUp();
+    center().format().setLimitLogCount(c.limit);
+    center().format().setIsDev(c.dev);  // fixes the batch size at two
+    center().setCurrentPlayHeader(strings({{"a_t", "5"}}));
+    center().storePlayLog(play("p1"));
+    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterOne);
+    center().storePlayLog(play("p2"));
+    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterTwo);
+  }
+  // At batch size 1 the play record's own store folds; the store of the
+  // folded header reaches the batch size again and submits it.
+  TearDown();
+  SetUp();
   center().setCurrentPlayHeader(strings({{"a_t", "5"}}));
   center().storePlayLog(play("p1"));
-  EXPECT_TRUE(center().playActionLog().empty());
   EXPECT_TRUE(center().actionLog().empty());
-  std::vector<std::string> lines = console_->lines();
-  ASSERT_FALSE(lines.empty());
-  EXPECT_NE(lines.back().find(R"("a":[{"a_t":"5","p":[{"p_2":"p1"}]}])"), std::string::npos)
-      << lines.back();
-}
-
-TEST_F(FoldingTest, ANegativeBatchSizeIsNeverReached) {
-  center().format().setLimitLogCount(-1);
-  center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
-  center().storePlayLog(play("p1"));
-  EXPECT_EQ(center().playActionLog().size(), 1u);  // not folded
-}
-
-TEST_F(FoldingTest, DevelopmentModeNeedsTwoPendingRecords) {
-  center().format().setIsDev(true);
-  center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
-  center().storePlayLog(play("p1"));
-  EXPECT_EQ(center().playActionLog().size(), 1u);
-  center().storePlayLog(play("p2"));
-  EXPECT_TRUE(center().playActionLog().empty());
+  ASSERT_FALSE(console_->lines().empty());
+  EXPECT_NE(console_->lines().back().find(R"("a":[{"a_t":"5","p":[{"p_2":"p1"}]}])"),
+            std::string::npos);
 }
 
 }  // namespace
