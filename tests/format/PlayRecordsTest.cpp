@@ -39,26 +39,28 @@ TEST_F(PlayRecordsTest, HeaderDefaultsOnlyTypeAndPcdnToOne) {
   EXPECT_EQ(field(format().playLog("", "", "", false, "0", "6"), "a_4"), "4g");
 }
 
-TEST_F(PlayRecordsTest, DownloadedItemPlaysFromLocalhostWithThePathAsGiven) {
-  Dictionary local = format().playLog("/var/media/a b.mp4", "cache", "m2", true, "0", "1");
-  EXPECT_EQ(field(local, "a_1"), "localhost");
-  EXPECT_EQ(field(local, "a_8"), "/var/media/a b.mp4");
-  // Even an http address is neither encoded nor looked up.
-  Dictionary http = format().playLog("http://unresolvable.invalid/a b", "c", "m", true, "0", "1");
-  EXPECT_EQ(field(http, "a_1"), "localhost");
-  EXPECT_EQ(field(http, "a_8"), "http://unresolvable.invalid/a b");
-  EXPECT_EQ(field(format().playLog(std::nullopt, "c", "m", true, "0", "1"), "a_8"), "");
-}
-
-TEST_F(PlayRecordsTest, OnlyHttpAddressesAreRecorded) {
-  for (const char* url : {"rtmp://localhost/live", "/var/media/a.mp4", "Http://localhost/a"}) {
-    Dictionary header = format().playLog(url, "s", "m", false, "0", "1");
-    EXPECT_EQ(field(header, "a_1"), "") << url;
-    EXPECT_EQ(field(header, "a_8"), "") << url;
+TEST_F(PlayRecordsTest, OnlyHttpAddressesAreRecordedAndDownloadsPlayFromLocalhost) {
+  const struct {
+    NullableString url;
+    bool downloaded;
+    const char* host;     // a_1
+    const char* address;  // a_8
+  } cases[] = {
+      {"https://localhost/a", false, "127.0.0.1", "https://localhost/a"},
+      {"rtmp://localhost/live", false, "", ""},
+      {"/var/media/a.mp4", false, "", ""},
+      {"Http://localhost/a", false, "", ""},
+      // A downloaded item: the path as given, neither encoded nor looked up.
+      {"/var/media/a b.mp4", true, "localhost", "/var/media/a b.mp4"},
+      {"http://unresolvable.invalid/a b", true, "localhost", "http://unresolvable.invalid/a b"},
+      {std::nullopt, true, "localhost", ""},
+  };
+  for (const auto& c : cases) {
+    Dictionary header = format().playLog(c.url, "s", "m", c.downloaded, "0", "1");
+    EXPECT_EQ(field(header, "a_1") + "|" + field(header, "a_8"),
+              std::string(c.host) + "|" + c.address)
+        << c.url.value_or("(nil)");
   }
-  Dictionary secure = format().playLog("https://localhost/a", "s", "m", false, "0", "1");
-  EXPECT_EQ(field(secure, "a_8"), "https://localhost/a");
-  EXPECT_EQ(field(secure, "a_1"), "127.0.0.1");
 }
 
 TEST_F(PlayRecordsTest, PlayActionRecordKeysAndValues) {
@@ -94,33 +96,27 @@ TEST_F(PlayRecordsTest, NilArgumentsBecomeEmptyAndTraceAsNull) {
 }
 
 TEST_F(PlayRecordsTest, RepeatedBufferingIsFilteredOut) {
-  EXPECT_EQ(action("5", "A").size(), 9u);
-  std::size_t tracesBefore = console_->countStartingWith("Ostra->");
-  EXPECT_TRUE(action("5", "A").empty());
-  EXPECT_EQ(console_->countStartingWith("Ostra->"), tracesBefore);  // no trace when filtered
-
-  // Other types are never filtered, but they move the remembered start on.
-  EXPECT_EQ(action("4", "B").size(), 9u);
-  EXPECT_EQ(action("4", "B").size(), 9u);
-  EXPECT_EQ(action("5", "B").size(), 0u);
-
-  EXPECT_EQ(action("5", "A").size(), 9u);
-  EXPECT_EQ(action("3", "B").size(), 9u);
-  EXPECT_EQ(action("5", "A").size(), 9u);
+  // A buffering report (type 5) that repeats the remembered start time is
+  // dropped, untraced. Every other type is kept but moves the remembered start
+  // on; nil never matches and is remembered; an empty start is a value.
+  const struct {
+    NullableString type, start;
+    bool kept;
+  } steps[] = {
+      {"5", "A", true},          {"5", "A", false}, {"4", "B", true},
+      {"4", "B", true},          {"5", "B", false}, {"5", "A", true},
+      {"3", "B", true},          {"5", "A", true},  {"5", std::nullopt, true},
+      {"5", std::nullopt, true}, {"5", "A", true},  {"4", std::nullopt, true},
+      {"5", "A", true},          {"5", "", true},   {"5", "", false},
+  };
+  for (const auto& step : steps) {
+    const std::size_t traces = console_->countStartingWith("Ostra->");
+    EXPECT_EQ(action(step.type, step.start).size(), step.kept ? 9u : 0u)
+        << *step.type << " " << step.start.value_or("(nil)");
+    EXPECT_EQ(console_->countStartingWith("Ostra->"), traces + (step.kept ? 1 : 0));
+  }
   // A trailer leaves the remembered start alone.
   format().playTrailerLog("5", "s", "B", "e", "1", "2", "3");
-  EXPECT_TRUE(action("5", "A").empty());
-}
-
-TEST_F(PlayRecordsTest, NilStartTimeNeverMatches) {
-  EXPECT_EQ(action("5", std::nullopt).size(), 9u);
-  EXPECT_EQ(action("5", std::nullopt).size(), 9u);
-  // nil also replaces the remembered start.
-  EXPECT_EQ(action("5", "A").size(), 9u);
-  EXPECT_EQ(action("4", std::nullopt).size(), 9u);
-  EXPECT_EQ(action("5", "A").size(), 9u);
-  // An empty start time is a value like any other.
-  EXPECT_EQ(action("5", "").size(), 9u);
   EXPECT_TRUE(action("5", "").empty());
 }
 
