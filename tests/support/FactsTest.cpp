@@ -41,38 +41,31 @@ TEST(IsEmptyOrNull, OnlyNonEmptyStringsOtherThanTheNullWordsCount) {
   }
 }
 
-TEST(FreeDiskSpace, FailureGivesTwoToTheSixtyFourth) {
+class DiskSpaceTest : public testing::LibraryTest {};
+
+TEST_F(DiskSpaceTest, FreeSpaceOfTheVarFileSystemWithTwoToTheSixtyFourthOnFailure) {
   const double unknown = support::freeDiskSpaceOf("/nonexistent/qxlog/var");
   EXPECT_EQ(unknown, 18446744073709551616.0);
-  // How the launch record shows it, in gigabytes.
-  EXPECT_EQ(platform::formatGeneral(unknown * kGiB), "1.71799e+10");
-}
-
-TEST(FreeDiskSpace, MeasuresTheVarFileSystem) {
+  EXPECT_EQ(platform::formatGeneral(unknown * kGiB),
+            "1.71799e+10");  // as the launch record shows it
   const double free = QXLogHelper::freeDiskSpace();
   const auto space = std::filesystem::space("/var");
-  ASSERT_LT(free, 18446744073709551616.0);
   // Other processes write meanwhile: allow for a little drift.
   EXPECT_NEAR(free, static_cast<double>(space.available), 512.0 * 1024 * 1024);
   EXPECT_LE(free, static_cast<double>(space.capacity));
 }
 
-class DiskSpaceTest : public testing::LibraryTest {};
-
-TEST_F(DiskSpaceTest, TotalIsTheDocumentsFileSystemSizeInSinglePrecision) {
+TEST_F(DiskSpaceTest, TotalIsTheDocumentsFileSystemSizeInSinglePrecisionOrZero) {
   const double total = QXLogHelper::totalDiskSpace();
   const auto capacity = std::filesystem::space(platform::documentsDirectory()).capacity;
   EXPECT_EQ(total, static_cast<double>(static_cast<float>(capacity)));
   EXPECT_GT(total, 0.0);
   EXPECT_TRUE(
       console_->contains("Memory Capacity of " + platform::formatFixed(total * kGiB, 6) + " GB ."));
-}
-
-TEST_F(DiskSpaceTest, TotalOfAnUnreadableDirectoryIsZeroWithAnErrorLine) {
   EXPECT_EQ(support::totalDiskSpaceOf("/nonexistent/qxlog/Documents"), 0.0);
   EXPECT_TRUE(console_->contains(
       "Error Obtaining System Memory Info: Domain = NSPOSIXErrorDomain, Code = 2"));
-  EXPECT_EQ(console_->countStartingWith("Memory Capacity"), 0u);
+  EXPECT_EQ(console_->countStartingWith("Memory Capacity"), 1u);
 }
 
 TEST(HostOfUrl, FindsTheHostBetweenUserInfoAndPort) {
@@ -95,18 +88,20 @@ TEST(HostOfUrl, FindsTheHostBetweenUserInfoAndPort) {
   }
 }
 
-TEST(LookupHostIPAddressForURL, ResolvesToADottedIPv4Address) {
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL("http://localhost:8080/log"s), "127.0.0.1");
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL("https://u:p@192.0.2.44/x"s), "192.0.2.44");
-}
-
-TEST(LookupHostIPAddressForURL, AnythingUnresolvableGivesEmptyText) {
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL("http://no-such-host.invalid/x"s), "");
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL(std::nullopt), "");
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL(""s), "");
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL("localhost"s), "");
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL("file:///etc/hosts"s), "");
-  EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL("http://[::1]:80/"s), "");
+TEST(LookupHostIPAddressForURL, ResolvesToADottedIPv4AddressOrEmptyText) {
+  const std::pair<NullableString, const char*> cases[] = {
+      {"http://localhost:8080/log", "127.0.0.1"},
+      {"https://u:p@192.0.2.44/x", "192.0.2.44"},
+      {"http://no-such-host.invalid/x", ""},
+      {std::nullopt, ""},
+      {"", ""},
+      {"localhost", ""},
+      {"file:///etc/hosts", ""},
+      {"http://[::1]:80/", ""},
+  };
+  for (const auto& [url, address] : cases) {
+    EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL(url), address) << url.value_or("(nil)");
+  }
 }
 
 TEST(InterfaceAddress, ReadsTheIPv4AddressOfTheNamedInterface) {
@@ -132,9 +127,7 @@ std::optional<std::string> inPrivateNetwork(const std::string& setup) {
     _exit(written == static_cast<ssize_t>(answer.size()) ? 0 : 1);
   }
   close(pipeEnds[1]);
-  std::string answer;
-  char buffer[256];
-  for (ssize_t n; (n = read(pipeEnds[0], buffer, sizeof buffer)) > 0;) answer.append(buffer, n);
+  const std::string answer = testing::readToEnd(pipeEnds[0]);
   close(pipeEnds[0]);
   int status = 0;
   waitpid(child, &status, 0);
