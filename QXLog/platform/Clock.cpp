@@ -26,9 +26,11 @@ class SystemClock final : public Clock {
 };
 
 std::mutex g_mutex;
+// Never destroyed: worker threads may still read the clock while the process
+// runs its exit handlers.
 std::shared_ptr<Clock>& installed() {
-  static std::shared_ptr<Clock> clock = std::make_shared<SystemClock>();
-  return clock;
+  static auto* clock = new std::shared_ptr<Clock>(std::make_shared<SystemClock>());
+  return *clock;
 }
 
 }  // namespace
