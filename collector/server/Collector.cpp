@@ -46,14 +46,15 @@ std::vector<std::string> acceptedDayTokens(std::chrono::system_clock::time_point
   const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
   std::tm today{};
   localtime_r(&seconds, &today);
-  // Yesterday by the calendar: noon avoids any daylight-saving edge.
-  std::tm yesterday = today;
-  yesterday.tm_mday -= 1;
-  yesterday.tm_hour = 12;
-  yesterday.tm_isdst = -1;
-  std::mktime(&yesterday);
+  // Yesterday by the calendar, computed without mktime: mktime re-reads the
+  // time zone and races with other threads' localtime_r.
+  using namespace std::chrono;
+  const year_month_day date{year(today.tm_year + 1900) / (today.tm_mon + 1) / today.tm_mday};
+  const year_month_day yesterday{sys_days(date) - days(1)};
   return {dayToken(today.tm_year + 1900, today.tm_mon + 1, today.tm_mday),
-          dayToken(yesterday.tm_year + 1900, yesterday.tm_mon + 1, yesterday.tm_mday)};
+          dayToken(static_cast<int>(yesterday.year()),
+                   static_cast<int>(static_cast<unsigned>(yesterday.month())),
+                   static_cast<int>(static_cast<unsigned>(yesterday.day())))};
 }
 
 Collector::Collector(CollectorOptions options, CollectorStore& store, CollectorEvents events)
