@@ -111,18 +111,21 @@ bool rewriteAtomically(const std::string& path, const std::string& bytes) {
 // Figure 1. Each iteration stores one report with the action queue holding L
 // records, then rewrites a file of the same bytes atomically (the limit); the
 // two alternate so that both meet the same load and the same write-back, and
-// each one's median is taken over its own samples. The wall-clock medians make
-// the figure; the thread-CPU medians show the library's own work apart from
-// waiting on the file system.
+// each one's median is taken over its own samples. The queue reaches L records
+// by a store, untimed, as it would in a running host (a restart's first store
+// is the cold-start figure), and the limit's file is rewritten once untimed
+// too. The wall-clock medians make the figure; the thread-CPU medians show the
+// library's own work apart from waiting on the file system.
 void StoreVsRewrite(benchmark::State& state) {
   const std::string limitPath = directory() + "/rewrite-limit.plist";
   const auto held = static_cast<std::size_t>(state.range(0));
   QXLogCenter& center = qb::freshCenter(INT64_MAX);
-  const qxlog::Array queue = qb::typicalRecords(held);
+  const qxlog::Array queue = qb::typicalRecords(held - 1);
   const std::string action = qb::actionName(7);
   const std::string movie = qb::movieIndex(7);
   const std::string queuePath = platform::documentsPath(qxlog::kActionQueueFile);
   center.setActionLog(queue);
+  recordActionLog(action.c_str(), movie.c_str());
   recordActionLog(action.c_str(), movie.c_str());
   const std::string bytes = readWholeFile(queuePath);
 
@@ -130,13 +133,15 @@ void StoreVsRewrite(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
     center.setActionLog(queue);
+    recordActionLog(action.c_str(), movie.c_str());
+    const bool warmed = rewriteAtomically(limitPath, bytes);
     state.ResumeTiming();
     const Stamp a = Stamp::now();
     recordActionLog(action.c_str(), movie.c_str());
     const Stamp b = Stamp::now();
     const bool rewritten = rewriteAtomically(limitPath, bytes);
     const Stamp c = Stamp::now();
-    if (!rewritten) {
+    if (!warmed || !rewritten) {
       state.SkipWithError("the rewrite failed");
       break;
     }
