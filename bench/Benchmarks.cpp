@@ -30,6 +30,7 @@
 #include "QXLog/center/QueueFileNames.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Documents.h"
+#include "QXLog/platform/Json.h"
 #include "QXLog/platform/PropertyList.h"
 #include "QXLog/support/Time.h"
 #include "bench/BenchSupport.h"
@@ -168,6 +169,20 @@ void Envelope(benchmark::State& state) {
   }
 }
 
+// The envelope's JSON step alone, for the breakdown of its excess over gzip.
+void Json(benchmark::State& state) {
+  directory();
+  const qxlog::Array records = qb::typicalRecords(static_cast<std::size_t>(state.range(0)));
+  const qxlog::Value root(records);
+  std::string out;
+  for (auto _ : state) {
+    out.clear();
+    platform::appendJson(out, root);
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.counters["json_bytes"] = static_cast<double>(out.size());
+}
+
 // The limit of an envelope: zlib compressing the same JSON body with the
 // wire format's parameters (default level, gzip wrapper, 15-bit window).
 void Gzip(benchmark::State& state) {
@@ -263,6 +278,7 @@ void LibplistParse(benchmark::State& state) {
 
 BENCHMARK(StoreVsRewrite)->Arg(1)->Arg(20)->Arg(100)->Arg(500)->Unit(benchmark::kMicrosecond);
 BENCHMARK(Envelope)->Arg(1)->Arg(20)->Arg(100)->Arg(500)->Unit(benchmark::kMicrosecond);
+BENCHMARK(Json)->Arg(1)->Arg(20)->Arg(100)->Arg(500)->Unit(benchmark::kMicrosecond);
 BENCHMARK(Gzip)->Arg(1)->Arg(20)->Arg(100)->Arg(500)->Unit(benchmark::kMicrosecond);
 BENCHMARK(ReportWithUpload)->Unit(benchmark::kMicrosecond);
 BENCHMARK(ColdStart)->Unit(benchmark::kMicrosecond);
