@@ -1,0 +1,95 @@
+#!/usr/bin/env python3
+"""Prints the benchmark table from the results directory that bench.sh fills."""
+import glob
+import json
+import os
+import re
+import sys
+
+
+def medians(path):
+    with open(path) as f:
+        suite = json.load(f)
+    found = {}
+    for run in suite["benchmarks"]:
+        if run.get("aggregate_name") == "median":
+            found[run["run_name"]] = run
+    return found
+
+
+def leak_summary(path):
+    with open(path) as f:
+        text = f.read()
+    in_use = re.search(r"in use at exit: ([\d,]+) bytes in ([\d,]+) blocks", text)
+    lost = re.search(r"definitely lost: ([\d,]+) bytes", text)
+    number = lambda m, i=1: int(m.group(i).replace(",", "")) if m else 0
+    return number(in_use), number(in_use, 2), number(lost)
+
+
+def main():
+    out = sys.argv[1]
+    suite = medians(os.path.join(out, "suite.json"))
+    rows = []
+
+    def row(figure, value, limit, ratio, goal, ok):
+        rows.append((figure, value, limit, ratio, goal, "pass" if ok else "FAIL" if ok is not None else ""))
+
+    for n in (1, 20, 100, 500):
+        r = suite[f"StoreVsRewrite/{n}"]
+        ratio = r["store_us"] / r["rewrite_us"]
+        row(f"1 store, L={n}", f"{r['store_us']:.0f} us", f"rewrite {r['rewrite_us']:.0f} us",
+            f"{ratio:.2f}", "<= 1.30", ratio <= 1.30)
+    for n in (1, 20, 100, 500):
+        r = suite[f"EnvelopeVsGzip/{n}"]
+        ratio = r["envelope_us"] / r["gzip_us"]
+        row(f"2 envelope, {n} rec", f"{r['envelope_us']:.1f} us", f"gzip {r['gzip_us']:.1f} us",
+            f"{ratio:.2f}", "<= 1.25", ratio <= 1.25)
+    r = suite["ReportWithUpload"]
+    parts = r["store_l1_us"] + r["envelope_1_us"]
+    ratio = r["report_us"] / parts
+    row("3 report + upload, batch 1", f"{r['report_us']:.0f} us",
+        f"store L=1 + env 1: {parts:.0f} us", f"{ratio:.2f}", "<= 1.30", ratio <= 1.30)
+    cold, parse = suite["ColdStart"], suite["LibplistParse"]
+    ratio = cold["real_time"] / parse["real_time"]
+    row("4 cold start, 500 rec", f"{cold['real_time']:.0f} us",
+        f"libplist {parse['real_time']:.0f} us", f"{ratio:.2f}", "(reported)", None)
+
+    hosts = []
+    with open(os.path.join(out, "host.jsonl")) as f:
+        hosts = [json.loads(line) for line in f if line.strip()]
+    memory = [h for h in hosts if h["batch"] == 20]
+    memory.sort(key=lambda h: h["records"])
+    if len(memory) >= 2:
+        small, large = memory[-2], memory[-1]
+        ratio = large["peak_rss_kb"] / small["peak_rss_kb"]
+        row(f"5 peak RSS, {large['records']} rep",
+            f"{large['peak_rss_kb'] / 1024:.1f} MiB",
+            f"{small['records']} rep: {small['peak_rss_kb'] / 1024:.1f} MiB", f"{ratio:.2f}",
+            "no growth (<= 1.10)", ratio <= 1.10)
+    logs = sorted(glob.glob(os.path.join(out, "valgrind-*.log")),
+                  key=lambda p: int(re.search(r"-(\d+)\.log", p).group(1)))
+    if len(logs) >= 2:
+        (a_bytes, a_blocks, a_lost), (b_bytes, b_blocks, b_lost) = map(leak_summary, logs[:2])
+        na = re.search(r"-(\d+)\.log", logs[0]).group(1)
+        nb = re.search(r"-(\d+)\.log", logs[1]).group(1)
+        row(f"5 heap at exit, {nb} rep", f"{b_bytes} B / {b_blocks} blk",
+            f"{na} rep: {a_bytes} B / {a_blocks} blk", f"lost {a_lost + b_lost} B",
+            "no leak, no growth", a_lost == 0 and b_lost == 0 and b_bytes <= a_bytes)
+    for batch in (1, 20, 100):
+        runs = [h for h in hosts if h["batch"] == batch]
+        if runs:
+            h = min(runs, key=lambda h: h["records"])
+            row(f"6 throughput, batch {batch}", f"{h['reports_per_second']:.0f} reports/s",
+                f"{h['records']} rep, {h['uploads']} uploads", "", "(context)", None)
+
+    header = ("figure", "median", "limit (same run)", "ratio", "goal", "")
+    widths = [max(len(str(r[i])) for r in rows + [header]) for i in range(6)]
+    line = lambda r: "| " + " | ".join(str(c).ljust(w) for c, w in zip(r, widths)) + " |"
+    print(line(header))
+    print("|" + "|".join("-" * (w + 2) for w in widths) + "|")
+    for r in rows:
+        print(line(r))
+
+
+if __name__ == "__main__":
+    main()
