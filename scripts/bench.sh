@@ -41,20 +41,20 @@ GLIBC_TUNABLES=glibc.malloc.trim_threshold=268435456 QXLOG_BENCH_DIR="$data" \
   --benchmark_report_aggregates_only=true --benchmark_out="$out/suite.json" \
   --benchmark_out_format=json >/dev/null
 
-host() {  # host <records> <batch>
-  QXLOG_BENCH_DIR="$data/host" "$build/bench/qxlog_bench_host" "$1" "$2" >>"$out/host.jsonl"
+host() {  # host <file> <records> <batch>
+  QXLOG_BENCH_DIR="$data/host" "$build/bench/qxlog_bench_host" "$2" "$3" >>"$out/$1"
 }
 echo "bench: loopback host, throughput at batch 1, 20, 100"
-host 2000 1
-host 10000 20
-host 10000 100
-echo "bench: loopback host, memory at $records reports, batch 20"
-host "$((records / 10))" 20
-host "$records" 20
+host throughput.jsonl 2000 1
+host throughput.jsonl 5000 20
+host throughput.jsonl 5000 100
+echo "bench: loopback host, peak memory at $((records / 10)) and $records reports, batch 20"
+host memory.jsonl "$((records / 10))" 20
+host memory.jsonl "$records" 20
 
 leaks() {  # leaks <records>
   QXLOG_BENCH_DIR="$data/valgrind" valgrind --leak-check=full --show-leak-kinds=definite \
-    --log-file="$out/valgrind-$1.log" "$build/bench/qxlog_bench_host" "$1" 20 >/dev/null
+    --log-file="$out/valgrind-$1.log" "$build/bench/qxlog_bench_host" "$1" 20 0 >/dev/null
 }
 if command -v valgrind >/dev/null; then
   echo "bench: valgrind leak check at 200 and 1000 reports"
