@@ -11,6 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+scripts/install-deps.sh
 build=build-release
 jobs="$(nproc 2>/dev/null || echo 2)"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQXLOG_BUILD_BENCH=ON -DQXLOG_BUILD_TESTS=OFF \

@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config
   zlib1g-dev libssl-dev libcurl4-openssl-dev libplist-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libsqlite3-dev
-  python3
+  python3 valgrind
 )
 if [[ "${QXLOG_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(clang libclang-rt-14-dev)
