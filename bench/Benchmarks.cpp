@@ -240,7 +240,7 @@ void ReportWithUpload(benchmark::State& state) {
   const qxlog::Array one = qb::typicalRecords(1);
   std::size_t handed = 0;
   bool cleared = true;
-  std::vector<int64_t> storeWall, reportWall, envelopeWall;
+  std::vector<int64_t> storeWall, reportWall, envelopeWall, storeCpu, reportCpu, envelopeCpu;
   for (auto _ : state) {
     state.PauseTiming();
     center.format().setLimitLogCount(INT64_MAX);
@@ -267,6 +267,9 @@ void ReportWithUpload(benchmark::State& state) {
     storeWall.push_back(b.wall - a.wall);
     reportWall.push_back(d.wall - c.wall);
     envelopeWall.push_back(e.wall - d.wall);
+    storeCpu.push_back(b.cpu - a.cpu);
+    reportCpu.push_back(d.cpu - c.cpu);
+    envelopeCpu.push_back(e.cpu - d.cpu);
   }
   if (handed != static_cast<std::size_t>(state.iterations()) || !cleared) {
     state.SkipWithError("not every report was handed over as an upload");
@@ -274,6 +277,9 @@ void ReportWithUpload(benchmark::State& state) {
   state.counters["report_us"] = medianMicros(reportWall);
   state.counters["store_l1_us"] = medianMicros(storeWall);
   state.counters["envelope_1_us"] = medianMicros(envelopeWall);
+  state.counters["report_cpu_us"] = medianMicros(reportCpu);
+  state.counters["store_l1_cpu_us"] = medianMicros(storeCpu);
+  state.counters["envelope_1_cpu_us"] = medianMicros(envelopeCpu);
   platform::setGlobalQueue(nullptr);
 }
 

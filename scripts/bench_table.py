@@ -34,24 +34,31 @@ def main():
     suite = medians(os.path.join(out, "suite.json"))
     rows = []
 
-    def row(figure, value, limit, ratio, goal, ok):
-        rows.append((figure, value, limit, ratio, goal, "pass" if ok else "FAIL" if ok is not None else ""))
+    def row(figure, value, limit, ratio, goal, ok, cpu=""):
+        rows.append((figure, value, limit, ratio, goal, "pass" if ok else "FAIL" if ok is not None else "",
+                     cpu))
 
     for n in (1, 20, 100, 500):
         r = suite[f"StoreVsRewrite/{n}"]
         ratio = r["store_us"] / r["rewrite_us"]
         row(f"1 store, L={n}", f"{r['store_us']:.0f} us", f"rewrite {r['rewrite_us']:.0f} us",
-            f"{ratio:.2f}", "<= 1.30", ratio <= 1.30)
+            f"{ratio:.2f}", "<= 1.30", ratio <= 1.30,
+            f"{r['store_cpu_us']:.0f} / {r['rewrite_cpu_us']:.0f} us = "
+            f"{r['store_cpu_us'] / r['rewrite_cpu_us']:.2f}")
     for n in (1, 20, 100, 500):
         r = suite[f"EnvelopeVsGzip/{n}"]
         ratio = r["envelope_us"] / r["gzip_us"]
         row(f"2 envelope, {n} rec", f"{r['envelope_us']:.1f} us", f"gzip {r['gzip_us']:.1f} us",
-            f"{ratio:.2f}", "<= 1.25", ratio <= 1.25)
+            f"{ratio:.2f}", "<= 1.25", ratio <= 1.25,
+            f"{r['envelope_cpu_us']:.1f} / {r['gzip_cpu_us']:.1f} us = "
+            f"{r['envelope_cpu_us'] / r['gzip_cpu_us']:.2f}")
     r = suite["ReportWithUpload"]
     parts = r["store_l1_us"] + r["envelope_1_us"]
     ratio = r["report_us"] / parts
+    cpu_parts = r["store_l1_cpu_us"] + r["envelope_1_cpu_us"]
     row("3 report + upload, batch 1", f"{r['report_us']:.0f} us",
-        f"store L=1 + env 1: {parts:.0f} us", f"{ratio:.2f}", "<= 1.30", ratio <= 1.30)
+        f"store L=1 + env 1: {parts:.0f} us", f"{ratio:.2f}", "<= 1.30", ratio <= 1.30,
+        f"{r['report_cpu_us']:.0f} / {cpu_parts:.0f} us = {r['report_cpu_us'] / cpu_parts:.2f}")
     cold, parse = suite["ColdStart"], suite["LibplistParse"]
     ratio = cold["real_time"] / parse["real_time"]
     row("4 cold start, 500 rec", f"{cold['real_time']:.0f} us",
@@ -86,8 +93,9 @@ def main():
             row(f"6 throughput, batch {batch}", f"{h['reports_per_second']:.0f} reports/s",
                 f"{h['records']} rep, {h['uploads']} uploads", "", "(context)", None)
 
-    header = ("figure", "median", "limit (same run)", "ratio", "goal", "")
-    widths = [max(len(str(r[i])) for r in rows + [header]) for i in range(6)]
+    rows = [r if len(r) == 7 else r + ("",) for r in rows]
+    header = ("figure", "median", "limit (same run)", "ratio", "goal", "", "thread CPU (context)")
+    widths = [max(len(str(r[i])) for r in rows + [header]) for i in range(7)]
     line = lambda r: "| " + " | ".join(str(c).ljust(w) for c, w in zip(r, widths)) + " |"
     print(line(header))
     print("|" + "|".join("-" * (w + 2) for w in widths) + "|")
