@@ -80,17 +80,29 @@ std::string readWholeFile(const std::string& path) {
   return bytes.str();
 }
 
-// Nanoseconds on the steady clock and on this thread's CPU clock.
+// Nanoseconds on the steady clock and on this thread's CPU clock (a system
+// call). A start reads the CPU clock first and an end reads it last, so that
+// the wall-clock interval between them holds no system call of its own.
 struct Stamp {
   int64_t wall;
   int64_t cpu;
-  static Stamp now() {
+  static int64_t wallNow() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  }
+  static int64_t cpuNow() {
     timespec cpuTime{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpuTime);
-    return {std::chrono::duration_cast<std::chrono::nanoseconds>(
-                std::chrono::steady_clock::now().time_since_epoch())
-                .count(),
-            int64_t{cpuTime.tv_sec} * 1000000000 + cpuTime.tv_nsec};
+    return int64_t{cpuTime.tv_sec} * 1000000000 + cpuTime.tv_nsec;
+  }
+  static Stamp start() {
+    const int64_t cpu = cpuNow();
+    return {wallNow(), cpu};
+  }
+  static Stamp stop() {
+    const int64_t wall = wallNow();
+    return {wall, cpuNow()};
   }
 };
 
@@ -139,19 +151,20 @@ void StoreVsRewrite(benchmark::State& state) {
     recordActionLog(action.c_str(), movie.c_str());
     const bool warmed = rewriteAtomically(limitPath, bytes);
     state.ResumeTiming();
-    const Stamp a = Stamp::now();
+    const Stamp a = Stamp::start();
     recordActionLog(action.c_str(), movie.c_str());
-    const Stamp b = Stamp::now();
+    const Stamp b = Stamp::stop();
+    const Stamp b2 = Stamp::start();
     const bool rewritten = rewriteAtomically(limitPath, bytes);
-    const Stamp c = Stamp::now();
+    const Stamp c = Stamp::stop();
     if (!warmed || !rewritten) {
       state.SkipWithError("the rewrite failed");
       break;
     }
     storeWall.push_back(b.wall - a.wall);
     storeCpu.push_back(b.cpu - a.cpu);
-    rewriteWall.push_back(c.wall - b.wall);
-    rewriteCpu.push_back(c.cpu - b.cpu);
+    rewriteWall.push_back(c.wall - b2.wall);
+    rewriteCpu.push_back(c.cpu - b2.cpu);
   }
   if (center.actionLog().size() != held + 1) state.SkipWithError("the report did not store");
   state.counters["store_us"] = medianMicros(storeWall);
@@ -203,11 +216,12 @@ void EnvelopeVsGzip(benchmark::State& state) {
   std::vector<unsigned char> out;
   std::vector<int64_t> envelopeWall, envelopeCpu, gzipWall, gzipCpu;
   for (auto _ : state) {
-    const Stamp a = Stamp::now();
+    const Stamp a = Stamp::start();
     qxlog::Dictionary envelope = format.combinationLog(&records);
-    const Stamp b = Stamp::now();
+    const Stamp b = Stamp::stop();
+    const Stamp b2 = Stamp::start();
     const bool compressed = gzip(body, out);
-    const Stamp c = Stamp::now();
+    const Stamp c = Stamp::stop();
     benchmark::DoNotOptimize(envelope);
     benchmark::DoNotOptimize(out.data());
     if (!compressed) {
@@ -216,8 +230,8 @@ void EnvelopeVsGzip(benchmark::State& state) {
     }
     envelopeWall.push_back(b.wall - a.wall);
     envelopeCpu.push_back(b.cpu - a.cpu);
-    gzipWall.push_back(c.wall - b.wall);
-    gzipCpu.push_back(c.cpu - b.cpu);
+    gzipWall.push_back(c.wall - b2.wall);
+    gzipCpu.push_back(c.cpu - b2.cpu);
   }
   state.counters["envelope_us"] = medianMicros(envelopeWall);
   state.counters["gzip_us"] = medianMicros(gzipWall);
@@ -247,18 +261,19 @@ void ReportWithUpload(benchmark::State& state) {
     center.setActionLog(qxlog::Array());
     recordActionLog(action.c_str(), movie.c_str());
     state.ResumeTiming();
-    const Stamp a = Stamp::now();
+    const Stamp a = Stamp::start();
     recordActionLog(action.c_str(), movie.c_str());
-    const Stamp b = Stamp::now();
+    const Stamp b = Stamp::stop();
     state.PauseTiming();
     center.setActionLog(qxlog::Array());
     center.format().setLimitLogCount(1);
     state.ResumeTiming();
-    const Stamp c = Stamp::now();
+    const Stamp c = Stamp::start();
     recordActionLog(action.c_str(), movie.c_str());
-    const Stamp d = Stamp::now();
+    const Stamp d = Stamp::stop();
+    const Stamp d2 = Stamp::start();
     qxlog::Dictionary envelope = center.format().combinationLog(&one);
-    const Stamp e = Stamp::now();
+    const Stamp e = Stamp::stop();
     benchmark::DoNotOptimize(envelope);
     state.PauseTiming();
     handed += holding->discard();
@@ -266,10 +281,10 @@ void ReportWithUpload(benchmark::State& state) {
     state.ResumeTiming();
     storeWall.push_back(b.wall - a.wall);
     reportWall.push_back(d.wall - c.wall);
-    envelopeWall.push_back(e.wall - d.wall);
+    envelopeWall.push_back(e.wall - d2.wall);
     storeCpu.push_back(b.cpu - a.cpu);
     reportCpu.push_back(d.cpu - c.cpu);
-    envelopeCpu.push_back(e.cpu - d.cpu);
+    envelopeCpu.push_back(e.cpu - d2.cpu);
   }
   if (handed != static_cast<std::size_t>(state.iterations()) || !cleared) {
     state.SkipWithError("not every report was handed over as an upload");

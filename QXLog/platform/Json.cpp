@@ -79,7 +79,12 @@ class JsonWriter {
   static constexpr std::size_t kStep = 4096;
 
   char* room(std::size_t n) {
-    if (out_.size() - used_ < n) out_.resize(used_ + std::max(n, kStep));
+    if (out_.size() - used_ < n) {
+      // Stay within the capacity the caller reserved when it is enough.
+      std::size_t size = std::min(out_.capacity(), used_ + kStep);
+      if (size < used_ + n) size = used_ + n + kStep;
+      out_.resize(size);
+    }
     return out_.data() + used_;
   }
   void commit(char* end) { used_ = static_cast<std::size_t>(end - out_.data()); }

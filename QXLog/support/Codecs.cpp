@@ -55,7 +55,9 @@ Bytes gzipBytes(std::string_view bytes) {
                     ZLIB_VERSION, static_cast<int>(sizeof(z_stream))) != Z_OK) {
     return std::nullopt;
   }
-  std::string out(kDeflateStep, '\0');
+  // deflateBound is enough for one pass; a small body needs far less than a step.
+  std::string out(std::min<std::size_t>(kDeflateStep, deflateBound(&stream, stream.avail_in)),
+                  '\0');
   do {
     if (stream.total_out >= out.size()) out.resize(out.size() + kDeflateStep);
     stream.next_out = bytesOf(out, stream.total_out);
