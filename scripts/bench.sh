@@ -58,9 +58,9 @@ leaks() {  # leaks <records>
     --log-file="$out/valgrind-$1.log" "$build/bench/qxlog_bench_host" "$1" 20 0 >/dev/null
 }
 if command -v valgrind >/dev/null; then
-  echo "bench: valgrind leak check at 200 and 1000 reports"
+  echo "bench: valgrind leak check at 200 and 2000 reports"
   leaks 200
-  leaks 1000
+  leaks 2000
 fi
 
 echo

@@ -29,6 +29,13 @@ def leak_summary(path):
     return number(in_use), number(in_use, 2), number(lost)
 
 
+# What is in flight when the host exits (an upload's task, an answer, a
+# timer) varies from run to run by up to about 20 KiB at any number of
+# reports; growth with the number of reports would exceed this at 10 times
+# the reports.
+SLACK = 32 * 1024
+
+
 def main():
     out = sys.argv[1]
     suite = medians(os.path.join(out, "suite.json"))
@@ -91,7 +98,7 @@ def main():
         nb = re.search(r"-(\d+)\.log", logs[1]).group(1)
         row(f"5 heap at exit, {nb} rep", f"{b_bytes} B / {b_blocks} blk",
             f"{na} rep: {a_bytes} B / {a_blocks} blk", f"lost {a_lost + b_lost} B",
-            "no leak, no growth", a_lost == 0 and b_lost == 0 and b_bytes <= a_bytes)
+            "no leak, no growth", a_lost == 0 and b_lost == 0 and b_bytes <= a_bytes + SLACK)
     for batch in (1, 20, 100):
         runs = [h for h in hosts if h["batch"] == batch]
         if runs:  # one run per batch size
