@@ -14,6 +14,7 @@
 
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/QXLogValue.h"
+#include "QXLog/support/QueueXml.h"
 
 namespace qxlog {
 class CenterRegistry;
@@ -99,6 +100,9 @@ class QXLogCenter {
   std::optional<Array> actionLog_;
   std::optional<Dictionary> currentPlayHeader_;
   std::optional<Dictionary> actionStartTime_;
+  // The files' XML per record; reset wherever a queue is replaced or cleared.
+  qxlog::support::QueueXml actionXml_;
+  qxlog::support::QueueXml playXml_;
 
   std::atomic<bool> pushLogging_{false};
   std::atomic<bool> hasRepeatSendLog_{false};

@@ -38,6 +38,7 @@ QXLogCenter::Array QXLogCenter::playActionLog() {
 void QXLogCenter::setPlayActionLog(Array queue) {
   std::lock_guard lock(lock_);
   playActionLog_ = std::move(queue);
+  playXml_.invalidate();
 }
 
 QXLogCenter::Array QXLogCenter::actionLog() {
@@ -48,6 +49,7 @@ QXLogCenter::Array QXLogCenter::actionLog() {
 void QXLogCenter::setActionLog(Array queue) {
   std::lock_guard lock(lock_);
   actionLog_ = std::move(queue);
+  actionXml_.invalidate();
 }
 
 std::optional<QXLogCenter::Dictionary> QXLogCenter::currentPlayHeader() const {

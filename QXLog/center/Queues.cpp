@@ -16,24 +16,26 @@ bool reachesBatchSize(std::size_t pending, int64_t limit) {
 
 }  // namespace
 
+// The count check does not look at the record, so the stored record is moved
+// into its queue and the check is handed an empty one.
 void QXLogCenter::storeActionLog(Dictionary record) {
   {
     std::lock_guard lock(lock_);
     Array& queue = actionQueueLocked();
-    queue.emplace_back(record);
-    QXLogHelper::store(queue, qxlog::kActionQueueFile);
+    queue.emplace_back(std::move(record));
+    qxlog::support::writeQueueFile(actionXml_.documentFor(queue), qxlog::kActionQueueFile);
   }
-  storeLog(record);
+  storeLog(Dictionary());
 }
 
 void QXLogCenter::storePlayLog(Dictionary record) {
   {
     std::lock_guard lock(lock_);
     Array& queue = playQueueLocked();
-    queue.emplace_back(record);
-    QXLogHelper::store(queue, qxlog::kPlayQueueFile);
+    queue.emplace_back(std::move(record));
+    qxlog::support::writeQueueFile(playXml_.documentFor(queue), qxlog::kPlayQueueFile);
   }
-  storeLog(record);
+  storeLog(Dictionary());
 }
 
 void QXLogCenter::storeLog(const Dictionary& /*record*/) {
@@ -62,6 +64,7 @@ void QXLogCenter::makePlayLog() {
                    std::make_move_iterator(queue.end()));
     folded.set("p", Value(std::move(actions)));
     queue.clear();
+    playXml_.invalidate();
     QXLogHelper::removePlist(qxlog::kPlayQueueFile);
   }
   QXLogCenter::center().storeActionLog(std::move(folded));

@@ -30,6 +30,7 @@ struct QXLogCenter::Upload {
 
 void QXLogCenter::clearActionQueueLocked() {
   actionQueueLocked().clear();
+  actionXml_.invalidate();
   QXLogHelper::removePlist(qxlog::kActionQueueFile);
 }
 
@@ -57,10 +58,14 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
     pushLogging_ = true;
     if (!diagnosis && actionQueueLocked().empty() && playQueueLocked().empty()) return;
     if (envelope.empty()) return;
-    upload->snapshot = actionQueueLocked();
     // An ordinary batch leaves the queue when its request starts; a failure
     // restores it from the snapshot.
-    if (!diagnosis) clearActionQueueLocked();
+    if (diagnosis) {
+      upload->snapshot = actionQueueLocked();
+    } else {
+      upload->snapshot = std::move(actionQueueLocked());
+      clearActionQueueLocked();
+    }
   }
   const qxlog::Value* text = envelope.find("log_data_str");
   platform::consoleWrite("Ostra->LogContent:" +

@@ -1,62 +1,141 @@
 #include "QXLog/platform/Json.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace qxlog::platform {
 namespace {
 
-void appendEscaped(std::string& out, std::string_view text) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  out += '"';
-  std::size_t plainStart = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c >= 0x20 && c != '"' && c != '\\') continue;
-    out.append(text, plainStart, i - plainStart);
-    plainStart = i + 1;
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      default:
-        out += "\\u00";
-        out += kHex[c >> 4];
-        out += kHex[c & 0xf];
+// For each byte: 0 when it is written as is, else the character after the
+// backslash ('u' for the \u00XX form).
+constexpr std::array<char, 256> kEscapes = [] {
+  std::array<char, 256> table{};
+  for (int c = 0; c < 0x20; ++c) table[static_cast<std::size_t>(c)] = 'u';
+  table['"'] = '"';
+  table['\\'] = '\\';
+  table['\n'] = 'n';
+  table['\r'] = 'r';
+  table['\t'] = 't';
+  table['\b'] = 'b';
+  table['\f'] = 'f';
+  return table;
+}();
+
+// Writes JSON through a pointer into the string's own bytes. The string is
+// grown ahead of the writing in steps (zero-filled by the resize) and cut back
+// to what was written at the end: the values here are many short strings, and
+// one room check per piece costs far less than an append per character or per
+// piece.
+class JsonWriter {
+ public:
+  explicit JsonWriter(std::string& out) : out_(out), used_(out.size()) {}
+  ~JsonWriter() { out_.resize(used_); }
+  JsonWriter(const JsonWriter&) = delete;
+  JsonWriter& operator=(const JsonWriter&) = delete;
+
+  void value(const Value& value) {
+    switch (value.type()) {
+      case Value::Type::kNull:
+        return put("null");
+      case Value::Type::kBool:
+        return put(*value.asBool() ? "true" : "false");
+      case Value::Type::kInteger: {
+        char* o = room(24);
+        commit(std::to_chars(o, o + 24, *value.asInteger()).ptr);
+        return;
+      }
+      case Value::Type::kReal:
+        return real(*value.asReal());
+      case Value::Type::kString:
+        return quoted('\0', *value.asString(), '\0');
+      case Value::Type::kArray: {
+        char separator = '[';
+        for (const Value& element : *value.asArray()) {
+          put(separator);
+          separator = ',';
+          this->value(element);
+        }
+        if (separator == '[') put('[');
+        return put(']');
+      }
+      case Value::Type::kDictionary: {
+        char separator = '{';
+        for (const auto& [key, element] : *value.asDictionary()) {
+          quoted(separator, key, ':');
+          separator = ',';
+          this->value(element);
+        }
+        if (separator == '{') put('{');
+        return put('}');
+      }
     }
   }
-  out.append(text, plainStart, text.size() - plainStart);
-  out += '"';
-}
 
-void appendReal(std::string& out, double value) {
-  if (!std::isfinite(value)) {
-    out += "null";
-    return;
+ private:
+  static constexpr std::size_t kStep = 4096;
+
+  char* room(std::size_t n) {
+    if (out_.size() - used_ < n) {
+      // Stay within the capacity the caller reserved when it is enough.
+      std::size_t size = std::min(out_.capacity(), used_ + kStep);
+      if (size < used_ + n) size = used_ + n + kStep;
+      out_.resize(size);
+    }
+    return out_.data() + used_;
   }
-  char text[32];
-  auto result = std::to_chars(text, text + sizeof text, value);
-  out.append(text, result.ptr);
-}
+  void commit(char* end) { used_ = static_cast<std::size_t>(end - out_.data()); }
+  void put(char c) {
+    char* o = room(1);
+    *o = c;
+    commit(o + 1);
+  }
+  void put(std::string_view text) {
+    char* o = room(text.size());
+    std::memcpy(o, text.data(), text.size());
+    commit(o + text.size());
+  }
+
+  void real(double value) {
+    if (!std::isfinite(value)) return put("null");
+    char* o = room(32);
+    commit(std::to_chars(o, o + 32, value).ptr);
+  }
+
+  // Writes `before`, the quoted and escaped text, then `after` (each of the
+  // two unless it is '\0').
+  void quoted(char before, std::string_view text, char after) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    char* o = room(4 + 6 * text.size());
+    if (before != '\0') *o++ = before;
+    *o++ = '"';
+    for (char ch : text) {
+      const auto c = static_cast<unsigned char>(ch);
+      const char escape = kEscapes[c];
+      if (escape == 0) {
+        *o++ = ch;
+        continue;
+      }
+      *o++ = '\\';
+      *o++ = escape;
+      if (escape == 'u') {
+        *o++ = '0';
+        *o++ = '0';
+        *o++ = kHex[c >> 4];
+        *o++ = kHex[c & 0xf];
+      }
+    }
+    *o++ = '"';
+    if (after != '\0') *o++ = after;
+    commit(o);
+  }
+
+  std::string& out_;
+  std::size_t used_;
+};
 
 // GCC 12 reports "may be used uninitialized" inside std::variant's move
 // constructor when the builder appends a value it has moved; the variant is
@@ -131,47 +210,7 @@ class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
 }  // namespace
 
 void appendJson(std::string& out, const Value& value) {
-  switch (value.type()) {
-    case Value::Type::kNull:
-      out += "null";
-      break;
-    case Value::Type::kBool:
-      out += *value.asBool() ? "true" : "false";
-      break;
-    case Value::Type::kInteger:
-      out += std::to_string(*value.asInteger());
-      break;
-    case Value::Type::kReal:
-      appendReal(out, *value.asReal());
-      break;
-    case Value::Type::kString:
-      appendEscaped(out, *value.asString());
-      break;
-    case Value::Type::kArray: {
-      out += '[';
-      bool first = true;
-      for (const Value& element : *value.asArray()) {
-        if (!first) out += ',';
-        first = false;
-        appendJson(out, element);
-      }
-      out += ']';
-      break;
-    }
-    case Value::Type::kDictionary: {
-      out += '{';
-      bool first = true;
-      for (const auto& [key, element] : *value.asDictionary()) {
-        if (!first) out += ',';
-        first = false;
-        appendEscaped(out, key);
-        out += ':';
-        appendJson(out, element);
-      }
-      out += '}';
-      break;
-    }
-  }
+  JsonWriter(out).value(value);
 }
 
 std::string toJson(const Value& value) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QXLog/QXLogValue.h"
 
@@ -18,6 +19,13 @@ void appendXmlPropertyList(std::string& out, const Value& root);
 // The same for collection roots, without wrapping them in a value first.
 void appendXmlPropertyList(std::string& out, const Array& root);
 void appendXmlPropertyList(std::string& out, const Dictionary& root);
+
+// One element of a non-empty root array, exactly as appendXmlPropertyList
+// writes it inside that array.
+void appendXmlRootArrayElement(std::string& out, const Value& element);
+// A root array whose elements were written by appendXmlRootArrayElement: the
+// same bytes as appendXmlPropertyList of the array they came from.
+void appendXmlPropertyListOfElements(std::string& out, const std::vector<std::string>& elements);
 
 // Parses an XML (or binary) property list. Nothing when the bytes do not hold one.
 std::optional<Value> parsePropertyList(std::string_view bytes);

@@ -157,6 +157,23 @@ void appendXmlPropertyList(std::string& out, const Dictionary& root) {
   out += kEpilogue;
 }
 
+void appendXmlRootArrayElement(std::string& out, const Value& element) {
+  appendIndent(out, 1);
+  appendNode(out, element, 1);
+}
+
+void appendXmlPropertyListOfElements(std::string& out, const std::vector<std::string>& elements) {
+  if (elements.empty()) return appendXmlPropertyList(out, Array());
+  std::size_t size = kPrologue.size() + kEpilogue.size() + 32;
+  for (const std::string& element : elements) size += element.size();
+  out.reserve(out.size() + size);
+  out += kPrologue;
+  out += "<array>\n";
+  for (const std::string& element : elements) out += element;
+  out += "</array>\n";
+  out += kEpilogue;
+}
+
 std::string toXmlPropertyList(const Value& root) {
   std::string out;
   appendXmlPropertyList(out, root);

@@ -24,6 +24,19 @@ struct CipherContextFree {
   void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
 };
 
+// The algorithms are fetched once: OpenSSL 3 looks a legacy EVP_aes_128_ecb()
+// or EVP_md5() up again on every use, which costs more than hashing a token
+// or sealing a small body. The fetched objects live as long as the process.
+const EVP_CIPHER* aes128Ecb() {
+  static EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, "AES-128-ECB", nullptr);
+  return cipher != nullptr ? cipher : EVP_aes_128_ecb();
+}
+
+const EVP_MD* md5() {
+  static EVP_MD* const digest = EVP_MD_fetch(nullptr, "MD5", nullptr);
+  return digest != nullptr ? digest : EVP_md5();
+}
+
 Bytef* bytesOf(std::string& buffer, uLong offset) {
   return reinterpret_cast<Bytef*>(buffer.data()) + offset;
 }
@@ -42,7 +55,9 @@ Bytes gzipBytes(std::string_view bytes) {
                     ZLIB_VERSION, static_cast<int>(sizeof(z_stream))) != Z_OK) {
     return std::nullopt;
   }
-  std::string out(kDeflateStep, '\0');
+  // deflateBound is enough for one pass; a small body needs far less than a step.
+  std::string out(std::min<std::size_t>(kDeflateStep, deflateBound(&stream, stream.avail_in)),
+                  '\0');
   do {
     if (stream.total_out >= out.size()) out.resize(out.size() + kDeflateStep);
     stream.next_out = bytesOf(out, stream.total_out);
@@ -67,8 +82,8 @@ std::array<unsigned char, 16> aesKey(const NullableString& key) {
 Bytes encryptBytes(std::string_view bytes, const NullableString& key) {
   const std::array<unsigned char, 16> keyBytes = aesKey(key);
   std::unique_ptr<EVP_CIPHER_CTX, CipherContextFree> context(EVP_CIPHER_CTX_new());
-  if (!context || EVP_EncryptInit_ex(context.get(), EVP_aes_128_ecb(), nullptr, keyBytes.data(),
-                                     nullptr) != 1) {
+  if (!context ||
+      EVP_EncryptInit_ex(context.get(), aes128Ecb(), nullptr, keyBytes.data(), nullptr) != 1) {
     return std::nullopt;
   }
   // One allocation: PKCS#7 adds 1 to 16 bytes.
@@ -143,7 +158,7 @@ QXLogHelper::NullableString QXLogHelper::md5String(const NullableString& text) {
   const std::size_t length = std::strlen(text->c_str());
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int digestLength = 0;
-  if (EVP_Digest(text->data(), length, digest, &digestLength, EVP_md5(), nullptr) != 1 ||
+  if (EVP_Digest(text->data(), length, digest, &digestLength, support::md5(), nullptr) != 1 ||
       digestLength != 16) {
     return std::nullopt;
   }

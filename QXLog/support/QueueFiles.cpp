@@ -5,6 +5,7 @@
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/Files.h"
 #include "QXLog/platform/PropertyList.h"
+#include "QXLog/support/QueueXml.h"
 
 namespace platform = qxlog::platform;
 
@@ -61,6 +62,10 @@ std::optional<QXLogHelper::Dictionary> QXLogHelper::storeDict(std::nullptr_t,
   std::optional<Value> root = read(ensureFile(plist));
   if (!root || !root->isDictionary()) return std::nullopt;
   return std::move(*root->asDictionary());
+}
+
+void qxlog::support::writeQueueFile(std::string_view xml, std::string_view plist) {
+  platform::writeFileAtomically(ensureFile(plist), xml);
 }
 
 void QXLogHelper::removePlist(std::string_view plist) {

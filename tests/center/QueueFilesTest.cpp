@@ -60,6 +60,28 @@ TEST_F(QueueFilesTest, EveryStoreRewritesTheWholeQueue) {
   EXPECT_EQ(files, 2u);
 }
 
+TEST_F(QueueFilesTest, AStoreAfterTheQueueIsReplacedWritesTheReplacement) {
+  center().storeActionLog(strings({{"a_1", "old 1"}}));
+  center().storeActionLog(strings({{"a_1", "old 2"}}));
+  // A replacement of the same size must not be written from the old records.
+  center().setActionLog(
+      Array{Value(strings({{"a_1", "new 1"}})), Value(strings({{"a_1", "new 2"}}))});
+  center().storeActionLog(strings({{"a_1", "new 3"}}));
+  EXPECT_EQ(*readQueueFile(kActionFile),
+            (Array{Value(strings({{"a_1", "new 1"}})), Value(strings({{"a_1", "new 2"}})),
+                   Value(strings({{"a_1", "new 3"}}))}));
+}
+
+TEST_F(QueueFilesTest, AStoreAfterPlayRecordsAreFoldedWritesOnlyTheNewPlayRecord) {
+  center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
+  center().storePlayLog(strings({{"p_2", "1"}}));
+  center().storePlayLog(strings({{"p_2", "2"}}));
+  center().makePlayLog();
+  EXPECT_TRUE(center().playActionLog().empty());
+  center().storePlayLog(strings({{"p_2", "3"}}));
+  EXPECT_EQ(*readQueueFile(kPlayFile), Array{Value(strings({{"p_2", "3"}}))});
+}
+
 TEST_F(QueueFilesTest, QueuesAreReadBackInOrderAfterARestart) {
   for (int i = 0; i < 5; ++i) center().storeActionLog(strings({{"a_1", std::to_string(i)}}));
   center().storePlayLog(strings({{"p_2", "x"}}));

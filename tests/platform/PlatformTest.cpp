@@ -39,6 +39,17 @@ TEST(JsonTest, NestingIsLimited) {
   EXPECT_TRUE(parseJson(std::string(100, '[') + std::string(100, ']')));
 }
 
+TEST(JsonTest, AppendsAfterWhatTheStringHoldsAcrossGrowthSteps) {
+  // Long enough to need several growth steps, with escapes at the end where
+  // the worst-case reserve matters most.
+  const std::string text = std::string(10000, 'x') + "\"\x01";
+  std::string out = "prefix:";
+  appendJson(out,
+             Value(Array{Value(text), Value(int64_t{-9223372036854775807 - 1}), Value(1e300)}));
+  EXPECT_EQ(out,
+            "prefix:[\"" + std::string(10000, 'x') + "\\\"\\u0001\",-9223372036854775808,1e+300]");
+}
+
 TEST(PropertyListTest, XmlSpecialsSurviveControlsAreReplacedAndDamageReadsAsNothing) {
   for (const char* text : {"<tag>", "a & b", "]]>", "lone\rCR", "crlf\r\n", "&amp; literal"}) {
     Value value(Array{Value(makeStringDictionary({{"k<&>", text}}))});
