@@ -70,8 +70,7 @@ TEST_F(SettingsTest, AnswersOfOtherShapesGiveTheirIntegerReadings) {
        Value(1e300), INT64_MAX, false, 2},
       // -5 compares as a huge unsigned batch size; -5 ms is an interval of 0 s.
       {ScriptedAnswer::json(R"({"result":{"push_interval_number":-5,"push_interval_time":-5}})"),
-       Value(int64_t{-5}), -5, true, 1},
-  };
+       Value(int64_t{-5}), -5, true, 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.answer.body);
     TearDown();

@@ -276,8 +276,7 @@ TEST_F(CollectorTest, RefusesEachBadInputWithAReasonAndStoresNothing) {
        400, "diagnosis_log: the report is not an object"},
       {get(port_, "/log"), 405, "/log takes POST"},
       {get(port_, "/upload"), 404, "no such path"},
-      {roundTrip(port_, "NONSENSE\r\n\r\n"), 400, "malformed request line"},
-  };
+      {roundTrip(port_, "NONSENSE\r\n\r\n"), 400, "malformed request line"}};
   for (const auto& c : cases) {
     EXPECT_EQ(c.reply.status, c.status) << c.reason << ": " << c.reply.body;
     EXPECT_EQ(c.reply.body.find(c.reason), 0u) << c.reason << ": " << c.reply.body;

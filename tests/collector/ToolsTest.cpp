@@ -53,8 +53,7 @@ TEST_F(ToolsTest, DecodeFailsClearlyOnBadInput) {
       {"--key k ' '", "qxlog-decode: nothing to decode"},
       {"--records /nonexistent/collector.db", "no such database"},
       {"--records x.db --type films", "unknown record type: films"},
-      {"--frobnicate", "unexpected argument"},
-  };
+      {"--frobnicate", "unexpected argument"}};
   for (const auto& [arguments, message] : cases) {
     Finished result = run(kDecode + " " + arguments + " </dev/null");
     EXPECT_NE(result.status, 0) << arguments;

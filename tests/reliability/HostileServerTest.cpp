@@ -54,8 +54,7 @@ TEST_F(HostileServerTest, EveryBrokenExchangeEndsInTheFailurePathWithinTheBound)
       {Behaviour::kEndlessBody, 2},     {Behaviour::kHugeAnnounced, 2},
       {Behaviour::kHugeUnannounced, 2}, {Behaviour::kEndlessHeaders, 2},
       {Behaviour::kStall, 2},           {Behaviour::kRedirectLoop, 2 * 17},  // 16 redirects each
-      {Behaviour::kClose, 2},           {std::nullopt, 0},
-  };
+      {Behaviour::kClose, 2},           {std::nullopt, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.behaviour ? static_cast<int>(*c.behaviour) : -1);
     TearDown();

@@ -44,8 +44,7 @@ TEST(LookupHostIPAddressForURL, ResolvesToADottedIPv4AddressOrEmptyText) {
       {"http://no-such-host.invalid/x", ""},
       {std::nullopt, ""},
       {"localhost", ""},
-      {"http://[::1]:80/", ""},
-  };
+      {"http://[::1]:80/", ""}};
   for (const auto& [url, address] : cases) {
     EXPECT_EQ(QXLogHelper::lookupHostIPAddressForURL(url), address) << url.value_or("(nil)");
   }
