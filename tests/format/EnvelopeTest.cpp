@@ -12,6 +12,7 @@ namespace qxlog {
 namespace {
 
 using namespace std::string_literals;
+using testing::field;
 using testing::strings;
 
 class EnvelopeTest : public testing::LibraryTest {
@@ -39,11 +40,6 @@ class EnvelopeTest : public testing::LibraryTest {
     return keys;
   }
 
-  static std::string text(const Dictionary& envelope, std::string_view key) {
-    const Value* value = envelope.find(key);
-    return value != nullptr && value->isString() ? *value->asString() : "<missing>";
-  }
-
   static constexpr const char* kKey = "qxlog-test-key";  // 14 bytes, zero padded
 };
 
@@ -53,29 +49,29 @@ TEST_F(EnvelopeTest, HoldsSealedBodyTokenAndPlainBodyInThatOrder) {
   EXPECT_EQ(keysOf(envelope), (std::vector<std::string>{"log_data", "token", "log_data_str"}));
 
   // The plain body is exactly what the serialiser makes of {"t", "a"}.
-  const std::string plain = text(envelope, "log_data_str");
+  const std::string plain = field(envelope, "log_data_str");
   Dictionary expected;
   expected.set("t", Value(format().publicLog()));
   expected.set("a", Value(records));
   EXPECT_EQ(plain, platform::toJson(Value(expected)));
 
   // The sealed body opens, with the host's key, to the same bytes.
-  const auto opened = collector::decodeLogDataText(text(envelope, "log_data"), kKey);
+  const auto opened = collector::decodeLogDataText(field(envelope, "log_data"), kKey);
   ASSERT_TRUE(opened) << opened.error;
   EXPECT_EQ(*opened.value, plain);
-  EXPECT_FALSE(collector::decodeLogData(text(envelope, "log_data"), "another-key"s));
+  EXPECT_FALSE(collector::decodeLogData(field(envelope, "log_data"), "another-key"s));
 }
 
 TEST_F(EnvelopeTest, NilRecordsBecomeAnEmptyStringAndNoRecordsAnEmptyArray) {
   const Dictionary nilEnvelope = format().combinationLog(nullptr);
-  const auto nilBody = collector::decodeLogData(text(nilEnvelope, "log_data"), kKey);
+  const auto nilBody = collector::decodeLogData(field(nilEnvelope, "log_data"), kKey);
   ASSERT_TRUE(nilBody) << nilBody.error;
   EXPECT_EQ(*nilBody.value->asDictionary()->find("a"), Value(""));
-  EXPECT_EQ(platform::parseJson(text(nilEnvelope, "log_data_str")), nilBody.value);
+  EXPECT_EQ(platform::parseJson(field(nilEnvelope, "log_data_str")), nilBody.value);
 
   const Array none;
   const Dictionary emptyEnvelope = format().combinationLog(&none);
-  const auto emptyBody = collector::decodeLogData(text(emptyEnvelope, "log_data"), kKey);
+  const auto emptyBody = collector::decodeLogData(field(emptyEnvelope, "log_data"), kKey);
   ASSERT_TRUE(emptyBody) << emptyBody.error;
   EXPECT_EQ(*emptyBody.value->asDictionary()->find("a"), Value(Array{}));
   EXPECT_EQ(emptyBody.value->asDictionary()->size(), 2u);

@@ -120,43 +120,32 @@ void HostileServer::answer(int connection) {
       if (!sendAll(connection, filler.data(), filler.size())) return;
     }
   };
+  const std::string ok = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";
+  const std::string closing = "Connection: close\r\n\r\n";
   switch (behaviour_) {
     case Behaviour::kEndlessBody:
-      if (sendText("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n\r\n"
-                   "{\"operate_code\":\"200\",\"x\":\"")) {
-        sendFiller(0);
-      }
+      if (sendText(ok + closing + "{\"operate_code\":\"200\",\"x\":\"")) sendFiller(0);
       break;
     case Behaviour::kHugeAnnounced:
-      if (sendText("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
-                   std::to_string(kHugeBytes) + "\r\nConnection: close\r\n\r\n")) {
+      if (sendText(ok + "Content-Length: " + std::to_string(kHugeBytes) + "\r\n" + closing)) {
         sendFiller(kHugeBytes);
       }
       break;
     case Behaviour::kHugeUnannounced:
-      if (sendText(
-              "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n\r\n")) {
-        sendFiller(kHugeBytes);
-      }
+      if (sendText(ok + closing)) sendFiller(kHugeBytes);
       break;
     case Behaviour::kEndlessHeaders:
-      if (sendText("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n")) {
-        const std::string line = "X-Filler: " + std::string(1000, 'h') + "\r\n";
-        while (sendText(line)) {
-        }
-      }
+      for (bool open = sendText(ok); open;)
+        open = sendText("X-Filler: " + std::string(1000, 'h') + "\r\n");
       break;
     case Behaviour::kStall:
       // Holds the connection open until the client gives up or the server stops.
-      while (waitFor(connection, POLLIN, stopping_)) {
-        char byte;
-        if (::recv(connection, &byte, 1, 0) <= 0) break;
+      for (char byte;
+           waitFor(connection, POLLIN, stopping_) && ::recv(connection, &byte, 1, 0) > 0;) {
       }
       break;
     case Behaviour::kRedirectLoop:
-      sendText(
-          "HTTP/1.1 302 Found\r\nLocation: /loop\r\nContent-Length: 0\r\n"
-          "Connection: close\r\n\r\n");
+      sendText("HTTP/1.1 302 Found\r\nLocation: /loop\r\nContent-Length: 0\r\n" + closing);
       break;
     case Behaviour::kClose:
       break;
