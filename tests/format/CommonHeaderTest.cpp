@@ -37,18 +37,15 @@ TEST_F(CommonHeaderTest, KeysCarryTheirContextAndIdfaTwice) {
 }
 
 TEST_F(CommonHeaderTest, HeaderIsTracedWhenTheUserIdIsNotANumber) {
-  struct Case {
-    NullableString uid;
-    bool traced;
-  };
-  for (const Case& c : {Case{std::nullopt, true}, Case{"0", true}, Case{"", true},
-                        Case{"abc42", true}, Case{"42", false}, Case{" 7x", false}}) {
-    console_ = std::make_shared<ConsoleCapture>();
-    platform::setConsoleSink([console = console_](const std::string& l) { console->add(l); });
-    format().setUid(c.uid);
-    Dictionary header = format().publicLog();
-    EXPECT_EQ(console_->contains(platform::describe(Value(header))), c.traced)
-        << c.uid.value_or("(nil)");
+  const std::pair<NullableString, bool> cases[] = {{std::nullopt, true}, {"0", true},
+                                                   {"", true},           {"abc42", true},
+                                                   {"42", false},        {" 7x", false}};
+  for (const auto& [uid, traced] : cases) {
+    format().setUid(uid);
+    const std::size_t before = console_->lines().size();
+    const std::string trace = platform::describe(Value(format().publicLog()));
+    EXPECT_EQ(console_->lines().size(), before + traced) << uid.value_or("(nil)");
+    EXPECT_EQ(console_->contains(trace), traced) << uid.value_or("(nil)");
   }
 }
 

@@ -49,11 +49,6 @@ class DiskTroubleTest : public LibraryTest, public ::testing::WithParamInterface
   static void report(int from, int to) {
     for (int i = from; i < to; ++i) recordActionLog(std::to_string(i).c_str(), "1");
   }
-  static std::vector<std::string> items(const Array& queue) {
-    std::vector<std::string> result;
-    for (const Value& record : queue) result.push_back(field(record, "a_1"));
-    return result;
-  }
   static std::vector<std::string> numbers(int from, int to) {
     std::vector<std::string> result;
     for (int i = from; i < to; ++i) result.push_back(std::to_string(i));

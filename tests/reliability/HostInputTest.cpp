@@ -19,11 +19,7 @@ class HostInputTest : public UploadTest {
     format().setLimitLogCount(1000);
     logEnvReady(true);
   }
-  std::vector<std::string> queuedItems() {
-    std::vector<std::string> items;
-    for (const Value& record : center().actionLog()) items.push_back(field(record, "a_1"));
-    return items;
-  }
+  std::vector<std::string> queuedItems() { return items(center().actionLog()); }
 };
 
 // Every record value is a string: nil arguments are stored as "".

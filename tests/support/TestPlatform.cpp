@@ -179,6 +179,12 @@ std::string field(const Value& record, std::string_view key) {
   return dictionary != nullptr ? field(*dictionary, key) : "<not a dictionary>";
 }
 
+std::vector<std::string> items(const Array& queue) {
+  std::vector<std::string> result;
+  for (const Value& record : queue) result.push_back(field(record, "a_1"));
+  return result;
+}
+
 std::string json(const Dictionary& record) {
   return platform::toJson(Value(record));
 }

@@ -105,6 +105,8 @@ Dictionary strings(std::initializer_list<std::pair<std::string_view, std::string
 // The string under a key of a value holding a dictionary, or "<missing>".
 std::string field(const Value& record, std::string_view key);
 std::string field(const Dictionary& record, std::string_view key);
+// The "a_1" of each record of a queue.
+std::vector<std::string> items(const Array& queue);
 // A record as JSON text, keys in their order: key set, order and values at once.
 std::string json(const Dictionary& record);
 

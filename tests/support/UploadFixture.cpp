@@ -45,9 +45,7 @@ Array UploadTest::records(std::size_t index) const {
 }
 
 std::vector<std::string> UploadTest::sentItems(std::size_t index) const {
-  std::vector<std::string> items;
-  for (const Value& record : records(index)) items.push_back(field(record, "a_1"));
-  return items;
+  return items(records(index));
 }
 
 }  // namespace qxlog::testing
