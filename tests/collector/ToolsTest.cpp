@@ -1,12 +1,10 @@
 // The programs themselves: qxlog-decode, qxlog-collector, qxlog-demo and the
 // example C host, run as separate processes.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 
@@ -102,42 +100,23 @@ TEST_F(ToolsTest, DecodePrintsADatabasesRecordsByType) {
 }
 
 TEST_F(ToolsTest, CollectorServesAndStopsCleanlyOnSigintAndSigterm) {
-  for (int signal : {SIGTERM, SIGINT}) {
-    const std::string database = documentsPath("collector-" + std::to_string(signal) + ".db");
-    int errors[2];
-    ASSERT_EQ(::pipe(errors), 0);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      ::dup2(errors[1], STDERR_FILENO);
-      ::close(errors[0]);
-      ::close(errors[1]);
-      ::execl(QXLOG_TEST_COLLECTOR, "qxlog-collector", "--listen", "127.0.0.1:0", "--db",
-              database.c_str(), "--quiet", static_cast<char*>(nullptr));
-      ::_exit(127);
+  // Starts the collector, asks the port its first line names, signals it.
+  const std::string script = documentsPath("serve.sh");
+  std::ofstream(script) << R"("$1" --listen 127.0.0.1:0 --db "$2" --quiet 2>"$2.err" & pid=$!
+for i in $(seq 200); do port=$(grep -o '127\.0\.0\.1:[0-9]*,' "$2.err") && break; sleep 0.05; done
+port=${port%,}; exec 3<>/dev/tcp/127.0.0.1/${port#*:}
+printf 'GET /received?uid=nobody HTTP/1.1\r\n\r\n' >&3 && cat <&3
+kill -$3 $pid; wait $pid; echo "exit $?"; cat "$2.err")";
+  for (const std::string signal : {"TERM", "INT"}) {
+    const std::string database = documentsPath("collector-" + signal + ".db");
+    const Finished served =
+        run("bash " + script + " " + QXLOG_TEST_COLLECTOR + " " + database + " " + signal);
+    for (const char* text :
+         {"HTTP/1.1 200 OK",
+          "{\"uploads\":0,\"records\":{},\"play_actions\":{},\"diagnoses\":0,\"settings\":0}\n",
+          "exit 0\n", "qxlog-collector: stopped"}) {
+      EXPECT_NE(served.output.find(text), std::string::npos) << signal << ": " << served.output;
     }
-    ::close(errors[1]);
-    // The port comes from its first line on standard error.
-    std::string line;
-    for (char c; ::read(errors[0], &c, 1) == 1 && c != '\n';) line += c;
-    const std::size_t at = line.find("http://127.0.0.1:");
-    ASSERT_NE(at, std::string::npos) << line;
-    Finished received = run("bash -c 'exec 3<>/dev/tcp/127.0.0.1/" +
-                            std::to_string(std::atoi(line.c_str() + at + 17)) +
-                            " && printf \"GET /received?uid=nobody HTTP/1.1\\r\\n\\r\\n\" >&3 "
-                            "&& cat <&3'");
-    EXPECT_NE(received.output.find("HTTP/1.1 200 OK"), std::string::npos) << received.output;
-    EXPECT_NE(
-        received.output.find(
-            "{\"uploads\":0,\"records\":{},\"play_actions\":{},\"diagnoses\":0,\"settings\":0}\n"),
-        std::string::npos)
-        << received.output;
-    ::kill(pid, signal);
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "signal " << signal;
-    const std::string rest = readToEnd(errors[0]);
-    ::close(errors[0]);
-    EXPECT_NE(rest.find("qxlog-collector: stopped"), std::string::npos) << rest;
     EXPECT_TRUE(std::filesystem::exists(database));
   }
 }
