@@ -137,28 +137,5 @@ TEST_F(EntriesTest, DiagnosesBypassTheQueues) {
   EXPECT_FALSE(readQueueFile("USERPlayActionStatisticalLog.plist").has_value());
 }
 
-TEST_F(EntriesTest, EveryFamilyReachesTheActionQueueFileWithItsKeys) {
-  recordLaunchLog("cold");
-  recordActionLog("tap", "1");
-  recordNetworkLog("api", 12, "500");
-  recordDownLog("id", "http://localhost/a", "n", "1", "p", "s");
-  recordMoviePlayLog("m", "/a", "s", true, "0");
-  recordPlayActionLog("4", "playing", "1", "2", "3", "4", "5");
-  recordMoviePlayLog("m2", "/b", "s", true, "0");  // folds the first play
-
-  std::string keys;
-  for (const Value& record : readQueueFile("UserStatisticalLog.plist").value_or(Array())) {
-    for (const auto& [key, value] : *record.asDictionary()) {
-      keys += key == "a_t" ? "a_t=" + *value.asString() + " " : key + " ";
-    }
-    keys += "| ";
-  }
-  EXPECT_EQ(keys,
-            "a_t=0 a_0 a_1 a_2 a_3 a_4 a_5 a_6 a_7 a_8 a_9 a_10 | a_t=2 a_0 a_1 a_2 a_3 a_4 a_5 | "
-            "a_t=7 a_0 a_1 a_2 a_3 | "
-            "a_t=3 a_0 a_1 a_3 a_4 a_5 a_6 a_7 a_8 a_9 a_10 a_11 a_12 a_13 a_14 | "
-            "a_t=1 a_1 a_3 a_4 a_5 a_6 a_7 a_8 a_9 p | ");
-}
-
 }  // namespace
 }  // namespace qxlog::testing

@@ -76,6 +76,7 @@ TEST_F(GateTest, ReportsWithoutTheirKeyAreDroppedBeforeTheGate) {
   ASSERT_EQ(queue().size(), 2u);
   EXPECT_EQ(json(*queue()[0].asDictionary()),
             R"({"a_t":"7","a_0":"1700000005000","a_1":"-5","a_2":"e","a_3":" "})");
+  EXPECT_EQ(field(queue()[1], "a_t"), "3");
 }
 
 TEST_F(GateTest, CurrentTimeTruncatesToTheMillisecond) {
