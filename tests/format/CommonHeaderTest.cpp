@@ -20,16 +20,19 @@ TEST_F(CommonHeaderTest, DefaultsFillAllTwelveKeys) {
 }
 
 TEST_F(CommonHeaderTest, KeysCarryTheirContextAndIdfaTwice) {
-  format().setIdfa("device");
-  format().setDevModel("model");
-  format().setHardVer("12.1");
-  format().setChannel("store");
-  format().setPhone("555");
-  format().setVipState("vip");
-  format().setBundleVer("3.2");
-  format().setVer("300");
-  format().setUid("42");
-  format().setTerminal_category("7");
+  // Through the named access the C interface uses.
+  for (const auto& [name, value] : {std::pair{"idfa", "device"},
+                                    {"devModel", "model"},
+                                    {"hardVer", "12.1"},
+                                    {"channel", "store"},
+                                    {"phone", "555"},
+                                    {"vipState", "vip"},
+                                    {"bundleVer", "3.2"},
+                                    {"ver", "300"},
+                                    {"uid", "42"},
+                                    {"terminal_category", "7"}}) {
+    ASSERT_TRUE(format().setStringProperty(name, value)) << name;
+  }
   EXPECT_EQ(json(format().publicLog()),
             R"({"t_1":"7","t_2":"device","t_3":"model","t_4":"12.1","t_5":"store",)"
             R"("t_6":"device","t_7":"555","t_8":"vip","t_9":"3.2","t_10":"300","t_11":"",)"

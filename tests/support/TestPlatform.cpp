@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -108,10 +109,8 @@ std::vector<std::string> ConsoleCapture::lines() const {
 }
 
 bool ConsoleCapture::contains(const std::string& line) const {
-  for (const std::string& candidate : lines()) {
-    if (candidate == line) return true;
-  }
-  return false;
+  const std::vector<std::string> all = lines();
+  return std::find(all.begin(), all.end(), line) != all.end();
 }
 
 std::size_t ConsoleCapture::countStartingWith(const std::string& prefix) const {
