@@ -21,16 +21,11 @@ TEST_F(CommonHeaderTest, DefaultsFillAllTwelveKeys) {
 
 TEST_F(CommonHeaderTest, KeysCarryTheirContextAndIdfaTwice) {
   // Through the named access the C interface uses.
-  for (const auto& [name, value] : {std::pair{"idfa", "device"},
-                                    {"devModel", "model"},
-                                    {"hardVer", "12.1"},
-                                    {"channel", "store"},
-                                    {"phone", "555"},
-                                    {"vipState", "vip"},
-                                    {"bundleVer", "3.2"},
-                                    {"ver", "300"},
-                                    {"uid", "42"},
-                                    {"terminal_category", "7"}}) {
+  const std::pair<const char*, const char*> context[] = {
+      {"idfa", "device"}, {"devModel", "model"},     {"hardVer", "12.1"},  {"channel", "store"},
+      {"phone", "555"},   {"vipState", "vip"},       {"bundleVer", "3.2"}, {"ver", "300"},
+      {"uid", "42"},      {"terminal_category", "7"}};
+  for (const auto& [name, value] : context) {
     ASSERT_TRUE(format().setStringProperty(name, value)) << name;
   }
   EXPECT_EQ(json(format().publicLog()),
