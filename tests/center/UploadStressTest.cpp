@@ -48,16 +48,15 @@ class UploadStressTest : public ::testing::Test {
 
   // Every "a_1" the server received, in arrival order.
   std::vector<std::string> received() const {
-    std::vector<std::string> items;
+    std::vector<std::string> all;
     for (const ReceivedRequest& request : server_.requests()) {
       auto body = collector::decodeLogData(request.param("log_data"), kKey);
       EXPECT_TRUE(body) << body.error;
       const Value* records = body ? body.value->asDictionary()->find("a") : nullptr;
-      for (const Value& record : records ? *records->asArray() : Array()) {
-        items.push_back(field(record, "a_1"));
-      }
+      const std::vector<std::string> sent = items(records ? *records->asArray() : Array());
+      all.insert(all.end(), sent.begin(), sent.end());
     }
-    return items;
+    return all;
   }
 
   // Waits until the server has seen no request for a while.
