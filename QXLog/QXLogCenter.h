@@ -14,10 +14,12 @@
 
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/QXLogValue.h"
-#include "QXLog/support/QueueXml.h"
 
 namespace qxlog {
 class CenterRegistry;
+namespace support {
+class QueueXml;
+}
 namespace platform {
 struct HttpResponse;
 }
@@ -32,6 +34,7 @@ class QXLogCenter {
   // The single instance, created on first call.
   static QXLogCenter& center();
 
+  ~QXLogCenter();
   QXLogCenter(const QXLogCenter&) = delete;
   QXLogCenter& operator=(const QXLogCenter&) = delete;
 
@@ -101,8 +104,8 @@ class QXLogCenter {
   std::optional<Dictionary> currentPlayHeader_;
   std::optional<Dictionary> actionStartTime_;
   // The files' XML per record; reset wherever a queue is replaced or cleared.
-  qxlog::support::QueueXml actionXml_;
-  qxlog::support::QueueXml playXml_;
+  std::unique_ptr<qxlog::support::QueueXml> actionXml_;
+  std::unique_ptr<qxlog::support::QueueXml> playXml_;
 
   std::atomic<bool> pushLogging_{false};
   std::atomic<bool> hasRepeatSendLog_{false};

@@ -2,12 +2,18 @@
 
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/QueueFileNames.h"
+#include "QXLog/support/QueueXml.h"
 
 using qxlog::kActionQueueFile;
 using qxlog::kPlayQueueFile;
 using qxlog::kStartTimeFile;
 
-QXLogCenter::QXLogCenter() : format_(std::make_unique<QXLogMessageFormat>()) {}
+QXLogCenter::QXLogCenter()
+    : format_(std::make_unique<QXLogMessageFormat>()),
+      actionXml_(std::make_unique<qxlog::support::QueueXml>()),
+      playXml_(std::make_unique<qxlog::support::QueueXml>()) {}
+
+QXLogCenter::~QXLogCenter() = default;
 
 // Each collection is read from its file on first use. A missing, empty,
 // damaged or wrong-typed file gives an empty collection.
@@ -38,7 +44,7 @@ QXLogCenter::Array QXLogCenter::playActionLog() {
 void QXLogCenter::setPlayActionLog(Array queue) {
   std::lock_guard lock(lock_);
   playActionLog_ = std::move(queue);
-  playXml_.invalidate();
+  playXml_->invalidate();
 }
 
 QXLogCenter::Array QXLogCenter::actionLog() {
@@ -49,7 +55,7 @@ QXLogCenter::Array QXLogCenter::actionLog() {
 void QXLogCenter::setActionLog(Array queue) {
   std::lock_guard lock(lock_);
   actionLog_ = std::move(queue);
-  actionXml_.invalidate();
+  actionXml_->invalidate();
 }
 
 std::optional<QXLogCenter::Dictionary> QXLogCenter::currentPlayHeader() const {

@@ -3,6 +3,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/QueueFileNames.h"
+#include "QXLog/support/QueueXml.h"
 
 using qxlog::Value;
 
@@ -23,7 +24,7 @@ void QXLogCenter::storeActionLog(Dictionary record) {
     std::lock_guard lock(lock_);
     Array& queue = actionQueueLocked();
     queue.emplace_back(std::move(record));
-    qxlog::support::writeQueueFile(actionXml_.documentFor(queue), qxlog::kActionQueueFile);
+    qxlog::support::writeQueueFile(actionXml_->documentFor(queue), qxlog::kActionQueueFile);
   }
   storeLog(Dictionary());
 }
@@ -33,7 +34,7 @@ void QXLogCenter::storePlayLog(Dictionary record) {
     std::lock_guard lock(lock_);
     Array& queue = playQueueLocked();
     queue.emplace_back(std::move(record));
-    qxlog::support::writeQueueFile(playXml_.documentFor(queue), qxlog::kPlayQueueFile);
+    qxlog::support::writeQueueFile(playXml_->documentFor(queue), qxlog::kPlayQueueFile);
   }
   storeLog(Dictionary());
 }
@@ -64,7 +65,7 @@ void QXLogCenter::makePlayLog() {
                    std::make_move_iterator(queue.end()));
     folded.set("p", Value(std::move(actions)));
     queue.clear();
-    playXml_.invalidate();
+    playXml_->invalidate();
     QXLogHelper::removePlist(qxlog::kPlayQueueFile);
   }
   QXLogCenter::center().storeActionLog(std::move(folded));

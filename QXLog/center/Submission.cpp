@@ -4,6 +4,7 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/PushTimer.h"
 #include "QXLog/center/QueueFileNames.h"
+#include "QXLog/support/QueueXml.h"
 #include "QXLog/center/Upload.h"
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Dispatch.h"
@@ -30,7 +31,7 @@ struct QXLogCenter::Upload {
 
 void QXLogCenter::clearActionQueueLocked() {
   actionQueueLocked().clear();
-  actionXml_.invalidate();
+  actionXml_->invalidate();
   QXLogHelper::removePlist(qxlog::kActionQueueFile);
 }
 

@@ -27,4 +27,9 @@ export PKG_CONFIG_PATH="$pc_dir"
 cc -std=c11 $flags -o "$work/pkgconfig-consumer" "$consumer/consumer.c" \
   $(pkg-config --cflags --libs qxlog) -Wl,-rpath,"$(pkg-config --variable=libdir qxlog)"
 "$work/pkgconfig-consumer"
+
+# The C++ headers stand on their own in the installed tree.
+printf '#include <QXLog/QXLogCenter.h>\n#include <QXLog/QXLogHelper.h>\nint main() { return 0; }\n' \
+  >"$work/headers.cpp"
+c++ -std=c++20 -fsyntax-only $(pkg-config --cflags qxlog) "$work/headers.cpp"
 echo "check_install: the installed package builds and links (CMake and pkg-config)"
