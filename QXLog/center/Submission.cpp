@@ -4,11 +4,11 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/PushTimer.h"
 #include "QXLog/center/QueueFileNames.h"
-#include "QXLog/support/QueueXml.h"
 #include "QXLog/center/Upload.h"
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Text.h"
+#include "QXLog/support/QueueXml.h"
 
 namespace platform = qxlog::platform;
 
