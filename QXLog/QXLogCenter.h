@@ -18,8 +18,9 @@
 namespace qxlog {
 class CenterRegistry;
 namespace support {
+class QueueJson;
 class QueueXml;
-}
+}  // namespace support
 namespace platform {
 struct HttpResponse;
 }
@@ -106,6 +107,8 @@ class QXLogCenter {
   // The files' XML per record; reset wherever a queue is replaced or cleared.
   std::unique_ptr<qxlog::support::QueueXml> actionXml_;
   std::unique_ptr<qxlog::support::QueueXml> playXml_;
+  // The action queue's records' JSON for the envelope; reset with actionXml_.
+  std::unique_ptr<qxlog::support::QueueJson> actionJson_;
 
   std::atomic<bool> pushLogging_{false};
   std::atomic<bool> hasRepeatSendLog_{false};

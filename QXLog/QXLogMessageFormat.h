@@ -122,6 +122,12 @@ class QXLogMessageFormat {
   Dictionary combinationLog(const Array* records) const;
 
  private:
+  friend class QXLogCenter;
+
+  // The same envelope from the records' JSON array text "[...]", as the
+  // center keeps it beside its action queue.
+  Dictionary combinationLogOfJson(std::string_view recordsJson) const;
+
   enum class Field {
 #define QXLOG_FIELD(getter, setter) getter,
     QXLOG_FORMAT_STRING_PROPERTIES(QXLOG_FIELD)

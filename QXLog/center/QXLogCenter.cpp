@@ -2,6 +2,7 @@
 
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/QueueFileNames.h"
+#include "QXLog/support/QueueJson.h"
 #include "QXLog/support/QueueXml.h"
 
 using qxlog::kActionQueueFile;
@@ -11,7 +12,8 @@ using qxlog::kStartTimeFile;
 QXLogCenter::QXLogCenter()
     : format_(std::make_unique<QXLogMessageFormat>()),
       actionXml_(std::make_unique<qxlog::support::QueueXml>()),
-      playXml_(std::make_unique<qxlog::support::QueueXml>()) {}
+      playXml_(std::make_unique<qxlog::support::QueueXml>()),
+      actionJson_(std::make_unique<qxlog::support::QueueJson>()) {}
 
 QXLogCenter::~QXLogCenter() = default;
 
@@ -56,6 +58,7 @@ void QXLogCenter::setActionLog(Array queue) {
   std::lock_guard lock(lock_);
   actionLog_ = std::move(queue);
   actionXml_->invalidate();
+  actionJson_->invalidate();
 }
 
 std::optional<QXLogCenter::Dictionary> QXLogCenter::currentPlayHeader() const {

@@ -3,6 +3,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/QueueFileNames.h"
+#include "QXLog/support/QueueJson.h"
 #include "QXLog/support/QueueXml.h"
 
 using qxlog::Value;
@@ -25,6 +26,7 @@ void QXLogCenter::storeActionLog(Dictionary record) {
     Array& queue = actionQueueLocked();
     queue.emplace_back(std::move(record));
     qxlog::support::writeQueueFile(actionXml_->documentFor(queue), qxlog::kActionQueueFile);
+    actionJson_->textFor(queue);
   }
   storeLog(Dictionary());
 }

@@ -8,6 +8,7 @@
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Text.h"
+#include "QXLog/support/QueueJson.h"
 #include "QXLog/support/QueueXml.h"
 
 namespace platform = qxlog::platform;
@@ -32,6 +33,7 @@ struct QXLogCenter::Upload {
 void QXLogCenter::clearActionQueueLocked() {
   actionQueueLocked().clear();
   actionXml_->invalidate();
+  actionJson_->invalidate();
   QXLogHelper::removePlist(qxlog::kActionQueueFile);
 }
 
@@ -49,7 +51,9 @@ void QXLogCenter::submitAllLog() {
 
 QXLogCenter::Dictionary QXLogCenter::combinationStatisticalLog() {
   std::lock_guard lock(lock_);
-  return format().combinationLog(&actionQueueLocked());
+  // The records' JSON is kept beside the queue: only records not yet seen are
+  // serialised here.
+  return format().combinationLogOfJson(actionJson_->textFor(actionQueueLocked()));
 }
 
 void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool diagnosis) {

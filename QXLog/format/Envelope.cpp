@@ -10,19 +10,43 @@ namespace platform = qxlog::platform;
 
 namespace {
 
+using qxlog::Dictionary;
+using qxlog::Value;
+
 // Room for a typical record, so that the body is written without regrowth.
 constexpr std::size_t kBytesPerRecord = 320;
+
+// The body's text up to the records: {"t": header, "a":
+std::string bodyHead(const QXLogMessageFormat& format, std::size_t recordBytes) {
+  std::string body;
+  body.reserve(512 + recordBytes);
+  body += "{\"t\":";
+  platform::appendJson(body, Value(format.publicLog()));
+  body += ",\"a\":";
+  return body;
+}
+
+// Closes the body; the same text is both sealed and kept in plain form.
+Dictionary sealed(const QXLogMessageFormat& format, std::string body) {
+  body += '}';
+  qxlog::NullableString logData = qxlog::support::sealJson(std::string_view(body));
+  qxlog::NullableString token =
+      QXLogHelper::tokenString(platform::formatGeneral(format.serverInfoUpdateTime()));
+
+  Dictionary envelope;
+  envelope.reserve(3);
+  envelope.setString("log_data", logData);
+  envelope.setString("token", token);
+  envelope.set("log_data_str", Value(std::move(body)));
+  return envelope;
+}
 
 }  // namespace
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLog(const Array* records) const {
   // The body {"t": header, "a": records} is written once, straight from the
-  // caller's array, and the same text is both sealed and kept in plain form.
-  std::string body;
-  body.reserve(512 + (records ? records->size() * kBytesPerRecord : 0));
-  body += "{\"t\":";
-  platform::appendJson(body, Value(publicLog()));
-  body += ",\"a\":";
+  // caller's array.
+  std::string body = bodyHead(*this, records ? records->size() * kBytesPerRecord : 0);
   if (records == nullptr) {
     body += "\"\"";
   } else {
@@ -33,15 +57,12 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLog(const Array* r
     }
     body += ']';
   }
-  body += '}';
+  return sealed(*this, std::move(body));
+}
 
-  NullableString logData = qxlog::support::sealJson(std::string_view(body));
-  NullableString token = QXLogHelper::tokenString(platform::formatGeneral(serverInfoUpdateTime()));
-
-  Dictionary envelope;
-  envelope.reserve(3);
-  envelope.setString("log_data", logData);
-  envelope.setString("token", token);
-  envelope.set("log_data_str", Value(std::move(body)));
-  return envelope;
+QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLogOfJson(
+    std::string_view recordsJson) const {
+  std::string body = bodyHead(*this, recordsJson.size());
+  body += recordsJson;
+  return sealed(*this, std::move(body));
 }

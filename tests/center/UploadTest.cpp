@@ -227,5 +227,41 @@ TEST_F(UploadTest, BehaviorLogPostsTheHostsDictionaryAsItIs) {
   EXPECT_TRUE(console_->contains("Ostra->LogContent:trace"));
 }
 
+// The center's envelope takes the records' JSON kept beside the queue; it is
+// the whole queue's envelope byte for byte, whatever changed the queue before.
+TEST_F(UploadTest, TheEnvelopeFromKeptRecordJsonIsTheWholeQueuesEnvelope) {
+  auto same = [&](int line) {
+    Array queue = center().actionLog();
+    EXPECT_EQ(json(center().combinationStatisticalLog()), json(format().combinationLog(&queue)))
+        << "line " << line;
+  };
+  format().setLimitLogCount(100000);
+  Dictionary odd = strings({{"a_1", "\"q\"\\/\n\t\x01 \u00e9 \U0001F600 \u2028"}});
+  odd.set("p", Value(Array{Value(strings({{"p_1", "x"}})), Value(Array())}));
+  center().storeActionLog(odd);
+  center().storeActionLog(action("2"));
+  same(__LINE__);
+  center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
+  center().storePlayLog(strings({{"p_2", "\u00fc"}}));
+  center().makePlayLog();  // the folded header is stored with its "p" array
+  same(__LINE__);
+  center().setActionLog(Array{Value(action("r1")), Value(action("r2")), Value(odd)});  // as long
+  same(__LINE__);
+  center().setActionLog(Array(501, Value(action("old"))));
+  same(__LINE__);
+  center().submitAllLog();  // discarded
+  center().storeActionLog(action("n1"));
+  for (const char* answer : {"200", "500"}) {
+    if (answer[0] == '5') server_->setFallback({500, "application/json", "{}"});
+    format().setLimitLogCount(1);
+    center().storeActionLog(action(answer));  // sent (failed: restored, sent again)
+    settle();
+    format().setLimitLogCount(100000);
+    for (const char* item : {"a", "b", "c"}) center().storeActionLog(action(item));
+    same(__LINE__);
+  }
+  EXPECT_EQ(server_->requestCount(), 3u);
+}
+
 }  // namespace
 }  // namespace qxlog::testing
