@@ -14,6 +14,7 @@
 #define QXLOG_QXLOG_H_
 
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #if defined(__GNUC__)
@@ -98,6 +99,36 @@ QXLOG_EXPORT void QXLogSetDocumentsDirectory(const char* path);
 /* Receives every console line instead of stderr; NULL restores stderr. */
 QXLOG_EXPORT void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context),
                                          void* context);
+
+/* How records travel; choose before the first report.
+ * QXLogDeliveryDescribed (the default) is what existing log servers expect: a
+ * batch leaves the queue when its upload starts and is repeated once on a
+ * transport failure. It drops records: a batch that fails twice or is answered
+ * with another code than "200", a backlog of more than 500 records, and the
+ * records stored while an upload was out, which its confirmation clears.
+ * QXLogDeliveryAtLeastOnce keeps every record queued, on disk too, until an
+ * answer "200" confirms the upload that carried it: one upload at a time,
+ * oldest records first in batches of at most 500, transport failures retried
+ * with backoff (1 s doubling to 5 minutes, across restarts), a refused batch
+ * retried twice and then dropped. Only an upload whose answer was lost can
+ * arrive twice. The wire format and the files are the same in both. */
+typedef enum { QXLogDeliveryDescribed = 0, QXLogDeliveryAtLeastOnce = 1 } QXLogDelivery;
+QXLOG_EXPORT void QXLogSetDelivery(QXLogDelivery delivery);
+/* At least once: the most records each queue keeps (50 000 unless set);
+ * beyond it the oldest are dropped, traced and reported as dropped. */
+QXLOG_EXPORT void QXLogSetQueueLimit(size_t limit);
+
+/* What became of a batch of records, told on the main queue in both modes.
+ * `reason` is "" for a confirmation, otherwise one line. */
+typedef enum {
+  QXLogBatchConfirmed = 0,
+  QXLogBatchRetrying = 1,
+  QXLogBatchDropped = 2
+} QXLogBatchOutcome;
+/* NULL stops the reports. */
+QXLOG_EXPORT void QXLogSetDeliveryHandler(void (*handler)(QXLogBatchOutcome outcome, size_t records,
+                                                          const char* reason, void* context),
+                                          void* context);
 
 /* Runs every main-queue task that is due, on the calling thread. */
 QXLOG_EXPORT void QXLogMainQueueDrain(void);

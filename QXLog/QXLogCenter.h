@@ -6,10 +6,13 @@
 #define QXLOG_QXLOGCENTER_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 
 #include "QXLog/QXLogMessageFormat.h"
@@ -17,10 +20,7 @@
 
 namespace qxlog {
 class CenterRegistry;
-namespace support {
-class QueueJson;
-class QueueXml;
-}  // namespace support
+class PendingQueue;
 namespace platform {
 struct HttpResponse;
 }
@@ -78,20 +78,50 @@ class QXLogCenter {
   void getLogServerInfo();
   void startTime(int32_t seconds);
 
+  // Delivery. kDescribed (the default) sends and clears as existing log
+  // servers expect. kAtLeastOnce keeps each record queued, on disk too, until
+  // an answer "200" confirms the upload that carried it: one upload at a time,
+  // oldest records first in batches of at most 500, transport failures
+  // retried with backoff, a refused batch retried twice and then dropped.
+  // Chosen before the first report.
+  enum class Delivery { kDescribed = 0, kAtLeastOnce = 1 };
+  void setDelivery(Delivery delivery) { delivery_ = delivery; }
+  Delivery delivery() const { return delivery_; }
+  // At-least-once only: the most records each queue holds; beyond it the
+  // oldest are dropped, counted and traced. 50 000 unless set.
+  void setQueueLimit(std::size_t limit) { queueLimit_ = limit; }
+  std::size_t queueLimit() const { return queueLimit_; }
+
+  // What became of a batch, told on the main queue in both modes.
+  enum class BatchOutcome { kConfirmed = 0, kRetrying = 1, kDropped = 2 };
+  using DeliveryHandler =
+      std::function<void(BatchOutcome outcome, std::size_t records, const std::string& reason)>;
+  // An empty handler stops the reports.
+  void setDeliveryHandler(DeliveryHandler handler);
+
  private:
   friend class qxlog::CenterRegistry;
-  struct Upload;
+  struct OutgoingUpload;
   QXLogCenter();
 
-  void send(std::shared_ptr<const Upload> upload);
-  void uploadAnswered(std::shared_ptr<const Upload> upload,
+  void send(std::shared_ptr<const OutgoingUpload> upload);
+  void uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
                       const qxlog::platform::HttpResponse& response);
-  void uploadFailed(const Upload& upload);
+  void uploadFailed(const OutgoingUpload& upload, const std::string& reason);
   void settingsAnswered(const qxlog::platform::HttpResponse& response);
   void clearActionQueueLocked();
+  void reportBatch(BatchOutcome outcome, std::size_t records, const std::string& reason);
 
-  Array& actionQueueLocked();
-  Array& playQueueLocked();
+  // The at-least-once path: the oldest records go out and stay queued until
+  // confirmed.
+  void submitOldestBatch();
+  void oldestBatchAnswered(const qxlog::platform::HttpResponse& response);
+  void retryOldestBatch(const std::string& reason);
+  void oldestBatchSettled(BatchOutcome outcome, const std::string& reason);
+  void storeBounded(qxlog::PendingQueue& queue, Dictionary record);
+
+  qxlog::PendingQueue& actionQueueLocked();
+  qxlog::PendingQueue& playQueueLocked();
   Dictionary& startTimeTableLocked();
   std::size_t playCount();
   // Records in both queues together, the figure the batch size applies to.
@@ -100,15 +130,22 @@ class QXLogCenter {
   // Held while a queue is changed together with its file.
   mutable std::recursive_mutex lock_;
   std::unique_ptr<QXLogMessageFormat> format_;
-  std::optional<Array> playActionLog_;
-  std::optional<Array> actionLog_;
+  std::unique_ptr<qxlog::PendingQueue> playQueue_;
+  std::unique_ptr<qxlog::PendingQueue> actionQueue_;
   std::optional<Dictionary> currentPlayHeader_;
   std::optional<Dictionary> actionStartTime_;
-  // The files' XML per record; reset wherever a queue is replaced or cleared.
-  std::unique_ptr<qxlog::support::QueueXml> actionXml_;
-  std::unique_ptr<qxlog::support::QueueXml> playXml_;
-  // The action queue's records' JSON for the envelope; reset with actionXml_.
-  std::unique_ptr<qxlog::support::QueueJson> actionJson_;
+
+  std::atomic<Delivery> delivery_{Delivery::kDescribed};
+  std::atomic<std::size_t> queueLimit_{50000};
+  std::mutex handlerMutex_;
+  DeliveryHandler deliveryHandler_;
+  // The at-least-once batch, under lock_: whether one is out or waiting for
+  // its retry, how many of the oldest records it carries, and its failures.
+  bool batchOut_ = false;
+  std::size_t batchRecords_ = 0;
+  int batchFailures_ = 0;
+  int batchRefusals_ = 0;
+  std::minstd_rand jitter_{std::random_device{}()};
 
   std::atomic<bool> pushLogging_{false};
   std::atomic<bool> hasRepeatSendLog_{false};

@@ -1,9 +1,9 @@
 #include "QXLog/QXLogCenter.h"
 
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/QueueFileNames.h"
-#include "QXLog/support/QueueJson.h"
-#include "QXLog/support/QueueXml.h"
+#include "QXLog/platform/Dispatch.h"
 
 using qxlog::kActionQueueFile;
 using qxlog::kPlayQueueFile;
@@ -11,25 +11,21 @@ using qxlog::kStartTimeFile;
 
 QXLogCenter::QXLogCenter()
     : format_(std::make_unique<QXLogMessageFormat>()),
-      actionXml_(std::make_unique<qxlog::support::QueueXml>()),
-      playXml_(std::make_unique<qxlog::support::QueueXml>()),
-      actionJson_(std::make_unique<qxlog::support::QueueJson>()) {}
+      playQueue_(std::make_unique<qxlog::PendingQueue>(kPlayQueueFile, false)),
+      actionQueue_(std::make_unique<qxlog::PendingQueue>(kActionQueueFile, true)) {}
 
 QXLogCenter::~QXLogCenter() = default;
 
-// Each collection is read from its file on first use. A missing, empty,
-// damaged or wrong-typed file gives an empty collection.
-QXLogCenter::Array& QXLogCenter::actionQueueLocked() {
-  if (!actionLog_) actionLog_ = QXLogHelper::store(nullptr, kActionQueueFile).value_or(Array());
-  return *actionLog_;
+qxlog::PendingQueue& QXLogCenter::actionQueueLocked() {
+  return *actionQueue_;
 }
 
-QXLogCenter::Array& QXLogCenter::playQueueLocked() {
-  if (!playActionLog_) {
-    playActionLog_ = QXLogHelper::store(nullptr, kPlayQueueFile).value_or(Array());
-  }
-  return *playActionLog_;
+qxlog::PendingQueue& QXLogCenter::playQueueLocked() {
+  return *playQueue_;
 }
+
+// Each collection is read from its file on first use. A missing, empty,
+// damaged or wrong-typed file gives an empty collection.
 
 QXLogCenter::Dictionary& QXLogCenter::startTimeTableLocked() {
   if (!actionStartTime_) {
@@ -40,25 +36,22 @@ QXLogCenter::Dictionary& QXLogCenter::startTimeTableLocked() {
 
 QXLogCenter::Array QXLogCenter::playActionLog() {
   std::lock_guard lock(lock_);
-  return playQueueLocked();
+  return playQueueLocked().records();
 }
 
 void QXLogCenter::setPlayActionLog(Array queue) {
   std::lock_guard lock(lock_);
-  playActionLog_ = std::move(queue);
-  playXml_->invalidate();
+  playQueueLocked().replace(std::move(queue));
 }
 
 QXLogCenter::Array QXLogCenter::actionLog() {
   std::lock_guard lock(lock_);
-  return actionQueueLocked();
+  return actionQueueLocked().records();
 }
 
 void QXLogCenter::setActionLog(Array queue) {
   std::lock_guard lock(lock_);
-  actionLog_ = std::move(queue);
-  actionXml_->invalidate();
-  actionJson_->invalidate();
+  actionQueueLocked().replace(std::move(queue));
 }
 
 std::optional<QXLogCenter::Dictionary> QXLogCenter::currentPlayHeader() const {
@@ -89,4 +82,21 @@ std::size_t QXLogCenter::playCount() {
 std::size_t QXLogCenter::pendingCount() {
   std::lock_guard lock(lock_);
   return actionQueueLocked().size() + playQueueLocked().size();
+}
+
+void QXLogCenter::setDeliveryHandler(DeliveryHandler handler) {
+  std::lock_guard lock(handlerMutex_);
+  deliveryHandler_ = std::move(handler);
+}
+
+void QXLogCenter::reportBatch(BatchOutcome outcome, std::size_t records,
+                              const std::string& reason) {
+  DeliveryHandler handler;
+  {
+    std::lock_guard lock(handlerMutex_);
+    handler = deliveryHandler_;
+  }
+  if (!handler) return;
+  qxlog::platform::mainQueue()->async(
+      [handler, outcome, records, reason] { handler(outcome, records, reason); });
 }

@@ -1,10 +1,12 @@
 // Storing records, the count check that follows each store, and folding of
 // the play queue into the play header.
+#include <algorithm>
+#include <string>
+
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/center/QueueFileNames.h"
-#include "QXLog/support/QueueJson.h"
-#include "QXLog/support/QueueXml.h"
+#include "QXLog/center/PendingQueue.h"
+#include "QXLog/platform/Console.h"
 
 using qxlog::Value;
 
@@ -23,10 +25,7 @@ bool reachesBatchSize(std::size_t pending, int64_t limit) {
 void QXLogCenter::storeActionLog(Dictionary record) {
   {
     std::lock_guard lock(lock_);
-    Array& queue = actionQueueLocked();
-    queue.emplace_back(std::move(record));
-    qxlog::support::writeQueueFile(actionXml_->documentFor(queue), qxlog::kActionQueueFile);
-    actionJson_->textFor(queue);
+    storeBounded(actionQueueLocked(), std::move(record));
   }
   storeLog(Dictionary());
 }
@@ -34,18 +33,34 @@ void QXLogCenter::storeActionLog(Dictionary record) {
 void QXLogCenter::storePlayLog(Dictionary record) {
   {
     std::lock_guard lock(lock_);
-    Array& queue = playQueueLocked();
-    queue.emplace_back(std::move(record));
-    qxlog::support::writeQueueFile(playXml_->documentFor(queue), qxlog::kPlayQueueFile);
+    storeBounded(playQueueLocked(), std::move(record));
   }
   storeLog(Dictionary());
+}
+
+// At least once, a queue never outgrows its limit: the oldest records make
+// room, and an in-flight batch that carried them now carries fewer.
+void QXLogCenter::storeBounded(qxlog::PendingQueue& queue, Dictionary record) {
+  if (delivery() == Delivery::kAtLeastOnce) {
+    std::size_t dropped = queue.makeRoom(queueLimit());
+    if (dropped != 0) {
+      if (&queue == actionQueue_.get()) batchRecords_ -= std::min(dropped, batchRecords_);
+      qxlog::platform::consoleWrite("QXLog: queue limit reached, dropped " +
+                                    std::to_string(dropped) + " oldest records");
+      reportBatch(BatchOutcome::kDropped, dropped, "queue limit");
+    }
+  }
+  queue.append(std::move(record));
 }
 
 void QXLogCenter::storeLog(const Dictionary& /*record*/) {
   if (!reachesBatchSize(pendingCount(), format().limitLogCount())) return;
   // Pending play records are folded first; the store of the folded header runs
-  // this check again with an empty play queue, which then submits.
-  if (playCount() != 0) {
+  // this check again with an empty play queue, which then submits. At least
+  // once, play records still waiting for a header do not hold actions back.
+  bool folds = playCount() != 0;
+  if (folds && delivery() == Delivery::kAtLeastOnce) folds = currentPlayHeader().has_value();
+  if (folds) {
     makePlayLog();
   } else {
     conditionAndSubmitLog();
@@ -56,19 +71,18 @@ void QXLogCenter::makePlayLog() {
   Dictionary folded;
   {
     std::lock_guard lock(lock_);
-    Array& queue = playQueueLocked();
+    qxlog::PendingQueue& queue = playQueueLocked();
     if (queue.empty() || !currentPlayHeader_) return;
     folded = *currentPlayHeader_;
     Array actions;
     if (const Value* earlier = folded.find("p"); earlier && earlier->asArray()) {
       actions = *earlier->asArray();
     }
-    actions.insert(actions.end(), std::make_move_iterator(queue.begin()),
-                   std::make_move_iterator(queue.end()));
+    Array waiting = queue.take();
+    actions.insert(actions.end(), std::make_move_iterator(waiting.begin()),
+                   std::make_move_iterator(waiting.end()));
     folded.set("p", Value(std::move(actions)));
     queue.clear();
-    playXml_->invalidate();
-    QXLogHelper::removePlist(qxlog::kPlayQueueFile);
   }
   QXLogCenter::center().storeActionLog(std::move(folded));
 }

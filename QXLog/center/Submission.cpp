@@ -2,49 +2,30 @@
 // envelope, and what the answer does to the action queue.
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/center/OutgoingUpload.h"
+#include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/PushTimer.h"
-#include "QXLog/center/QueueFileNames.h"
 #include "QXLog/center/Upload.h"
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Text.h"
-#include "QXLog/support/QueueJson.h"
-#include "QXLog/support/QueueXml.h"
 
 namespace platform = qxlog::platform;
 
-namespace {
-
-// A backlog longer than this is discarded rather than sent.
-constexpr std::size_t kMaxBatchRecords = 500;
-
-}  // namespace
-
-// Everything an upload's completion needs: what was sent, where, and the
-// records to restore if the request fails.
-struct QXLogCenter::Upload {
-  Dictionary envelope;
-  NullableString url;  // resolved; nil when no URL was known
-  bool announceGzip = false;
-  bool diagnosis = false;
-  Array snapshot;
-};
-
 void QXLogCenter::clearActionQueueLocked() {
   actionQueueLocked().clear();
-  actionXml_->invalidate();
-  actionJson_->invalidate();
-  QXLogHelper::removePlist(qxlog::kActionQueueFile);
 }
 
 void QXLogCenter::submitAllLog() {
+  if (delivery() == Delivery::kAtLeastOnce) return submitOldestBatch();
   // The envelope, the snapshot and the clearing happen under one hold of the
   // lock, so that a record stored meanwhile is either sent or still queued.
   std::lock_guard lock(lock_);
   if (actionQueueLocked().empty() && playQueueLocked().empty()) return;
-  if (actionQueueLocked().size() <= kMaxBatchRecords) {
+  if (actionQueueLocked().size() <= qxlog::kMaxBatchRecords) {
     pushLog(combinationStatisticalLog(), std::string(), false);
   } else {
+    reportBatch(BatchOutcome::kDropped, actionQueueLocked().size(), "backlog over 500 records");
     clearActionQueueLocked();
   }
 }
@@ -53,11 +34,11 @@ QXLogCenter::Dictionary QXLogCenter::combinationStatisticalLog() {
   std::lock_guard lock(lock_);
   // The records' JSON is kept beside the queue: only records not yet seen are
   // serialised here.
-  return format().combinationLogOfJson(actionJson_->textFor(actionQueueLocked()));
+  return format().combinationLogOfJson(actionQueueLocked().json());
 }
 
 void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool diagnosis) {
-  auto upload = std::make_shared<Upload>();
+  auto upload = std::make_shared<OutgoingUpload>();
   {
     std::lock_guard lock(lock_);
     pushLogging_ = true;
@@ -65,18 +46,18 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
     if (envelope.empty()) return;
     // An ordinary batch leaves the queue when its request starts; a failure
     // restores it from the snapshot.
-    if (diagnosis) {
-      upload->snapshot = actionQueueLocked();
-    } else {
-      upload->snapshot = std::move(actionQueueLocked());
-      clearActionQueueLocked();
+    // At least once, the queue is only ever changed by confirmations.
+    if (delivery() == Delivery::kDescribed) {
+      if (diagnosis) {
+        upload->snapshot = actionQueueLocked().records();
+      } else {
+        upload->snapshot = actionQueueLocked().take();
+        upload->carriesQueue = true;
+        clearActionQueueLocked();
+      }
     }
   }
-  const qxlog::Value* text = envelope.find("log_data_str");
-  platform::consoleWrite("Ostra->LogContent:" +
-                         (text != nullptr ? platform::describe(*text) : std::string("(null)")));
-  envelope.erase("log_data_str");
-  upload->envelope = std::move(envelope);
+  upload->envelope = qxlog::traceEnvelopeText(std::move(envelope));
   upload->diagnosis = diagnosis;
   if (url && url->empty()) {
     upload->url = format().pushLogUrl();
@@ -87,7 +68,7 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
   send(std::move(upload));
 }
 
-void QXLogCenter::send(std::shared_ptr<const Upload> upload) {
+void QXLogCenter::send(std::shared_ptr<const OutgoingUpload> upload) {
   platform::HttpRequest request =
       qxlog::makeUploadRequest(upload->envelope, upload->url.value_or(""), upload->announceGzip);
   platform::globalQueue()->async([this, upload, request = std::move(request)] {
@@ -98,26 +79,44 @@ void QXLogCenter::send(std::shared_ptr<const Upload> upload) {
   });
 }
 
-void QXLogCenter::uploadAnswered(std::shared_ptr<const Upload> upload,
+void QXLogCenter::uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
                                  const platform::HttpResponse& response) {
+  if (upload->oldestBatch) return oldestBatchAnswered(response);
   std::optional<qxlog::Value> answer = qxlog::acceptedAnswer(response);
-  if (!answer) return uploadFailed(*upload);
+  if (!answer) return uploadFailed(*upload, qxlog::failureReason(response));
   pushLogging_ = false;
   hasRepeatSendLog_ = false;
   // Any code but "200" drops the batch: it left the queue when it was sent.
-  if (!qxlog::confirmsBatch(*answer)) return;
-  if (!upload->diagnosis) {
+  if (!qxlog::confirmsBatch(*answer)) {
+    if (upload->carriesQueue) {
+      reportBatch(BatchOutcome::kDropped, upload->snapshot.size(), qxlog::refusalReason(*answer));
+    }
+    return;
+  }
+  if (upload->carriesQueue) {
     std::lock_guard lock(lock_);
+    reportBatch(BatchOutcome::kConfirmed, upload->snapshot.size(), "");
+    // Records stored while the upload was out go with the confirmation.
+    if (!actionQueueLocked().empty()) {
+      reportBatch(BatchOutcome::kDropped, actionQueueLocked().size(),
+                  "stored while an upload was out, cleared by its confirmation");
+    }
     clearActionQueueLocked();
   }
   startTime(qxlog::pushIntervalSeconds(format().push_interval_time()));
 }
 
-void QXLogCenter::uploadFailed(const Upload& upload) {
+void QXLogCenter::uploadFailed(const OutgoingUpload& upload, const std::string& reason) {
   pushLogging_ = false;
   // One immediate repeat; further failures are dropped until some upload
   // completes at the HTTP level again.
-  if (hasRepeatSendLog_.exchange(true)) return;
-  setActionLog(upload.snapshot);
+  if (hasRepeatSendLog_.exchange(true)) {
+    if (upload.carriesQueue) {
+      reportBatch(BatchOutcome::kDropped, upload.snapshot.size(), "failed again: " + reason);
+    }
+    return;
+  }
+  if (upload.carriesQueue) reportBatch(BatchOutcome::kRetrying, upload.snapshot.size(), reason);
+  if (delivery() == Delivery::kDescribed) setActionLog(upload.snapshot);
   pushLog(upload.envelope, upload.url, upload.diagnosis);
 }

@@ -5,8 +5,10 @@
 #include <cctype>
 #include <string_view>
 
+#include "QXLog/platform/Console.h"
 #include "QXLog/platform/FormEncoding.h"
 #include "QXLog/platform/Json.h"
+#include "QXLog/platform/Text.h"
 
 namespace qxlog {
 namespace {
@@ -26,6 +28,14 @@ std::string mediaType(std::string_view contentType) {
 }
 
 }  // namespace
+
+Dictionary traceEnvelopeText(Dictionary envelope) {
+  const Value* text = envelope.find("log_data_str");
+  platform::consoleWrite("Ostra->LogContent:" +
+                         (text != nullptr ? platform::describe(*text) : std::string("(null)")));
+  envelope.erase("log_data_str");
+  return envelope;
+}
 
 platform::HttpRequest makeUploadRequest(const Dictionary& envelope, const std::string& url,
                                         bool announceGzip) {
@@ -55,6 +65,21 @@ bool confirmsBatch(const Value& answer) {
   if (fields == nullptr) return false;
   const Value* code = fields->find("operate_code");
   return code != nullptr && code->asString() != nullptr && *code->asString() == "200";
+}
+
+std::string failureReason(const platform::HttpResponse& response) {
+  if (!response.completed) return "no answer: " + response.error;
+  if (response.status < 200 || response.status > 299) {
+    return "status " + std::to_string(response.status);
+  }
+  return "answer not JSON of an accepted type";
+}
+
+std::string refusalReason(const Value& answer) {
+  const Dictionary* fields = answer.asDictionary();
+  const Value* code = fields != nullptr ? fields->find("operate_code") : nullptr;
+  if (code == nullptr) return "refused: no operate_code";
+  return "refused: operate_code " + platform::describe(*code);
 }
 
 }  // namespace qxlog

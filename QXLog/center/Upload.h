@@ -3,6 +3,7 @@
 #ifndef QXLOG_CENTER_UPLOAD_H_
 #define QXLOG_CENTER_UPLOAD_H_
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -10,6 +11,14 @@
 #include "QXLog/platform/Http.h"
 
 namespace qxlog {
+
+// The most records one upload carries. In the described delivery a longer
+// backlog is discarded rather than sent; at least once it goes out in batches.
+inline constexpr std::size_t kMaxBatchRecords = 500;
+
+// Writes the envelope's "log_data_str" to the console, as every upload does,
+// and returns the envelope without it: it is not posted.
+Dictionary traceEnvelopeText(Dictionary envelope);
 
 // The POST of an envelope's parameters to `url`. "Content-Encoding: gzip" is
 // announced when the caller named the URL itself (as the log server expects
@@ -23,6 +32,11 @@ std::optional<Value> acceptedAnswer(const platform::HttpResponse& response);
 
 // Whether the answer confirms the batch: "operate_code" is the string "200".
 bool confirmsBatch(const Value& answer);
+
+// One line on why an exchange brought no accepted answer, or why an accepted
+// answer refused the batch, for the console and the delivery handler.
+std::string failureReason(const platform::HttpResponse& response);
+std::string refusalReason(const Value& answer);
 
 }  // namespace qxlog
 

@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 
+#include "QXLog/platform/Json.h"
 #include "QXLog/platform/PropertyList.h"
 
 namespace qxlog::platform {
@@ -77,10 +78,39 @@ Value convert(plist_t node) {
   }
 }
 
+// Whether the XML's <array> and <dict> elements nest deeper than `limit`. The
+// parser and the conversion recurse once per level, so a file nested a
+// hundred thousand deep would overflow the stack; such a file is refused as
+// damaged before either runs. Tags are counted as text: comments or CDATA
+// holding tags can only make the count err on the side of refusing.
+bool nestsDeeperThan(std::string_view xml, int limit) {
+  int depth = 0;
+  for (std::size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at + 1)) {
+    std::string_view tag = xml.substr(at + 1, 7);
+    bool closing = !tag.empty() && tag[0] == '/';
+    if (closing) tag.remove_prefix(1);
+    bool container = tag.starts_with("array") || tag.starts_with("dict");
+    if (!container) continue;
+    std::size_t end = xml.find('>', at);
+    bool empty = end != std::string_view::npos && end > at && xml[end - 1] == '/';
+    if (closing) {
+      --depth;
+    } else if (!empty && ++depth > limit) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool isBinary(std::string_view bytes) {
+  return bytes.starts_with("bplist");
+}
+
 }  // namespace
 
 std::optional<Value> parsePropertyList(std::string_view bytes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+  if (!isBinary(bytes) && nestsDeeperThan(bytes, kMaxJsonDepth)) return std::nullopt;
   plist_t root = nullptr;
   plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
   if (root == nullptr) return std::nullopt;

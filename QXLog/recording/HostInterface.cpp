@@ -56,6 +56,27 @@ void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context), vo
       [handler, context](const std::string& line) { handler(line.c_str(), context); });
 }
 
+void QXLogSetDelivery(QXLogDelivery delivery) {
+  QXLogCenter::center().setDelivery(delivery == QXLogDeliveryAtLeastOnce
+                                        ? QXLogCenter::Delivery::kAtLeastOnce
+                                        : QXLogCenter::Delivery::kDescribed);
+}
+
+void QXLogSetQueueLimit(size_t limit) {
+  QXLogCenter::center().setQueueLimit(limit);
+}
+
+void QXLogSetDeliveryHandler(void (*handler)(QXLogBatchOutcome outcome, size_t records,
+                                             const char* reason, void* context),
+                             void* context) {
+  if (handler == nullptr) return QXLogCenter::center().setDeliveryHandler(nullptr);
+  QXLogCenter::center().setDeliveryHandler([handler, context](QXLogCenter::BatchOutcome outcome,
+                                                              std::size_t records,
+                                                              const std::string& reason) {
+    handler(static_cast<QXLogBatchOutcome>(outcome), records, reason.c_str(), context);
+  });
+}
+
 void QXLogMainQueueDrain(void) {
   qxlog::platform::defaultMainQueue().drain();
 }
