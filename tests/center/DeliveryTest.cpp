@@ -1,0 +1,222 @@
+// The two deliveries side by side against a real log server: what each keeps,
+// retries and drops, and what the delivery handler is told.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "QXLog/QXLog.h"
+#include "tests/support/UploadFixture.h"
+
+namespace qxlog::testing {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Outcome = QXLogCenter::BatchOutcome;
+
+constexpr const char* kActionFile = "UserStatisticalLog.plist";
+
+struct Report {
+  Outcome outcome;
+  std::size_t records;
+  std::string reason;
+};
+
+class DeliveryTest : public UploadTest {
+ protected:
+  void SetUp() override {
+    UploadTest::SetUp();
+    logEnvReady(true);
+    watchDeliveries();
+  }
+  void watchDeliveries() {
+    center().setDeliveryHandler(
+        [this](Outcome outcome, std::size_t records, const std::string& reason) {
+          reports_.push_back({outcome, records, reason});
+        });
+  }
+  void atLeastOnce() { center().setDelivery(QXLogCenter::Delivery::kAtLeastOnce); }
+  std::vector<std::string> allSentItems() const {
+    std::vector<std::string> all;
+    for (std::size_t i = 0; i < server_->requestCount(); ++i) {
+      for (const std::string& item : sentItems(i)) all.push_back(item);
+    }
+    return all;
+  }
+  std::string outcomes() const {
+    std::string text;
+    for (const Report& report : reports_) {
+      text += "CRD"[static_cast<int>(report.outcome)] + std::to_string(report.records) + " ";
+    }
+    return text;
+  }
+  std::vector<std::string> queuedOnDisk() const {
+    return items(readQueueFile(kActionFile).value_or(Array()));
+  }
+
+  std::vector<Report> reports_;
+};
+
+TEST_F(DeliveryTest, RecordsStoredWhileAnUploadIsOutAreLostDescribedAndKeptAtLeastOnce) {
+  format().setLimitLogCount(2);
+  recordActionLog("a", "");
+  recordActionLog("b", "");  // their upload is out until the test settles
+  recordActionLog("c", "");
+  settle();
+  EXPECT_EQ(allSentItems(), (std::vector<std::string>{"a", "b"}));
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_EQ(outcomes(), "C2 D1 ");
+
+  atLeastOnce();
+  recordActionLog("d", "");
+  recordActionLog("e", "");
+  // Until it is confirmed the batch stays queued, in memory and on disk.
+  EXPECT_EQ(queuedOnDisk(), (std::vector<std::string>{"d", "e"}));
+  recordActionLog("f", "");
+  settle();
+  EXPECT_EQ(allSentItems(), (std::vector<std::string>{"a", "b", "d", "e"}));
+  EXPECT_EQ(queuedOnDisk(), std::vector<std::string>{"f"});
+  EXPECT_EQ(outcomes(), "C2 D1 C2 ");
+}
+
+TEST_F(DeliveryTest, TransportFailuresAreRetriedWithGrowingWaitsUntilConfirmed) {
+  atLeastOnce();
+  server_->script({503, "text/plain", "busy"});
+  server_->script({200, "text/plain", "not json"});
+  server_->script({200, "application/json", "{"});
+  recordActionLog("kept", "");
+  settle();
+  ASSERT_EQ(server_->requestCount(), 1u);
+  EXPECT_EQ(queuedOnDisk(), std::vector<std::string>{"kept"});
+  recordActionLog("later", "");  // waits behind the batch that is out
+
+  // Waits are drawn from [1/2, 1] of 1 s, 2 s, 4 s.
+  dispatcher_->advance(milliseconds(499));
+  EXPECT_EQ(server_->requestCount(), 1u);
+  dispatcher_->advance(milliseconds(501));
+  EXPECT_EQ(server_->requestCount(), 2u);
+  dispatcher_->advance(milliseconds(999));
+  EXPECT_EQ(server_->requestCount(), 2u);
+  dispatcher_->advance(milliseconds(1001));
+  EXPECT_EQ(server_->requestCount(), 3u);
+  dispatcher_->advance(seconds(4));
+  ASSERT_EQ(server_->requestCount(), 4u);
+  EXPECT_EQ(sentItems(3), (std::vector<std::string>{"kept", "later"}));
+  EXPECT_TRUE(center().actionLog().empty());
+  // Each retry carries the oldest records queued by then.
+  EXPECT_EQ(outcomes(), "R1 R2 R2 C2 ");
+  EXPECT_EQ(reports_[0].reason, "status 503");
+}
+
+TEST_F(DeliveryTest, ARefusedBatchIsTriedThreeTimesThenDroppedAlone) {
+  atLeastOnce();
+  for (int i = 0; i < 3; ++i) server_->script(ScriptedAnswer::json(R"({"operate_code":"500"})"));
+  recordActionLog("refused", "");
+  dispatcher_->advance(seconds(10));
+  EXPECT_EQ(server_->requestCount(), 3u);
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_EQ(outcomes(), "R1 R1 D1 ");
+  EXPECT_EQ(reports_[2].reason, "refused: operate_code 500");
+  EXPECT_EQ(console_->countStartingWith("QXLog: dropped a batch of 1 records after 3 refusals"),
+            1u);
+
+  recordActionLog("next", "");
+  settle();
+  EXPECT_EQ(sentItems(3), std::vector<std::string>{"next"});
+}
+
+TEST_F(DeliveryTest, ABacklogGoesOutOldestFirstInBatchesOfFiveHundred) {
+  format().setLimitLogCount(100000);
+  for (int i = 0; i < 1200; ++i) recordActionLog(std::to_string(i).c_str(), "");
+  restart();  // a long offline period: the backlog is on disk
+  format().setPushLogUrl(server_->url("/log"));
+  format().setLogEncryptionKey(kTestKey);
+  format().setPush_interval_time(Value("60000"));
+  watchDeliveries();
+  atLeastOnce();
+  recordActionLog("1200", "");
+  settle();
+  ASSERT_EQ(server_->requestCount(), 3u);
+  EXPECT_EQ(records(0).size(), 500u);
+  EXPECT_EQ(records(2).size(), 201u);
+  std::vector<std::string> sent = allSentItems();
+  ASSERT_EQ(sent.size(), 1201u);
+  for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(sent[i], std::to_string(i));
+  EXPECT_EQ(outcomes(), "C500 C500 C201 ");
+}
+
+TEST_F(DeliveryTest, WhatWasQueuedDuringAnOutageArrivesAfterARestart) {
+  atLeastOnce();
+  format().setPushLogUrl(refusedUrl("/log"));
+  recordActionLog("one", "");
+  recordActionLog("two", "");
+  settle();
+  restart();
+  atLeastOnce();
+  format().setPushLogUrl(server_->url("/log"));
+  format().setLogEncryptionKey(kTestKey);
+  format().setPush_interval_time(Value("60000"));
+  recordActionLog("three", "");
+  settle();
+  EXPECT_EQ(allSentItems(), (std::vector<std::string>{"one", "two", "three"}));
+}
+
+TEST_F(DeliveryTest, PlayRecordsWithoutAHeaderDoNotHoldActionsBackAtLeastOnce) {
+  atLeastOnce();
+  recordPlayActionLog("4", "1", "0", "1", "0", "10", "0");
+  recordActionLog("sent", "");
+  settle();
+  EXPECT_EQ(allSentItems(), std::vector<std::string>{"sent"});
+  EXPECT_EQ(center().playActionLog().size(), 1u);  // still waiting for a play
+}
+
+TEST_F(DeliveryTest, TheQueueLimitDropsTheOldestAndCountsThem) {
+  atLeastOnce();
+  QXLogSetQueueLimit(3);
+  format().setPushLogUrl(refusedUrl("/log"));
+  format().setLimitLogCount(100000);
+  for (int i = 0; i < 5; ++i) recordActionLog(std::to_string(i).c_str(), "");
+  settle();
+  EXPECT_EQ(queuedOnDisk(), (std::vector<std::string>{"2", "3", "4"}));
+  EXPECT_EQ(outcomes(), "D1 D1 ");
+  EXPECT_EQ(reports_[0].reason, "queue limit");
+  EXPECT_EQ(console_->countStartingWith("QXLog: queue limit reached"), 2u);
+}
+
+// The C handler sees the same reports as the C++ one.
+std::vector<std::string> g_cReports;
+void onBatch(QXLogBatchOutcome outcome, size_t records, const char* reason, void* context) {
+  *static_cast<int*>(context) += 1;
+  g_cReports.push_back(std::to_string(outcome) + ":" + std::to_string(records) + ":" + reason);
+}
+
+TEST_F(DeliveryTest, TheCHandlerIsCalledOnTheMainQueueWithEachOutcome) {
+  int calls = 0;
+  QXLogSetDeliveryHandler(onBatch, &calls);
+  QXLogSetDelivery(QXLogDeliveryAtLeastOnce);
+  server_->script({500, "application/json", "{}"});
+  recordActionLog("x", "");
+  EXPECT_EQ(calls, 0);  // nothing before the main queue runs
+  dispatcher_->advance(seconds(2));
+  EXPECT_EQ(g_cReports, (std::vector<std::string>{"1:1:status 500", "0:1:"}));
+  QXLogSetDeliveryHandler(nullptr, nullptr);
+  recordActionLog("y", "");
+  settle();
+  EXPECT_EQ(calls, 2);
+}
+
+TEST_F(DeliveryTest, AQueueFileNestedTooDeepReadsAsEmpty) {
+  {
+    std::ofstream file(documentsPath(kActionFile));
+    file << "<?xml version=\"1.0\"?><plist version=\"1.0\">";
+    for (int i = 0; i < 100000; ++i) file << "<array>";
+    for (int i = 0; i < 100000; ++i) file << "</array>";
+    file << "</plist>";
+  }
+  restart();
+  EXPECT_TRUE(center().actionLog().empty());
+}
+
+}  // namespace
+}  // namespace qxlog::testing
