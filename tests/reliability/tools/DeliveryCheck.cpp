@@ -1,0 +1,239 @@
+// The delivery check: host processes report numbered actions to a real
+// qxlog-collector on 127.0.0.1 with a batch size of 20, while nothing goes
+// wrong, while the collector is killed and restarted, and while the host is
+// killed and restarted over the same Documents directory. For each delivery
+// mode it counts what the hosts reported (reports that had returned), what
+// the collector stored, what was lost and what arrived more than once.
+//
+//   qxlog_delivery_check COLLECTOR HOST [RECORDS]
+// Exits 1 when the at-least-once mode lost a record.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+constexpr const char* kKey = "0123456789abcdef";
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+bool accepts(int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  ::close(fd);
+  return connected;
+}
+
+// Starts `argv` with standard output on a pipe (when `output` is given) and
+// standard error discarded.
+pid_t spawn(const std::vector<std::string>& argv, int* output) {
+  int pipeEnds[2] = {-1, -1};
+  if (output != nullptr && ::pipe(pipeEnds) != 0) return -1;
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, STDERR_FILENO);
+    ::dup2(output != nullptr ? pipeEnds[1] : null, STDOUT_FILENO);
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  if (output != nullptr) {
+    ::close(pipeEnds[1]);
+    *output = pipeEnds[0];
+  }
+  return pid;
+}
+
+void stop(pid_t pid, int signal) {
+  ::kill(pid, signal);
+  ::waitpid(pid, nullptr, 0);
+}
+
+class Collector {
+ public:
+  Collector(std::string program, fs::path database)
+      : program_(std::move(program)), database_(std::move(database)), port_(freePort()) {}
+  ~Collector() { kill(); }
+  void start() {
+    pid_ = spawn({program_, "--listen", "127.0.0.1:" + std::to_string(port_), "--key", kKey, "--db",
+                  database_.string(), "--push-interval-time", "1000", "--push-interval-number",
+                  "20", "--quiet"},
+                 nullptr);
+    for (int i = 0; i < 500 && !accepts(port_); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  void kill() {
+    if (pid_ > 0) stop(pid_, SIGKILL);
+    pid_ = -1;
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  std::string program_;
+  fs::path database_;
+  int port_;
+  pid_t pid_ = -1;
+};
+
+// One host run: reports `count` numbers from `first`; `onAck` is told each
+// acknowledged number and may end the run early by returning false (the host
+// is then killed with SIGKILL).
+template <typename OnAck>
+void runHost(const std::string& host, const fs::path& documents, const std::string& server,
+             const std::string& mode, uint64_t first, uint64_t count, OnAck onAck) {
+  int output = -1;
+  pid_t pid = spawn(
+      {host, documents.string(), server, kKey, mode, std::to_string(first), std::to_string(count)},
+      &output);
+  uint64_t number = 0;
+  bool killed = false;
+  while (::read(output, &number, sizeof number) == static_cast<ssize_t>(sizeof number)) {
+    if (!onAck(number)) {
+      stop(pid, SIGKILL);
+      killed = true;
+      break;
+    }
+  }
+  ::close(output);
+  if (!killed) ::waitpid(pid, nullptr, 0);
+}
+
+struct Counts {
+  std::size_t reported = 0, delivered = 0, lost = 0, duplicated = 0;
+};
+
+// The action names the collector stored, each with how often.
+std::map<uint64_t, std::size_t> stored(const fs::path& database) {
+  std::map<uint64_t, std::size_t> names;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* query = nullptr;
+    sqlite3_prepare_v2(db, "SELECT json_extract(body, '$.a_1') FROM records WHERE type = '2'", -1,
+                       &query, nullptr);
+    while (query != nullptr && sqlite3_step(query) == SQLITE_ROW) {
+      const unsigned char* text = sqlite3_column_text(query, 0);
+      if (text != nullptr) ++names[std::strtoull(reinterpret_cast<const char*>(text), nullptr, 10)];
+    }
+    sqlite3_finalize(query);
+  }
+  sqlite3_close(db);
+  return names;
+}
+
+Counts count(const std::set<uint64_t>& reported, const fs::path& database) {
+  Counts counts;
+  counts.reported = reported.size();
+  for (const auto& [number, times] : stored(database)) {
+    if (reported.count(number) != 0) ++counts.delivered;
+    counts.duplicated += times - 1;
+  }
+  counts.lost = counts.reported - counts.delivered;
+  return counts;
+}
+
+struct Scenario {
+  const char* name;
+  int collectorKills;
+  int hostKills;
+};
+
+Counts runScenario(const Scenario& scenario, const std::string& mode, const std::string& collector,
+                   const std::string& host, uint64_t records, const fs::path& work) {
+  fs::path documents = work / "Documents";
+  fs::create_directories(documents);
+  Collector server(collector, work / "collector.db");
+  server.start();
+  std::set<uint64_t> reported;
+  uint64_t collectorKillEvery = records / (scenario.collectorKills + 1);
+  uint64_t hostKillEvery = records / (scenario.hostKills + 1);
+  int hostKills = 0;
+  // Each host run numbers its reports from its own base, so that a report
+  // whose acknowledgement the kill cut off is never reported again.
+  for (uint64_t run = 0;; ++run) {
+    uint64_t base = (run + 1) * 1000000000ULL;
+    bool killedHost = false;
+    runHost(host, documents, server.url(), mode, base, records - reported.size(), [&](uint64_t n) {
+      reported.insert(n);
+      if (scenario.collectorKills > 0 && reported.size() % collectorKillEvery == 0 &&
+          reported.size() < records) {
+        server.kill();
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        server.start();
+      }
+      if (hostKills < scenario.hostKills && reported.size() >= (hostKills + 1) * hostKillEvery) {
+        ++hostKills;
+        killedHost = true;
+        return false;
+      }
+      return true;
+    });
+    if (!killedHost) break;
+  }
+  server.kill();
+  return count(reported, work / "collector.db");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) {
+    std::fprintf(stderr, "usage: qxlog_delivery_check COLLECTOR HOST [RECORDS]\n");
+    return 2;
+  }
+  uint64_t records = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 20000;
+  const Scenario scenarios[] = {{"nothing goes wrong", 0, 0},
+                                {"collector killed 3 times", 3, 0},
+                                {"host killed 10 times", 0, 10}};
+  fs::path root = fs::temp_directory_path() / ("qxlog-delivery-" + std::to_string(::getpid()));
+  int status = 0;
+  std::printf("%-14s %-26s %9s %9s %6s %10s\n", "mode", "scenario", "reported", "delivered", "lost",
+              "duplicated");
+  for (const char* mode : {"described", "at-least-once"}) {
+    for (const Scenario& scenario : scenarios) {
+      fs::path work = root / (std::string(mode) + "-" + std::to_string(&scenario - scenarios));
+      Counts c = runScenario(scenario, mode, argv[1], argv[2], records, work);
+      std::printf("%-14s %-26s %9zu %9zu %6zu %10zu\n", mode, scenario.name, c.reported,
+                  c.delivered, c.lost, c.duplicated);
+      std::fflush(stdout);
+      if (std::string(mode) == "at-least-once" && (c.lost != 0 || c.reported < records)) status = 1;
+    }
+  }
+  std::error_code ignored;
+  fs::remove_all(root, ignored);
+  return status;
+}

@@ -1,0 +1,81 @@
+// A host process for the delivery check. It asks the log server for its
+// settings, reports COUNT numbered actions ("FIRST", "FIRST+1", ...) as fast
+// as it can while serving the main queue between reports, as an application's
+// event loop would, and writes each report's number, as 8 bytes, to standard
+// output once the report has returned. Then it serves the main queue until the
+// action queue is empty and the last answers are in, and exits.
+//
+//   qxlog_delivery_host DOCUMENTS_DIR SERVER_URL KEY described|at-least-once FIRST COUNT
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "QXLog/QXLog.h"
+#include "QXLog/QXLogCenter.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void ignoreConsole(const char*, void*) {}
+
+bool acknowledge(uint64_t number) {
+  const char* bytes = reinterpret_cast<const char*>(&number);
+  std::size_t left = sizeof number;
+  while (left > 0) {
+    ssize_t written = ::write(STDOUT_FILENO, bytes, left);
+    if (written <= 0) return false;
+    bytes += written;
+    left -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+// Serves the main queue for `span`, or until `done` holds.
+template <typename Done>
+void serveMainQueue(std::chrono::milliseconds span, Done done) {
+  for (auto end = Clock::now() + span; Clock::now() < end && !done();) {
+    QXLogMainQueueDrain();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
+void configure(const std::string& server, const char* key, bool atLeastOnce) {
+  QXLogSetDelivery(atLeastOnce ? QXLogDeliveryAtLeastOnce : QXLogDeliveryDescribed);
+  QXLogFormatSetString("uid", "delivery");
+  QXLogFormatSetString("idfa", "delivery-host");
+  QXLogFormatSetString("logEncryptionKey", key);
+  QXLogFormatSetString("pushUrl", (server + "/settings").c_str());
+  QXLogFormatSetString("pushLogUrl", (server + "/log").c_str());
+  QXLogFormatSetString("pushDiagnosisUrl", (server + "/diagnosis").c_str());
+  QXLogCenterGetLogServerInfo();
+  // Reports wait for the batch size; a collector that is down answers later.
+  QXLogMessageFormat& format = QXLogCenter::center().format();
+  serveMainQueue(std::chrono::seconds(5), [&] { return format.limitLogCount() > 1; });
+  logEnvReady(true);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 7) return 2;
+  QXLogSetDocumentsDirectory(argv[1]);
+  QXLogSetConsoleHandler(ignoreConsole, nullptr);
+  configure(argv[2], argv[3], std::string(argv[4]) == "at-least-once");
+  uint64_t first = std::strtoull(argv[5], nullptr, 10);
+  uint64_t count = std::strtoull(argv[6], nullptr, 10);
+  for (uint64_t number = first; number < first + count; ++number) {
+    recordActionLog(std::to_string(number).c_str(), "1");
+    if (!acknowledge(number)) return 1;
+    QXLogMainQueueDrain();
+  }
+  QXLogCenter& center = QXLogCenter::center();
+  serveMainQueue(std::chrono::seconds(60), [&] { return center.actionLog().empty(); });
+  // The last upload's answer, and the push timer's submission of what is left.
+  serveMainQueue(std::chrono::milliseconds(2500), [] { return false; });
+  return 0;
+}
