@@ -13,6 +13,7 @@
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Documents.h"
+#include "QXLog/platform/DurableFlush.h"
 #include "QXLog/platform/Files.h"
 #include "QXLog/platform/Json.h"
 #include "QXLog/platform/PropertyList.h"
@@ -129,6 +130,9 @@ void LibraryTest::SetUp() {
   platform::setClock(clock_);
   platform::setMainQueue(dispatcher_->mainQueue());
   platform::setGlobalQueue(dispatcher_->globalQueue());
+  // Flushes to the disk would be tasks of their own on the timeline; the
+  // tests of the flush turn it on.
+  platform::DurableFlush::instance().setEnabled(false);
   platform::setConsoleSink([console = console_](const std::string& line) { console->add(line); });
   platform::setDocumentsDirectory(documents_);
   recording::setEnvironmentReady(false);
@@ -139,6 +143,8 @@ void LibraryTest::TearDown() {
   recording::setEnvironmentReady(false);
   platform::setMainQueue(nullptr);
   platform::setGlobalQueue(nullptr);
+  platform::DurableFlush::instance().setExecutor(nullptr);
+  platform::DurableFlush::instance().setEnabled(true);
   platform::setConsoleSink(nullptr);
   platform::setClock(nullptr);
   platform::setDocumentsDirectory("");
