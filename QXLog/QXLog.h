@@ -82,7 +82,7 @@ QXLOG_EXPORT void QXLogDictionaryRelease(QXLogDictionary* dictionary);
 QXLOG_EXPORT void QXLogFree(void* pointer);
 
 /* Any string property of the format object by its name ("uid", "pushLogUrl",
- * ...); unknown names are ignored. */
+ * ...); unknown names are ignored, with one console line per unknown name. */
 QXLOG_EXPORT void QXLogFormatSetString(const char* property, const char* value);
 /* A copy of the property's text; NULL when nil or unknown. Release with QXLogFree. */
 QXLOG_EXPORT char* QXLogFormatCopyString(const char* property);
@@ -96,7 +96,8 @@ QXLOG_EXPORT void QXLogCenterSaveActionStartTime(const char* key);
 
 /* Where the queue files live; call before the first report. */
 QXLOG_EXPORT void QXLogSetDocumentsDirectory(const char* path);
-/* Receives every console line instead of stderr; NULL restores stderr. */
+/* Receives every console line instead of stderr; NULL restores the default:
+ * stderr, or what $QXLOG_CONSOLE says ("stderr", "syslog" or "off"). */
 QXLOG_EXPORT void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context),
                                          void* context);
 
@@ -135,6 +136,19 @@ QXLOG_EXPORT void QXLogMainQueueDrain(void);
 /* Serves the main queue on the calling thread until QXLogMainQueueStop. */
 QXLOG_EXPORT void QXLogMainQueueRun(void);
 QXLOG_EXPORT void QXLogMainQueueStop(void);
+/* For hosts with an event loop (GLib, Qt, libuv, epoll): a descriptor owned by
+ * the library (close-on-exec; do not close it) that becomes readable exactly
+ * when a main-queue task is due. Watch it for input and call
+ * QXLogMainQueueDrain when it fires; the drain re-arms it. -1 on failure. */
+QXLOG_EXPORT int QXLogMainQueueFileDescriptor(void);
+/* For hosts that schedule the tasks themselves: from now on every main-queue
+ * task is handed to `post`, which must call task(task_context) once, on the
+ * host's main thread, no earlier than delay_ns nanoseconds later. Set before
+ * the first report; NULL restores the built-in queue. */
+QXLOG_EXPORT void QXLogSetMainQueueExecutor(void (*post)(void (*task)(void* task_context),
+                                                         void* task_context, uint64_t delay_ns,
+                                                         void* context),
+                                            void* context);
 
 #ifdef __cplusplus
 }

@@ -1,11 +1,13 @@
 #include "QXLog/platform/Console.h"
 
 #include <sys/syscall.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #include "QXLog/platform/Clock.h"
@@ -35,15 +37,31 @@ void writeToStderr(const std::string& line) {
   std::fwrite(out.data(), 1, out.size(), stderr);
 }
 
+void writeToSyslog(const std::string& line) {
+  ::syslog(LOG_INFO, "%s", line.c_str());
+}
+
 }  // namespace
 
+ConsoleDestination consoleDestinationFromEnvironment(const char* setting) {
+  std::string_view value = setting != nullptr ? setting : "";
+  if (value == "off") return ConsoleDestination::kOff;
+  if (value == "syslog") return ConsoleDestination::kSyslog;
+  return ConsoleDestination::kStderr;
+}
+
 void consoleWrite(std::string_view line) {
+  // Read once: where the lines go is the process's choice, made at start.
+  static const ConsoleDestination destination =
+      consoleDestinationFromEnvironment(std::getenv("QXLOG_CONSOLE"));
   std::string text(line);
   std::lock_guard lock(g_mutex);
   if (installedSink()) {
     installedSink()(text);
-  } else {
+  } else if (destination == ConsoleDestination::kStderr) {
     writeToStderr(text);
+  } else if (destination == ConsoleDestination::kSyslog) {
+    writeToSyslog(text);
   }
 }
 

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "QXLog/platform/Executor.h"
+#include "QXLog/QXLogExecutor.h"
 #include "QXLog/platform/MainQueue.h"
 
 namespace qxlog::platform {

@@ -32,18 +32,21 @@ bool writeAll(int fd, std::string_view bytes) {
 
 std::atomic<bool> g_exchangeEnabled{true};
 
-// Puts the new file in place. Exchanging the two names and unlinking the old
-// file is as atomic as a rename for readers and for a process killed at any
-// moment, and spares the writer the flush that ext4 starts when a rename
-// replaces a file. Where there is nothing to exchange, or the kernel or the
-// file system refuses the flag, a plain rename does it.
+// Puts the new file in place. Exchanging the two names is as atomic as a
+// rename for readers and for a process killed at any moment, and spares the
+// writer the flush that ext4 starts when a rename replaces a file; the
+// temporary's name then holds the old contents, unlinked later off this
+// thread. Where there is nothing to exchange, or the kernel or the file system
+// refuses the flag, a plain rename does it.
 bool putInPlace(const char* temporary, const char* path) {
   if (g_exchangeEnabled.load(std::memory_order_relaxed) &&
       ::renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_EXCHANGE) == 0) {
-    ::unlink(temporary);  // now the old contents
+    DurableFlush::instance().written(path, temporary);
     return true;
   }
-  return ::rename(temporary, path) == 0;
+  if (::rename(temporary, path) != 0) return false;
+  DurableFlush::instance().written(path);
+  return true;
 }
 
 }  // namespace
@@ -72,10 +75,7 @@ bool writeFileAtomically(const std::string& path, std::string_view contents) {
   if (fd < 0) return false;
   bool ok = ::fchmod(fd, 0644) == 0 && writeAll(fd, contents);
   ok = (::close(fd) == 0) && ok;
-  if (ok && putInPlace(temporary.data(), path.c_str())) {
-    DurableFlush::instance().written(path);
-    return true;
-  }
+  if (ok && putInPlace(temporary.data(), path.c_str())) return true;
   ::unlink(temporary.data());
   return false;
 }

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "QXLog/platform/Executor.h"
+#include "QXLog/QXLogExecutor.h"
 #include "QXLog/platform/TaskSchedule.h"
 
 namespace qxlog::platform {

@@ -7,7 +7,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "QXLog/platform/Executor.h"
+#include "QXLog/QXLogExecutor.h"
 #include "QXLog/platform/TaskSchedule.h"
 
 namespace qxlog::platform {
@@ -21,9 +21,21 @@ class MainQueue final : public Executor {
   void run();
   void stop();
   std::size_t pending() const;
+  // A descriptor (a timerfd, close-on-exec, owned by the queue) that is
+  // readable exactly when a task is due: at once for an immediate task, at its
+  // time for a delayed one. drain() re-arms it. -1 if none could be made.
+  int fileDescriptor();
+  ~MainQueue() override;
 
  private:
+  // Arms the descriptor for the earliest task, or disarms it when there is
+  // none. Called with mutex_ held.
+  void armLocked();
+
   mutable std::mutex mutex_;
+  int timer_ = -1;
+  bool armed_ = false;
+  int64_t armedDue_ = 0;
   std::condition_variable wake_;
   TaskSchedule schedule_;
   bool stopRequested_ = false;

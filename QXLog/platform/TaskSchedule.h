@@ -8,7 +8,7 @@
 #include <queue>
 #include <vector>
 
-#include "QXLog/platform/Executor.h"
+#include "QXLog/QXLogExecutor.h"
 
 namespace qxlog::platform {
 

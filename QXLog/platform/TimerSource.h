@@ -8,7 +8,7 @@
 #include <functional>
 #include <memory>
 
-#include "QXLog/platform/Executor.h"
+#include "QXLog/QXLogExecutor.h"
 
 namespace qxlog::platform {
 

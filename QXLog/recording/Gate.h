@@ -6,7 +6,7 @@
 
 #include <chrono>
 
-#include "QXLog/platform/Executor.h"
+#include "QXLog/QXLogExecutor.h"
 
 namespace qxlog::recording {
 

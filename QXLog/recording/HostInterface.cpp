@@ -6,7 +6,9 @@
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Documents.h"
+#include "QXLog/recording/HostExecutor.h"
 #include "QXLog/recording/HostStrings.h"
+#include "QXLog/recording/UnknownProperties.h"
 
 using qxlog::recording::fromHost;
 using qxlog::recording::toHost;
@@ -17,7 +19,9 @@ void QXLogFree(void* pointer) {
 
 void QXLogFormatSetString(const char* property, const char* value) {
   if (property == nullptr) return;
-  QXLogCenter::center().format().setStringProperty(property, fromHost(value));
+  if (!QXLogCenter::center().format().setStringProperty(property, fromHost(value))) {
+    qxlog::recording::traceUnknownProperty(property);
+  }
 }
 
 char* QXLogFormatCopyString(const char* property) {
@@ -85,4 +89,14 @@ void QXLogMainQueueRun(void) {
 }
 void QXLogMainQueueStop(void) {
   qxlog::platform::defaultMainQueue().stop();
+}
+int QXLogMainQueueFileDescriptor(void) {
+  return qxlog::platform::defaultMainQueue().fileDescriptor();
+}
+
+void QXLogSetMainQueueExecutor(void (*post)(void (*task)(void* task_context), void* task_context,
+                                            uint64_t delay_ns, void* context),
+                               void* context) {
+  qxlog::platform::setMainQueue(
+      post != nullptr ? std::make_shared<qxlog::recording::HostExecutor>(post, context) : nullptr);
 }

@@ -15,7 +15,7 @@
 
 #include "QXLog/QXLogValue.h"
 #include "QXLog/platform/Clock.h"
-#include "QXLog/platform/Executor.h"
+#include "QXLog/QXLogExecutor.h"
 #include "QXLog/platform/TaskSchedule.h"
 
 namespace qxlog::testing {
