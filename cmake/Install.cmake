@@ -31,5 +31,8 @@ file(RELATIVE_PATH QXLOG_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
   ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" QXLOG_PC_TO_PREFIX "${QXLOG_PC_TO_PREFIX}")
 configure_file(cmake/qxlog.pc.in ${PROJECT_BINARY_DIR}/qxlog.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/qxlog.pc
+# The static library has a file of its own: `pkg-config --libs
+# qxlog-static` gives everything a C program needs to link it.
+configure_file(cmake/qxlog-static.pc.in ${PROJECT_BINARY_DIR}/qxlog-static.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qxlog.pc ${PROJECT_BINARY_DIR}/qxlog-static.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)

@@ -6,5 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog-demo qxlog-collector qxlog-decode
+# Everything `cmake --install build` installs: the libraries and the tools.
+cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog qxlog_static qxlog-demo \
+  qxlog-collector qxlog-decode
 build/examples/qxlog-demo "$@"

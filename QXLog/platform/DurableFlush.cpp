@@ -34,15 +34,10 @@ DurableFlush& DurableFlush::instance() {
   return *flush;
 }
 
-void DurableFlush::written(const std::string& path, const std::string& oldContents) {
-  std::unique_lock lock(mutex_);
-  if (!enabled_) {
-    lock.unlock();
-    if (!oldContents.empty()) ::unlink(oldContents.c_str());
-    return;
-  }
+void DurableFlush::written(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  if (!enabled_) return;
   dirty_.insert(path);
-  if (!oldContents.empty()) unlinks_.insert(oldContents);
   if (inFlight_) return;
   inFlight_ = true;
   executor()->post([this] { flushUntilClean(); }, kGathering);
@@ -69,17 +64,15 @@ std::shared_ptr<Executor> DurableFlush::executor() const {
 
 void DurableFlush::flushUntilClean() {
   for (;;) {
-    std::set<std::string> files, unlinks;
+    std::set<std::string> files;
     {
       std::lock_guard lock(mutex_);
-      if (dirty_.empty() && unlinks_.empty()) {
+      if (dirty_.empty()) {
         inFlight_ = false;
         return;
       }
       files.swap(dirty_);
-      unlinks.swap(unlinks_);
     }
-    for (const std::string& old : unlinks) ::unlink(old.c_str());
     std::set<std::string> directories;
     for (const std::string& file : files) {
       flushPath(file, false);

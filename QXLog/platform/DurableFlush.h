@@ -23,11 +23,8 @@ class DurableFlush {
 
   static DurableFlush& instance();
 
-  // Called after `path` was replaced. `oldContents`, when given, names the
-  // file that holds what `path` held before: it is unlinked off the caller's
-  // thread too (at once when flushing is off). A process that dies first
-  // leaves it as a stale temporary, which the next load of `path` clears.
-  void written(const std::string& path, const std::string& oldContents = "");
+  // Called after `path` was replaced.
+  void written(const std::string& path);
   // Where flushes run; nullptr returns to the global queue.
   void setExecutor(std::shared_ptr<Executor> executor);
   // Off, replaces are not flushed (tests that count scheduled tasks).
@@ -42,7 +39,6 @@ class DurableFlush {
   mutable std::mutex mutex_;
   std::shared_ptr<Executor> executor_;
   std::set<std::string> dirty_;
-  std::set<std::string> unlinks_;
   bool inFlight_ = false;
   bool enabled_ = true;
   int rounds_ = 0;

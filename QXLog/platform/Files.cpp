@@ -32,19 +32,20 @@ bool writeAll(int fd, std::string_view bytes) {
 
 std::atomic<bool> g_exchangeEnabled{true};
 
-// Puts the new file in place. Exchanging the two names is as atomic as a
-// rename for readers and for a process killed at any moment, and spares the
-// writer the flush that ext4 starts when a rename replaces a file; the
-// temporary's name then holds the old contents, unlinked later off this
-// thread. Where there is nothing to exchange, or the kernel or the file system
-// refuses the flag, a plain rename does it.
+// Puts the new file in place. Exchanging the two names and unlinking the old
+// contents is as atomic as a rename for readers and for a process killed at
+// any moment, and spares the writer the flush that ext4 starts when a rename
+// replaces a file. (Unlinking later, off this thread, was measured slower:
+// the unlinks contend with the writes for the directory.) Where there is
+// nothing to exchange, or the kernel or the file system refuses the flag, a
+// plain rename does it.
 bool putInPlace(const char* temporary, const char* path) {
   if (g_exchangeEnabled.load(std::memory_order_relaxed) &&
       ::renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_EXCHANGE) == 0) {
-    DurableFlush::instance().written(path, temporary);
-    return true;
+    ::unlink(temporary);  // now the old contents
+  } else if (::rename(temporary, path) != 0) {
+    return false;
   }
-  if (::rename(temporary, path) != 0) return false;
   DurableFlush::instance().written(path);
   return true;
 }

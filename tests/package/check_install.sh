@@ -28,8 +28,18 @@ cc -std=c11 $flags -o "$work/pkgconfig-consumer" "$consumer/consumer.c" \
   $(pkg-config --cflags --libs qxlog) -Wl,-rpath,"$(pkg-config --variable=libdir qxlog)"
 "$work/pkgconfig-consumer"
 
+# A C program on the static library, with the linker language left at C.
+cmake -S "$consumer/static" -B "$work/cmake-static" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
+cmake --build "$work/cmake-static" >/dev/null
+"$work/cmake-static/static-consumer"
+# shellcheck disable=SC2046,SC2086
+cc -std=c11 $flags -o "$work/pkgconfig-static-consumer" "$consumer/consumer.c" \
+  $(pkg-config --cflags --libs qxlog-static)
+"$work/pkgconfig-static-consumer"
+
 # The C++ headers stand on their own in the installed tree.
-printf '#include <QXLog/QXLogCenter.h>\n#include <QXLog/QXLogHelper.h>\nint main() { return 0; }\n' \
+printf '#include <QXLog/QXLogCenter.h>\n#include <QXLog/QXLogHelper.h>\n#include <QXLog/QXLogExecutor.h>\nint main() { return 0; }\n' \
   >"$work/headers.cpp"
 c++ -std=c++20 -fsyntax-only $(pkg-config --cflags qxlog) "$work/headers.cpp"
-echo "check_install: the installed package builds and links (CMake and pkg-config)"
+echo "check_install: the installed package builds and links (CMake and pkg-config, shared and static)"
