@@ -91,16 +91,19 @@ TEST_F(DeliveryTest, TransportFailuresAreRetriedWithGrowingWaitsUntilConfirmed) 
   EXPECT_EQ(queuedOnDisk(), std::vector<std::string>{"kept"});
   recordActionLog("later", "");  // waits behind the batch that is out
 
-  // Waits are drawn from [1/2, 1] of 1 s, 2 s, 4 s.
-  dispatcher_->advance(milliseconds(499));
-  EXPECT_EQ(server_->requestCount(), 1u);
-  dispatcher_->advance(milliseconds(501));
-  EXPECT_EQ(server_->requestCount(), 2u);
-  dispatcher_->advance(milliseconds(999));
-  EXPECT_EQ(server_->requestCount(), 2u);
-  dispatcher_->advance(milliseconds(1001));
-  EXPECT_EQ(server_->requestCount(), 3u);
-  dispatcher_->advance(seconds(4));
+  // Each wait is drawn from the upper half of 1 s, 2 s, 4 s.
+  std::vector<int64_t> sentAtMillis{0};
+  for (int step = 0; step < 8000 && server_->requestCount() < 4; ++step) {
+    std::size_t before = server_->requestCount();
+    dispatcher_->advance(milliseconds(1));
+    if (server_->requestCount() > before) sentAtMillis.push_back(step + 1);
+  }
+  ASSERT_EQ(sentAtMillis.size(), 4u);
+  for (int i = 1; i < 4; ++i) {
+    int64_t span = 1000 << (i - 1);
+    EXPECT_GE(sentAtMillis[i] - sentAtMillis[i - 1], span / 2) << i;
+    EXPECT_LE(sentAtMillis[i] - sentAtMillis[i - 1], span) << i;
+  }
   ASSERT_EQ(server_->requestCount(), 4u);
   EXPECT_EQ(sentItems(3), (std::vector<std::string>{"kept", "later"}));
   EXPECT_TRUE(center().actionLog().empty());
