@@ -36,6 +36,7 @@ constexpr const char* kUsage = R"(usage: qxlog-demo [options]
   --db PATH        the embedded collector's database (default: a temporary file)
   --timeout SEC    how long to wait for everything to arrive (default 20)
   --quiet          do not print the uploads as the embedded collector receives them
+  --explain        print every key of the uploads with its meaning
   --trace          print the library's console lines on stderr
 )";
 
@@ -45,6 +46,7 @@ struct Settings {
   std::optional<std::string> database;
   double timeoutSeconds = 20;
   bool quiet = false;
+  bool explain = false;
   bool trace = false;
 };
 
@@ -218,8 +220,9 @@ int run(const Settings& settings) {
     // of the interval in seconds.
     options.collector.pushIntervalTime = 1000;
     options.collector.pushIntervalNumber = 50;
-    options.output =
-        settings.quiet ? qxlog::collector::Output::kQuiet : qxlog::collector::Output::kReadable;
+    options.output = settings.quiet     ? qxlog::collector::Output::kQuiet
+                     : settings.explain ? qxlog::collector::Output::kExplained
+                                        : qxlog::collector::Output::kReadable;
     options.name = "collector";
     std::string error;
     collector = qxlog::collector::LocalCollector::start(options, error);
@@ -309,6 +312,8 @@ int main(int argc, char** argv) {
       return 0;
     } else if (arg == "--quiet") {
       settings.quiet = true;
+    } else if (arg == "--explain") {
+      settings.explain = true;
     } else if (arg == "--trace") {
       settings.trace = true;
     } else if (arg == "--server" && hasValue) {

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "QXLog/platform/Json.h"
+#include "collector/legend/FieldLegend.h"
 
 namespace qxlog::collector {
 namespace {
@@ -41,7 +42,10 @@ std::string prettyJson(const Value& value) {
   return prettyJson(platform::toJson(value)).value_or("null");
 }
 
-std::string describeRecord(const Dictionary& record, const std::string& indent) {
+std::string describeRecord(const Dictionary& record, const std::string& indent, bool explain) {
+  if (explain) {
+    return indent + recordTypeName(record) + "\n" + explainRecord(record, indent + "    ");
+  }
   Dictionary shown;
   const Array* actions = nullptr;
   for (const auto& [key, value] : record) {
@@ -65,13 +69,16 @@ std::string describeRecord(const Dictionary& record, const std::string& indent) 
   return out;
 }
 
-std::string describeUpload(int64_t id, const UploadRow& upload) {
+std::string describeUpload(int64_t id, const UploadRow& upload, bool explain) {
   std::string out = "upload #" + std::to_string(id) + " from " + upload.peer + ": " +
                     std::to_string(upload.records.size()) + " record" +
                     (upload.records.size() == 1 ? "" : "s") + "\n";
   out += "  " + label("header") + platform::toJson(Value(upload.header)) + "\n";
+  if (explain) out += explainHeader(upload.header, "      ");
   for (const Value& record : upload.records) {
-    if (const Dictionary* fields = record.asDictionary()) out += describeRecord(*fields);
+    if (const Dictionary* fields = record.asDictionary()) {
+      out += describeRecord(*fields, "  ", explain);
+    }
   }
   return out;
 }

@@ -18,9 +18,11 @@ std::optional<std::string> prettyJson(const std::string& text);
 
 // One line per record, named by its type; a play header is followed by its
 // folded play actions, one per line and indented. `indent` prefixes each line.
-std::string describeRecord(const Dictionary& record, const std::string& indent = "  ");
+// `explain` adds, under each line, every key with its value and meaning.
+std::string describeRecord(const Dictionary& record, const std::string& indent = "  ",
+                           bool explain = false);
 // The header once, then each record.
-std::string describeUpload(int64_t id, const UploadRow& upload);
+std::string describeUpload(int64_t id, const UploadRow& upload, bool explain = false);
 std::string describeDiagnosis(int64_t id, const DiagnosisRow& diagnosis);
 
 // One compact JSON object per line, for scripts.

@@ -29,8 +29,9 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
   const Output output = self->options_.output;
   if (output != Output::kQuiet) {
     events.upload = [self, output](int64_t id, const UploadRow& upload) {
-      self->print(output == Output::kJson ? uploadJsonLine(id, upload) + "\n"
-                                          : describeUpload(id, upload));
+      self->print(output == Output::kJson
+                      ? uploadJsonLine(id, upload) + "\n"
+                      : describeUpload(id, upload, output == Output::kExplained));
     };
     events.diagnosis = [self, output](int64_t id, const DiagnosisRow& diagnosis) {
       self->print(output == Output::kJson ? diagnosisJsonLine(id, diagnosis) + "\n"

@@ -15,7 +15,8 @@
 
 namespace qxlog::collector {
 
-enum class Output { kReadable, kJson, kQuiet };
+// kExplained is kReadable with every key's meaning under each record.
+enum class Output { kReadable, kExplained, kJson, kQuiet };
 
 struct LocalCollectorOptions {
   std::string host = "127.0.0.1";

@@ -35,6 +35,7 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
   --max-body BYTES             largest request body taken (default 8388608)
   --quiet                      print nothing of what arrives
   --json                       print what arrives as one JSON object per line
+  --explain                    print every key of what arrives with its meaning
 
 Endpoints: GET /settings, POST /log, POST /diagnosis, GET /received[?uid=DEVICE].
 )";
@@ -79,6 +80,8 @@ int main(int argc, char** argv) {
       options.output = Output::kQuiet;
     } else if (arg == "--json") {
       options.output = Output::kJson;
+    } else if (arg == "--explain") {
+      options.output = Output::kExplained;
     } else if (!value(text)) {
       return usageError("unknown option or missing value: " + std::string(arg));
     } else if (arg == "--listen") {

@@ -18,6 +18,7 @@
 #include "QXLog/platform/Json.h"
 #include "collector/decode/EnvelopeDecoder.h"
 #include "collector/http/HttpServer.h"
+#include "collector/legend/FieldLegend.h"
 #include "collector/print/Report.h"
 #include "collector/store/CollectorStore.h"
 
@@ -25,8 +26,9 @@ namespace {
 
 using namespace qxlog::collector;
 
-constexpr const char* kUsage = R"(usage: qxlog-decode [--key KEY] [--compact] [TEXT]
-       qxlog-decode --records DB [--type TYPE] [--json]
+constexpr const char* kUsage = R"(usage: qxlog-decode [--key KEY] [--compact | --explain] [TEXT]
+       qxlog-decode --records DB [--type TYPE] [--json | --explain]
+       qxlog-decode --explain
 
 Decodes a "log_data" or "diagnosis_log" value (base64, AES-128-ECB under KEY,
 gzip, JSON) given as TEXT or on standard input, and prints the JSON, indented
@@ -36,6 +38,9 @@ percent-encoded value is accepted too.
 --records prints the records a collector stored in DB, named by type, with
 their play actions; --type keeps one type: a code ("2") or a name (launch,
 action, download, network, film, short, channel, diagnosis).
+
+--explain names every key with its meaning: alone, it prints the legend of
+the header and of each record type.
 )";
 
 int fail(const std::string& message) {
@@ -65,15 +70,40 @@ std::string encodedValue(const std::string& input) {
   return input;
 }
 
-int decode(const qxlog::NullableString& key, bool compact, std::optional<std::string> text) {
+// The decoded upload with each key's meaning: the header, then each record.
+int explainUpload(const std::string& json) {
+  std::optional<qxlog::Value> parsed = qxlog::platform::parseJson(json);
+  const qxlog::Dictionary* upload = parsed ? parsed->asDictionary() : nullptr;
+  if (upload == nullptr) return fail("json: the decoded text is not a JSON object");
+  const qxlog::Value* header = upload->find("t");
+  const qxlog::Value* records = upload->find("a");
+  if (header != nullptr && header->asDictionary() != nullptr) {
+    std::printf("header\n%s", explainHeader(*header->asDictionary(), "    ").c_str());
+  }
+  if (records == nullptr || records->asArray() == nullptr) return 0;
+  for (const qxlog::Value& record : *records->asArray()) {
+    if (const qxlog::Dictionary* fields = record.asDictionary()) {
+      std::printf("%s", describeRecord(*fields, "", true).c_str());
+    }
+  }
+  return 0;
+}
+
+int decode(const qxlog::NullableString& key, bool compact, bool explain,
+           std::optional<std::string> text) {
   if (!text) {
     if (isatty(STDIN_FILENO)) std::fprintf(stderr, "qxlog-decode: reading standard input\n");
     text = std::string(std::istreambuf_iterator<char>(std::cin), {});
   }
   const std::string value = encodedValue(trimmed(*text));
+  if (value.empty() && explain) {
+    std::fputs(legendText().c_str(), stdout);
+    return 0;
+  }
   if (value.empty()) return fail("nothing to decode");
   Decoded<std::string> json = decodeLogDataText(value, key);
   if (!json) return fail(json.error);
+  if (explain) return explainUpload(*json.value);
   if (compact) {
     std::optional<qxlog::Value> parsed = qxlog::platform::parseJson(*json.value);
     if (!parsed) return fail("json: the decoded text is not valid JSON");
@@ -86,7 +116,8 @@ int decode(const qxlog::NullableString& key, bool compact, std::optional<std::st
   return 0;
 }
 
-int records(const std::string& path, const std::optional<std::string>& type, bool json) {
+int records(const std::string& path, const std::optional<std::string>& type, bool json,
+            bool explain) {
   if (::access(path.c_str(), R_OK) != 0) return fail(path + ": no such database");
   std::string error;
   auto store = CollectorStore::open(path, error);
@@ -106,7 +137,7 @@ int records(const std::string& path, const std::optional<std::string>& type, boo
       } else {
         std::printf("#%-5lld upload #%-4lld%s", static_cast<long long>(record.id),
                     static_cast<long long>(record.uploadId),
-                    describeRecord(*body->asDictionary(), " ").c_str());
+                    describeRecord(*body->asDictionary(), " ", explain).c_str());
       }
     }
   }
@@ -127,6 +158,7 @@ int main(int argc, char** argv) {
   std::optional<std::string> text;
   bool compact = false;
   bool json = false;
+  bool explain = false;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     const bool hasValue = i + 1 < argc;
@@ -137,6 +169,8 @@ int main(int argc, char** argv) {
       compact = true;
     } else if (arg == "--json") {
       json = true;
+    } else if (arg == "--explain") {
+      explain = true;
     } else if (arg == "--key" && hasValue) {
       key = argv[++i];
     } else if (arg == "--records" && hasValue) {
@@ -154,6 +188,10 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  if (database) return records(*database, type, json);
-  return decode(key, compact, text);
+  if (database) return records(*database, type, json, explain);
+  if (explain && !text && isatty(STDIN_FILENO)) {
+    std::fputs(legendText().c_str(), stdout);
+    return 0;
+  }
+  return decode(key, compact, explain, text);
 }
