@@ -1,11 +1,11 @@
 // The download record.
+#include "QXLog/format/DownloadRecord.h"
+
 #include <cfloat>
 #include <cmath>
 #include <limits>
 
-#include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Text.h"
 #include "QXLog/support/Time.h"
 #include "QXLog/support/UrlEncoding.h"
@@ -33,10 +33,15 @@ float divide(float dividend, float divisor) {
 
 }  // namespace
 
-QXLogMessageFormat::Dictionary QXLogMessageFormat::downLog(
-    const NullableString& downLog, const NullableString& movieUrl, const NullableString& downsState,
-    const NullableString& dataAmount, const NullableString& storagePath,
-    const NullableString& /*movieName*/) const {
+namespace qxlog::format {
+
+Dictionary downloadRecord(const QXLogMessageFormat& format, const DownloadReport& report,
+                          const NullableString& savedStartTime) {
+  const NullableString& downLog = report.downLog;
+  const NullableString& movieUrl = report.movieUrl;
+  const NullableString& downsState = report.downsState;
+  const NullableString& dataAmount = report.dataAmount;
+  const NullableString& storagePath = report.storagePath;
   std::string deviceAddress = QXLogHelper::getIPAddress();
 
   // Only http and https addresses are recorded, encoded, with the address
@@ -49,13 +54,10 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::downLog(
   }
 
   // The start time the host saved for this item; missing or non-numeric is 0.
-  int64_t startMillis = 0;
-  if (downLog) {
-    startMillis = platform::longLongValue(QXLogCenter::center().getActionStartTime(*downLog));
-  }
-  std::string start = returnsSendTime(static_cast<double>(startMillis));
+  int64_t startMillis = downLog ? platform::longLongValue(savedStartTime) : 0;
+  std::string start = format.returnsSendTime(static_cast<double>(startMillis));
   uint64_t nowMillis = qxlog::currentMillis();
-  std::string now = returnsSendTime(static_cast<double>(nowMillis));
+  std::string now = format.returnsSendTime(static_cast<double>(nowMillis));
 
   // Elapsed whole seconds since the start, wrapping rather than overflowing.
   int64_t nowSigned = platform::longLongValue(platform::formatUnsigned(nowMillis));
@@ -81,7 +83,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::downLog(
   record.setString("a_0", now);
   record.setString("a_1", hostAddress);
   record.setString("a_3", deviceAddress);
-  record.setString("a_4", networkState());
+  record.setString("a_4", format.networkState());
   record.setString("a_5", "0");
   record.setString("a_6", "0");
   record.setString("a_7", downLog);
@@ -94,3 +96,5 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::downLog(
   record.setString("a_14", storagePath);
   return record;
 }
+
+}  // namespace qxlog::format

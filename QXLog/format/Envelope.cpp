@@ -1,5 +1,7 @@
 // The upload envelope: the common header and the records, sealed for the log
 // server, with the day token and a plain copy of the body for the trace.
+#include "QXLog/format/Envelope.h"
+
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Json.h"
@@ -27,9 +29,10 @@ std::string bodyHead(const QXLogMessageFormat& format, std::size_t recordBytes) 
 }
 
 // Closes the body; the same text is both sealed and kept in plain form.
-Dictionary sealed(const QXLogMessageFormat& format, std::string body) {
+Dictionary sealed(const QXLogMessageFormat& format, std::string body,
+                  const qxlog::NullableString& key) {
   body += '}';
-  qxlog::NullableString logData = qxlog::support::sealJson(std::string_view(body));
+  qxlog::NullableString logData = qxlog::support::sealJson(std::string_view(body), key);
   qxlog::NullableString token =
       QXLogHelper::tokenString(platform::formatGeneral(format.serverInfoUpdateTime()));
 
@@ -43,10 +46,13 @@ Dictionary sealed(const QXLogMessageFormat& format, std::string body) {
 
 }  // namespace
 
-QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLog(const Array* records) const {
+namespace qxlog::format {
+
+Dictionary envelopeOfRecords(const QXLogMessageFormat& format, const Array* records,
+                             const NullableString& key) {
   // The body {"t": header, "a": records} is written once, straight from the
   // caller's array.
-  std::string body = bodyHead(*this, records ? records->size() * kBytesPerRecord : 0);
+  std::string body = bodyHead(format, records ? records->size() * kBytesPerRecord : 0);
   if (records == nullptr) {
     body += "\"\"";
   } else {
@@ -57,12 +63,14 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLog(const Array* r
     }
     body += ']';
   }
-  return sealed(*this, std::move(body));
+  return sealed(format, std::move(body), key);
 }
 
-QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLogOfJson(
-    std::string_view recordsJson) const {
-  std::string body = bodyHead(*this, recordsJson.size());
+Dictionary envelopeOfRecordsJson(const QXLogMessageFormat& format, std::string_view recordsJson,
+                                 const NullableString& key) {
+  std::string body = bodyHead(format, recordsJson.size());
   body += recordsJson;
-  return sealed(*this, std::move(body));
+  return sealed(format, std::move(body), key);
 }
+
+}  // namespace qxlog::format

@@ -9,9 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Json.h"
 
 namespace qxlog::support {
@@ -138,11 +136,10 @@ std::string base64Encode(std::string_view bytes) {
   return out;
 }
 
-NullableString sealJson(const std::optional<std::string_view>& json) {
+NullableString sealJson(const std::optional<std::string_view>& json, const NullableString& key) {
   // Nil JSON compresses to nothing, and nothing still encrypts to one
   // padding block.
   Bytes compressed = json ? gzipBytes(*json) : std::nullopt;
-  const NullableString key = QXLogCenter::center().format().logEncryptionKey();
   Bytes sealed = encryptBytes(compressed ? std::string_view(*compressed) : std::string_view(), key);
   if (!sealed) return std::nullopt;
   return base64Encode(*sealed);
@@ -209,10 +206,4 @@ QXLogHelper::Data QXLogHelper::gzipInflate(const Data& data) {
 QXLogHelper::Data QXLogHelper::data_AES256(const Data& data, const NullableString& key) {
   // Despite the name, AES-128: only 16 key bytes are handed to the cipher.
   return support::encryptBytes(data ? std::string_view(*data) : std::string_view(), key);
-}
-
-QXLogHelper::NullableString QXLogHelper::base64String(const Value& object) {
-  // Every value serialises, so the JSON step here never yields nil.
-  const std::string json = qxlog::platform::toJson(object);
-  return support::sealJson(std::string_view(json));
 }

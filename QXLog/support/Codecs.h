@@ -25,10 +25,10 @@ Bytes encryptBytes(std::string_view bytes, const NullableString& key);
 // Standard base64 with "=" padding, on one line.
 std::string base64Encode(std::string_view bytes);
 
-// The upload ciphertext of serialised JSON: gzip, then AES under the log
-// center's key (read now), then base64. Nil JSON still yields the ciphertext
-// of an empty input, a 24-character string; nothing when the cipher fails.
-NullableString sealJson(const std::optional<std::string_view>& json);
+// The upload ciphertext of serialised JSON: gzip, then AES under `key`, then
+// base64. Nil JSON still yields the ciphertext of an empty input, a
+// 24-character string; nothing when the cipher fails.
+NullableString sealJson(const std::optional<std::string_view>& json, const NullableString& key);
 
 // Appended directly to the day string before hashing it into the day token.
 inline constexpr std::string_view kTokenSalt = "Rk4TqzWmLpVhNc7XsJdBfYoE";

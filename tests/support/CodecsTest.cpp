@@ -138,12 +138,11 @@ class Base64StringTest : public testing::LibraryTest {};
 TEST_F(Base64StringTest, NilJsonStillYieldsOneEncryptedPaddingBlock) {
   // Were serialisation to fail, gzip would pass nil on, and the cipher would
   // still seal the empty input: a 24-character string, not nil.
-  QXLogCenter::center().format().setLogEncryptionKey("k");
-  const auto sealed = support::sealJson(std::nullopt);
+  const auto sealed = support::sealJson(std::nullopt, "k"s);
   ASSERT_TRUE(sealed);
   EXPECT_EQ(sealed->size(), 24u);
   EXPECT_EQ(collector::decryptLogData(*collector::base64Decode(*sealed).value, "k"s).value, ""s);
-  EXPECT_EQ(support::sealJson(std::string_view()), sealed);  // empty JSON text: the same path
+  EXPECT_EQ(support::sealJson(std::string_view(), "k"s), sealed);  // empty JSON text: the same path
 }
 
 }  // namespace

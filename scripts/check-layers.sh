@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Fails on an include that points up a layer of the library. The layers, from
+# the top: recording (the C interface and the reporting functions), center,
+# format, support, platform. A file may include its own layer and those
+# below. Public headers belong to the layer of what they declare: QXLog.h to
+# recording, QXLogCenter.h to center, QXLogMessageFormat.h to format,
+# QXLogHelper.h to support, QXLogValue.h and QXLogExecutor.h to platform.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+layer() {  # layer <path inside the repository>
+  case "$1" in
+    QXLog/recording/* | QXLog/QXLog.h) echo 5 ;;
+    QXLog/center/* | QXLog/QXLogCenter.h) echo 4 ;;
+    QXLog/format/* | QXLog/QXLogMessageFormat.h) echo 3 ;;
+    QXLog/support/* | QXLog/QXLogHelper.h) echo 2 ;;
+    QXLog/platform/* | QXLog/QXLogValue.h | QXLog/QXLogExecutor.h) echo 1 ;;
+    *) echo 0 ;;
+  esac
+}
+name() {
+  case "$1" in 5) echo recording ;; 4) echo center ;; 3) echo format ;; 2) echo support ;; *) echo platform ;; esac
+}
+
+violations=0
+while IFS= read -r file; do
+  from=$(layer "$file")
+  while IFS= read -r included; do
+    to=$(layer "$included")
+    if ((to > from)); then
+      echo "check-layers: $file ($(name "$from")) includes $included ($(name "$to"))"
+      violations=$((violations + 1))
+    fi
+  done < <(sed -n 's|^#include "\(QXLog/[^"]*\)".*|\1|p' "$file")
+done < <(git ls-files 'QXLog/*.h' 'QXLog/*.cpp')
+
+if ((violations > 0)); then
+  echo "check-layers: $violations includes point up a layer"
+  exit 1
+fi
+echo "check-layers: every include points down or sideways"
