@@ -5,6 +5,7 @@
 
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/Json.h"
+#include "QXLog/support/QueueFiles.h"
 
 namespace qxlog {
 

@@ -8,11 +8,6 @@
 namespace qxlog::platform {
 namespace {
 
-bool keptAsIs(unsigned char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '.' || c == '_' || c == '~' || c == '/' || c == '?';
-}
-
 void appendPairs(std::vector<std::pair<std::string, std::string>>& pairs, const std::string& key,
                  const Value& value);
 
@@ -44,22 +39,6 @@ void appendPairs(std::vector<std::pair<std::string, std::string>>& pairs, const 
 }
 
 }  // namespace
-
-std::string percentEscapeFormComponent(std::string_view text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size() + text.size() / 8);
-  for (unsigned char c : text) {
-    if (keptAsIs(c)) {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 0xf];
-    }
-  }
-  return out;
-}
 
 std::string formEncode(const Dictionary& parameters) {
   std::vector<std::pair<std::string, std::string>> pairs;

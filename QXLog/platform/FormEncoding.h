@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "QXLog/QXLogValue.h"
+#include "QXLog/platform/PercentEncoding.h"
 
 namespace qxlog::platform {
 
@@ -15,7 +16,9 @@ namespace qxlog::platform {
 // arrays "key[]=...", other values their JSON text.
 std::string formEncode(const Dictionary& parameters);
 // Percent-escapes everything outside the unreserved characters and "/" and "?".
-std::string percentEscapeFormComponent(std::string_view text);
+inline std::string percentEscapeFormComponent(std::string_view text) {
+  return percentEncode(text, kFormPunctuation);
+}
 
 }  // namespace qxlog::platform
 

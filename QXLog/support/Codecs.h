@@ -33,6 +33,9 @@ NullableString sealJson(const std::optional<std::string_view>& json, const Nulla
 // Appended directly to the day string before hashing it into the day token.
 inline constexpr std::string_view kTokenSalt = "Rk4TqzWmLpVhNc7XsJdBfYoE";
 
+// The MD5 digest of the bytes in lower-case hex; nothing if the digest fails.
+std::optional<std::string> md5Hex(std::string_view bytes);
+
 }  // namespace qxlog::support
 
 #endif  // QXLOG_SUPPORT_CODECS_H_

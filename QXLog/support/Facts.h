@@ -30,9 +30,6 @@ std::optional<std::string> hostOfUrl(std::string_view url);
 // The first IPv4 address the resolver gives for a host name, dotted, or "".
 std::string resolveIPv4(const std::string& host);
 
-// The local calendar date of a moment as "yyyy-MM-dd".
-std::string dayString(double wallSeconds);
-
 }  // namespace qxlog::support
 
 #endif  // QXLOG_SUPPORT_FACTS_H_

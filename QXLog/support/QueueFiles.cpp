@@ -1,11 +1,12 @@
 // The queue-file methods of QXLogHelper: whole collections mirrored in XML
 // property lists in the Documents directory.
+#include "QXLog/support/QueueFiles.h"
+
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/Files.h"
 #include "QXLog/platform/PropertyList.h"
-#include "QXLog/support/QueueXml.h"
 
 namespace platform = qxlog::platform;
 

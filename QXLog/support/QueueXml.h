@@ -27,9 +27,6 @@ class QueueXml {
   std::string document_;
 };
 
-// Rewrites the queue file `plist` in the Documents directory with `xml`.
-void writeQueueFile(std::string_view xml, std::string_view plist);
-
 }  // namespace qxlog::support
 
 #endif  // QXLOG_SUPPORT_QUEUEXML_H_

@@ -1,4 +1,6 @@
 // The local day string and the day-bound upload token derived from it.
+#include "QXLog/support/Token.h"
+
 #include <cstdio>
 #include <ctime>
 #include <string>
@@ -6,7 +8,6 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/Clock.h"
 #include "QXLog/support/Codecs.h"
-#include "QXLog/support/Facts.h"
 
 namespace qxlog::support {
 

@@ -5,12 +5,16 @@
 #include <string>
 #include <string_view>
 
+#include "QXLog/platform/PercentEncoding.h"
+
 namespace qxlog {
 
 // The text with every byte outside the characters allowed in a URL query
 // (letters, digits, - . _ ~ ! $ & ' ( ) * + , ; = : / ? @) written as %XX,
 // upper-case hex. Multi-byte UTF-8 characters are encoded byte by byte.
-std::string percentEncodeQuery(std::string_view text);
+inline std::string percentEncodeQuery(std::string_view text) {
+  return platform::percentEncode(text, platform::kQueryPunctuation);
+}
 
 }  // namespace qxlog
 
