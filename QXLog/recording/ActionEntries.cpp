@@ -9,23 +9,22 @@
 namespace {
 
 using qxlog::NullableString;
-using qxlog::recording::environmentReady;
+using qxlog::recording::deferUntilReady;
 using qxlog::recording::fromHost;
-using qxlog::recording::retryLater;
 
 bool isNilOrEmpty(const NullableString& text) {
   return !text || text->empty();
 }
 
 void launchWithPushId(NullableString launchLog, NullableString push_id) {
-  if (!environmentReady()) return retryLater([=] { launchWithPushId(launchLog, push_id); });
+  if (deferUntilReady(launchWithPushId, launchLog, push_id)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
   auto record = format.launchLog(launchLog, qxlog::currentMillisText(), push_id);
   QXLogCenter::center().storeActionLog(std::move(record));
 }
 
 void action(NullableString actionLog, NullableString movie_index) {
-  if (!environmentReady()) return retryLater([=] { action(actionLog, movie_index); });
+  if (deferUntilReady(action, actionLog, movie_index)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
   auto record = format.actionLog(actionLog, qxlog::currentMillisText(), movie_index);
   QXLogCenter::center().storeActionLog(std::move(record));
@@ -33,7 +32,7 @@ void action(NullableString actionLog, NullableString movie_index) {
 
 void network(NullableString networkLog, int64_t wasteTime, NullableString errorCode) {
   if (isNilOrEmpty(networkLog)) return;
-  if (!environmentReady()) return retryLater([=] { network(networkLog, wasteTime, errorCode); });
+  if (deferUntilReady(network, networkLog, wasteTime, errorCode)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
   auto record = format.networkLog(networkLog, qxlog::platform::formatInteger(wasteTime), errorCode);
   QXLogCenter::center().storeActionLog(std::move(record));

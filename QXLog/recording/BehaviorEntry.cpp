@@ -11,9 +11,7 @@ using qxlog::NullableString;
 using qxlog::recording::DictionaryHandle;
 
 void behavior(DictionaryHandle pushLog, NullableString url, bool diagnosis) {
-  if (!qxlog::recording::environmentReady()) {
-    return qxlog::recording::retryLater([=] { behavior(pushLog, url, diagnosis); });
-  }
+  if (qxlog::recording::deferUntilReady(behavior, pushLog, url, diagnosis)) return;
   QXLogCenter::center().pushLog(pushLog.snapshot(), url, diagnosis);
 }
 

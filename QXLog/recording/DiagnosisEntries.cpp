@@ -9,10 +9,9 @@
 namespace {
 
 using qxlog::NullableString;
+using qxlog::recording::deferUntilReady;
 using qxlog::recording::DictionaryHandle;
-using qxlog::recording::environmentReady;
 using qxlog::recording::fromHost;
-using qxlog::recording::retryLater;
 
 void postDiagnosis(qxlog::Dictionary body) {
   QXLogCenter& center = QXLogCenter::center();
@@ -24,11 +23,9 @@ void postDiagnosis(qxlog::Dictionary body) {
 void diagnosis(NullableString diagnosisLog, NullableString causeOfFailure,
                NullableString playStartTime, NullableString endTime, NullableString prepareTime,
                NullableString duration, NullableString isPlayOK, NullableString definition) {
-  if (!environmentReady()) {
-    return retryLater([=] {
-      diagnosis(diagnosisLog, causeOfFailure, playStartTime, endTime, prepareTime, duration,
-                isPlayOK, definition);
-    });
+  if (deferUntilReady(diagnosis, diagnosisLog, causeOfFailure, playStartTime, endTime, prepareTime,
+                      duration, isPlayOK, definition)) {
+    return;
   }
   QXLogMessageFormat& format = QXLogCenter::center().format();
   postDiagnosis(format.diagnosisLog(diagnosisLog, causeOfFailure, playStartTime, prepareTime,
@@ -36,7 +33,7 @@ void diagnosis(NullableString diagnosisLog, NullableString causeOfFailure,
 }
 
 void completeDiagnosis(DictionaryHandle report) {
-  if (!environmentReady()) return retryLater([=] { completeDiagnosis(report); });
+  if (deferUntilReady(completeDiagnosis, report)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
   qxlog::Value contents = report.isNull() ? qxlog::Value() : qxlog::Value(report.snapshot());
   postDiagnosis(format.diagnosisOfCompleteInformation(contents));

@@ -7,16 +7,15 @@
 namespace {
 
 using qxlog::NullableString;
-using qxlog::recording::environmentReady;
+using qxlog::recording::deferUntilReady;
 using qxlog::recording::fromHost;
-using qxlog::recording::retryLater;
 
 void download(NullableString downLog, NullableString movieUrl, NullableString movieName,
               NullableString dataAmount, NullableString storagePath, NullableString downsState) {
   if (!movieUrl || movieUrl->empty()) return;
-  if (!environmentReady()) {
-    return retryLater(
-        [=] { download(downLog, movieUrl, movieName, dataAmount, storagePath, downsState); });
+  if (deferUntilReady(download, downLog, movieUrl, movieName, dataAmount, storagePath,
+                      downsState)) {
+    return;
   }
   // The builder takes the arguments in the order (1, 2, 6, 4, 5, 3).
   QXLogMessageFormat& format = QXLogCenter::center().format();

@@ -18,6 +18,17 @@ void setEnvironmentReady(bool ready);
 // Schedules the retry of a report that found the environment not ready.
 void retryLater(platform::Task retry);
 
+// The gate every reporting function passes first: false when the host's
+// context is ready (the report goes on now); otherwise the same call,
+// report(arguments...) with copies of the arguments, is scheduled to try
+// again, and true tells the caller to stop.
+template <typename Report, typename... Arguments>
+bool deferUntilReady(Report report, const Arguments&... arguments) {
+  if (environmentReady()) return false;
+  retryLater([=] { report(arguments...); });
+  return true;
+}
+
 }  // namespace qxlog::recording
 
 #endif  // QXLOG_RECORDING_GATE_H_

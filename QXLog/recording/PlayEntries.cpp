@@ -13,15 +13,12 @@ using qxlog::NullableString;
 using qxlog::Value;
 using qxlog::platform::consoleWrite;
 using qxlog::platform::describe;
-using qxlog::recording::environmentReady;
+using qxlog::recording::deferUntilReady;
 using qxlog::recording::fromHost;
-using qxlog::recording::retryLater;
 
 void play(NullableString movie_id, NullableString playLog, NullableString view_source,
           bool isDownload, NullableString isPcdn, NullableString videoType) {
-  if (!environmentReady()) {
-    return retryLater([=] { play(movie_id, playLog, view_source, isDownload, isPcdn, videoType); });
-  }
+  if (deferUntilReady(play, movie_id, playLog, view_source, isDownload, isPcdn, videoType)) return;
   // Closes the previous play before its header is replaced.
   QXLogCenter::center().makePlayLog();
   QXLogMessageFormat& format = QXLogCenter::center().format();
@@ -36,11 +33,9 @@ void play(NullableString movie_id, NullableString playLog, NullableString view_s
 void playAction(const char* tracePrefix, NullableString playActionLog, NullableString playStatu,
                 NullableString startTime, NullableString endTime, NullableString startPosition,
                 NullableString endPosition, NullableString playTime) {
-  if (!environmentReady()) {
-    return retryLater([=] {
-      playAction(tracePrefix, playActionLog, playStatu, startTime, endTime, startPosition,
-                 endPosition, playTime);
-    });
+  if (deferUntilReady(playAction, tracePrefix, playActionLog, playStatu, startTime, endTime,
+                      startPosition, endPosition, playTime)) {
+    return;
   }
   QXLogMessageFormat& format = QXLogCenter::center().format();
   auto record = format.playActionLog(playActionLog, playStatu, startTime, endTime, startPosition,
