@@ -29,21 +29,10 @@ void GlobalQueue::startWorkersLocked() {
 
 void GlobalQueue::work() {
   std::unique_lock lock(mutex_);
-  while (!stopping_) {
-    if (std::optional<Task> task = schedule_.takeDue(monotonicNanos())) {
-      // Another worker may be waiting for a later task; let it recompute.
-      wake_.notify_one();
-      lock.unlock();
-      (*task)();
-      lock.lock();
-      continue;
-    }
-    if (schedule_.empty()) {
-      wake_.wait(lock);
-    } else {
-      wake_.wait_for(lock, std::chrono::nanoseconds(schedule_.nextDue() - monotonicNanos()));
-    }
-  }
+  // Another worker may be waiting for a later task; each run lets it
+  // recompute its wait.
+  serveUntil(
+      lock, wake_, schedule_, [this] { return stopping_; }, [this] { wake_.notify_one(); });
 }
 
 }  // namespace qxlog::platform

@@ -64,19 +64,8 @@ std::size_t MainQueue::drain() {
 
 void MainQueue::run() {
   std::unique_lock lock(mutex_);
-  while (!stopRequested_) {
-    if (std::optional<Task> task = schedule_.takeDue(monotonicNanos())) {
-      lock.unlock();
-      (*task)();
-      lock.lock();
-      continue;
-    }
-    if (schedule_.empty()) {
-      wake_.wait(lock);
-    } else {
-      wake_.wait_for(lock, std::chrono::nanoseconds(schedule_.nextDue() - monotonicNanos()));
-    }
-  }
+  serveUntil(
+      lock, wake_, schedule_, [this] { return stopRequested_; }, [] {});
   stopRequested_ = false;
 }
 

@@ -3,12 +3,15 @@
 #ifndef QXLOG_PLATFORM_TASKSCHEDULE_H_
 #define QXLOG_PLATFORM_TASKSCHEDULE_H_
 
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <queue>
 #include <vector>
 
 #include "QXLog/QXLogExecutor.h"
+#include "QXLog/platform/Clock.h"
 
 namespace qxlog::platform {
 
@@ -36,6 +39,29 @@ class TaskSchedule {
   std::priority_queue<Entry, std::vector<Entry>, Later> tasks_;
   uint64_t nextSequence_ = 0;
 };
+
+// The serving loop of a queue, on the calling thread: with `lock` held on the
+// mutex that guards `schedule`, runs each task as it falls due (the lock
+// released while it runs, `beforeTask` called first) and sleeps on `wake`
+// until the next one, until `stopped()` holds.
+template <typename Stopped, typename BeforeTask>
+void serveUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
+                TaskSchedule& schedule, Stopped stopped, BeforeTask beforeTask) {
+  while (!stopped()) {
+    if (std::optional<Task> task = schedule.takeDue(monotonicNanos())) {
+      beforeTask();
+      lock.unlock();
+      (*task)();
+      lock.lock();
+      continue;
+    }
+    if (schedule.empty()) {
+      wake.wait(lock);
+    } else {
+      wake.wait_for(lock, std::chrono::nanoseconds(schedule.nextDue() - monotonicNanos()));
+    }
+  }
+}
 
 }  // namespace qxlog::platform
 
