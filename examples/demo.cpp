@@ -23,9 +23,26 @@
 #include <thread>
 
 #include "QXLog/QXLog.h"
+#include "QXLog/QXLogPlayEvents.h"
 #include "collector/server/LocalCollector.h"
 
 namespace {
+
+// Milliseconds since 1970 on the wall clock.
+int64_t nowMillis() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// A player event through the C interface, in the play-event vocabulary.
+void playAction(QXLogPlayOperation operation, QXLogPlayStatus status, int64_t startMillis,
+                int64_t endMillis, int64_t startPosition, int64_t endPosition, int64_t playTime) {
+  recordPlayActionLog(QXLogPlayOperationText(operation), QXLogPlayStatusText(status),
+                      std::to_string(startMillis).c_str(), std::to_string(endMillis).c_str(),
+                      std::to_string(startPosition).c_str(), std::to_string(endPosition).c_str(),
+                      std::to_string(playTime).c_str());
+}
 
 using Clock = std::chrono::steady_clock;
 
@@ -158,25 +175,29 @@ void playSession(Expected& expected) {
   recordNetworkLog("http://127.0.0.1/api/v1/home", 240, "200");
   ++expected.records["7"];
 
-  // A film with player events. The second buffering report repeats the
-  // first one's start time, so the library drops it (it folds in as {}).
+  // A film with player events in the play-event vocabulary (times in ms since
+  // 1970, positions in ms of media time). The second buffering report repeats
+  // the first one's start time, so the library drops it (it folds in as {}).
+  const int64_t t = nowMillis();
   recordMoviePlayLog("42", "http://127.0.0.1/media/film-42.m3u8", "home", false, "0");
   ++expected.records["1"];
-  recordPlayActionLog("1", "1", "1000", "1000", "0", "0", "0");
-  recordPlayActionLog("5", "1", "4000", "5200", "3", "3", "1200");
-  recordPlayActionLog("5", "1", "4000", "5400", "3", "3", "1400");
-  recordPlayActionLog("2", "0", "9000", "9000", "8", "8", "8000");
+  playAction(QXLogPlayOperationStart, QXLogPlayStatusPlaying, t, t, 0, 0, 0);
+  playAction(QXLogPlayOperationBuffering, QXLogPlayStatusBuffering, t + 3000, t + 4200, 3000, 3000,
+             1200);
+  playAction(QXLogPlayOperationBuffering, QXLogPlayStatusBuffering, t + 3000, t + 4400, 3000, 3000,
+             1400);
+  playAction(QXLogPlayOperationEnd, QXLogPlayStatusStopped, t + 8000, t + 8000, 8000, 8000, 8000);
   expected.playActions["1"] += 3;
 
   recordSmallPlayLog("short-7", "http://127.0.0.1/media/short-7.mp4", "feed", false, "1");
   ++expected.records["5"];
-  recordPlayActionLog("1", "1", "2000", "2000", "0", "0", "0");
+  playAction(QXLogPlayOperationStart, QXLogPlayStatusPlaying, t + 1000, t + 1000, 0, 0, 0);
   expected.playActions["5"] += 1;
 
   recordChannelPlayLog("channel-1", "http://127.0.0.1/live/channel-1.m3u8", "live", false, "0");
   ++expected.records["6"];
-  recordPlayActionLog("1", "1", "3000", "3000", "0", "0", "0");
-  recordPlayActionLog("2", "0", "6000", "6000", "3", "3", "3000");
+  playAction(QXLogPlayOperationStart, QXLogPlayStatusPlaying, t + 2000, t + 2000, 0, 0, 0);
+  playAction(QXLogPlayOperationEnd, QXLogPlayStatusStopped, t + 5000, t + 5000, 3000, 3000, 3000);
   expected.playActions["6"] += 2;
 
   recordDiagnosLog("http://127.0.0.1/media/film-42.m3u8", "timeout", "1000", "9000", "1500", "8000",
