@@ -99,7 +99,7 @@ Decoded<std::string> decryptLogData(std::string_view ciphertext, const NullableS
   return Decoded<std::string>{std::move(out), {}};
 }
 
-Decoded<std::string> gunzip(std::string_view compressed) {
+Decoded<std::string> gunzip(std::string_view compressed, std::size_t maxBytes) {
   if (compressed.size() < 18) return Decoded<std::string>::failure("gzip: too short for a member");
   if (compressed.size() > UINT_MAX) return Decoded<std::string>::failure("gzip: input too long");
   z_stream stream{};
@@ -115,6 +115,11 @@ Decoded<std::string> gunzip(std::string_view compressed) {
     stream.avail_out = static_cast<uInt>(chunk.size());
     status = inflate(&stream, Z_NO_FLUSH);
     out.append(reinterpret_cast<const char*>(chunk.data()), chunk.size() - stream.avail_out);
+    if (out.size() > maxBytes) {
+      inflateEnd(&stream);
+      return Decoded<std::string>::failure("gzip: inflates past " + std::to_string(maxBytes) +
+                                           " bytes");
+    }
   }
   const uInt leftover = stream.avail_in;
   const char* message = stream.msg;
@@ -127,16 +132,18 @@ Decoded<std::string> gunzip(std::string_view compressed) {
   return Decoded<std::string>{std::move(out), {}};
 }
 
-Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableString& key) {
+Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableString& key,
+                                       std::size_t maxInflatedBytes) {
   Decoded<std::string> bytes = base64Decode(logData);
   if (!bytes) return bytes;
   Decoded<std::string> plain = decryptLogData(*bytes.value, key);
   if (!plain) return plain;
-  return gunzip(*plain.value);
+  return gunzip(*plain.value, maxInflatedBytes);
 }
 
-Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key) {
-  Decoded<std::string> text = decodeLogDataText(logData, key);
+Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
+                             std::size_t maxInflatedBytes) {
+  Decoded<std::string> text = decodeLogDataText(logData, key, maxInflatedBytes);
   if (!text) return Decoded<Value>::failure(std::move(text.error));
   std::optional<Value> body = platform::parseJson(*text.value);
   if (!body) return Decoded<Value>::failure("json: the body is not valid JSON");

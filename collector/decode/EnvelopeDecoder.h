@@ -31,13 +31,20 @@ Decoded<std::string> base64Decode(std::string_view text);
 // string becomes 16 bytes as on the client: UTF-8, zero padded or cut; nil is
 // 16 zero bytes.
 Decoded<std::string> decryptLogData(std::string_view ciphertext, const NullableString& key);
-// One complete gzip member, nothing after it.
-Decoded<std::string> gunzip(std::string_view compressed);
+// No output limit.
+inline constexpr std::size_t kUnlimited = static_cast<std::size_t>(-1);
+
+// One complete gzip member, nothing after it, inflating to at most
+// `maxBytes` (a small upload can inflate a thousandfold); the error then
+// starts "gzip: inflates past".
+Decoded<std::string> gunzip(std::string_view compressed, std::size_t maxBytes = kUnlimited);
 
 // The JSON text of an upload body.
-Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableString& key);
+Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableString& key,
+                                       std::size_t maxInflatedBytes = kUnlimited);
 // The upload body itself, normally {"t": header, "a": records}.
-Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key);
+Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
+                             std::size_t maxInflatedBytes = kUnlimited);
 
 }  // namespace qxlog::collector
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "QXLog/platform/Json.h"
+#include "QXLog/platform/Text.h"
 #include "collector/legend/FieldLegend.h"
 
 namespace qxlog::collector {
@@ -31,6 +32,28 @@ Dictionary diagnosisFields(int64_t id, const DiagnosisRow& diagnosis) {
 }
 
 }  // namespace
+
+std::string printable(std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (char c : platform::validUtf8(text)) {
+    auto byte = static_cast<unsigned char>(c);
+    if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (byte < 0x20 || byte == 0x7f) {
+      out += "\\x";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 15];
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
 
 std::optional<std::string> prettyJson(const std::string& text) {
   auto parsed = nlohmann::ordered_json::parse(text, nullptr, false);

@@ -11,6 +11,11 @@
 
 namespace qxlog::collector {
 
+// Text fit for one log line: valid UTF-8, with line breaks, tabs and other
+// control characters written as \n, \r, \t and \xNN, so that what a client
+// sends cannot forge or break a line.
+std::string printable(std::string_view text);
+
 // JSON indented by two spaces, keys in their original order.
 std::string prettyJson(const Value& value);
 // Nothing when `text` is not JSON.

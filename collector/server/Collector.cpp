@@ -7,6 +7,7 @@
 
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/Json.h"
+#include "QXLog/platform/Text.h"
 #include "collector/decode/EnvelopeDecoder.h"
 
 namespace qxlog::collector {
@@ -14,10 +15,13 @@ namespace {
 
 constexpr const char* kTokenSalt = "Rk4TqzWmLpVhNc7XsJdBfYoE";
 
+// A form or query field as valid UTF-8 (invalid bytes replaced by U+FFFD, as
+// the library does with host strings), so that nothing stored or printed is
+// malformed. log_data is base64 and passes unchanged.
 std::optional<std::string> field(const HttpServerRequest& request, const std::string& name) {
   auto it = request.params.find(name);
   if (it == request.params.end()) return std::nullopt;
-  return it->second;
+  return platform::validUtf8(it->second);
 }
 
 std::string fieldOrEmpty(const HttpServerRequest& request, const std::string& name) {
@@ -155,8 +159,11 @@ HttpServerAnswer Collector::log(const HttpServerRequest& request) {
   if (std::string why = checkToken(token); !why.empty()) {
     return refuse(request, 403, why);
   }
-  Decoded<Value> decoded = decodeLogData(*logData, options_.key);
-  if (!decoded) return refuse(request, 400, "log_data: " + decoded.error);
+  Decoded<Value> decoded = decodeLogData(*logData, options_.key, options_.maxInflatedBytes);
+  if (!decoded) {
+    bool tooLarge = decoded.error.starts_with("gzip: inflates past");
+    return refuse(request, tooLarge ? 413 : 400, "log_data: " + decoded.error);
+  }
 
   const Dictionary* body = decoded.value->asDictionary();
   const Value* header = body ? body->find("t") : nullptr;
@@ -165,15 +172,27 @@ HttpServerAnswer Collector::log(const HttpServerRequest& request) {
       !(header->asDictionary() || header->asString())) {
     return refuse(request, 400, "log_data: the body is not {\"t\": header, \"a\": records}");
   }
+  if (records->asArray()->size() > options_.maxRecordsPerUpload) {
+    return refuse(
+        request, 413,
+        "log_data: more than " + std::to_string(options_.maxRecordsPerUpload) + " records");
+  }
   for (const Value& record : *records->asArray()) {
     if (!record.asDictionary()) return refuse(request, 400, "log_data: a record is not an object");
   }
   if (!answersSuccess()) return notStored(request);
+  // An upload seen before (same token, same log_data) is confirmed again but
+  // stored once: a client repeats an upload whose answer it lost.
+  if (std::optional<int64_t> first = store_.recordReplay(token, *logData)) {
+    if (events_.replay) events_.replay(request, *first);
+    return confirm();
+  }
 
   UploadRow row;
   row.receivedAt = nowMillis();
   row.peer = request.peer;
   row.token = token;
+  row.digest = uploadDigest(token, *logData);
   if (header->asDictionary()) row.header = *header->asDictionary();
   row.records = *records->asArray();
   std::string error;
@@ -219,6 +238,8 @@ HttpServerAnswer Collector::received(const HttpServerRequest& request) {
   const Delivered delivered = store_.delivered(uid);
   Dictionary answer;
   answer.set("uploads", Value(delivered.uploads));
+  // Present once an upload was replayed, so that older readers see no change.
+  if (delivered.replays > 0) answer.set("replays", Value(delivered.replays));
   answer.set("records", Value(countsOf(delivered.records)));
   answer.set("play_actions", Value(countsOf(delivered.playActions)));
   answer.set("diagnoses", Value(delivered.diagnoses));

@@ -44,6 +44,10 @@ struct CollectorOptions {
   // The HTTP status of upload answers. Outside 200..299 the client sends the
   // batch once more; the collector stores nothing.
   int answerStatus = 200;
+  // What one upload may hold: bytes once inflated, and records. Beyond
+  // either it is refused with 413 and nothing is stored.
+  std::size_t maxInflatedBytes = 16 << 20;
+  std::size_t maxRecordsPerUpload = 10000;
   SystemClock clock = [] { return std::chrono::system_clock::now(); };
 };
 
@@ -52,6 +56,8 @@ struct CollectorEvents {
   std::function<void(int64_t id, const UploadRow&)> upload;
   std::function<void(int64_t id, const DiagnosisRow&)> diagnosis;
   std::function<void(const HttpServerRequest&, const std::string& uid)> settings;
+  // An upload answered "200" but not stored again: it repeats upload `first`.
+  std::function<void(const HttpServerRequest&, int64_t first)> replay;
   // A request that was answered but not stored, and why.
   std::function<void(const HttpServerRequest&, int status, const std::string& reason)> refusal;
 };

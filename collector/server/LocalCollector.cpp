@@ -46,6 +46,10 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
                   request.peer + ": " + reason);
   };
   events.refusal = refusal;
+  events.replay = [self](const HttpServerRequest& request, int64_t first) {
+    self->logLine("replay of upload #" + std::to_string(first) + " from " + request.peer +
+                  ": answered, not stored again");
+  };
   self->collector_ =
       std::make_unique<Collector>(self->options_.collector, *self->store_, std::move(events));
 
@@ -79,7 +83,7 @@ std::string LocalCollector::baseUrl() const {
 
 void LocalCollector::logLine(const std::string& line) {
   std::lock_guard lock(outputMutex_);
-  std::fprintf(options_.log, "%s: %s\n", options_.name.c_str(), line.c_str());
+  std::fprintf(options_.log, "%s: %s\n", options_.name.c_str(), printable(line).c_str());
   std::fflush(options_.log);
 }
 

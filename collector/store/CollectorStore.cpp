@@ -1,5 +1,6 @@
 #include "collector/store/CollectorStore.h"
 
+#include <openssl/evp.h>
 #include <sqlite3.h>
 
 #include <utility>
@@ -32,6 +33,11 @@ CREATE TABLE IF NOT EXISTS records (
   body TEXT NOT NULL
 );
 CREATE INDEX IF NOT EXISTS records_by_type ON records(type);
+CREATE TABLE IF NOT EXISTS upload_digests (
+  digest TEXT PRIMARY KEY,
+  upload_id INTEGER NOT NULL REFERENCES uploads(id),
+  replays INTEGER NOT NULL DEFAULT 0
+);
 CREATE TABLE IF NOT EXISTS diagnoses (
   id INTEGER PRIMARY KEY,
   received_at INTEGER NOT NULL,
@@ -181,6 +187,17 @@ std::optional<int64_t> CollectorStore::addUpload(const UploadRow& upload, std::s
     return fail();
   }
   const int64_t uploadId = sqlite3_last_insert_rowid(db_);
+  if (!upload.digest.empty()) {
+    Statement insertDigest = prepare(
+        db_, "INSERT OR IGNORE INTO upload_digests (digest, upload_id) VALUES (?, ?)", error);
+    if (!insertDigest) return fail();
+    bindText(insertDigest.get(), 1, upload.digest);
+    sqlite3_bind_int64(insertDigest.get(), 2, uploadId);
+    if (sqlite3_step(insertDigest.get()) != SQLITE_DONE) {
+      error = sqlite3_errmsg(db_);
+      return fail();
+    }
+  }
 
   Statement insertRecord = prepare(db_,
                                    "INSERT INTO records (upload_id, position, type, name, "
@@ -277,6 +294,35 @@ std::vector<std::string> CollectorStore::diagnoses() {
   return out;
 }
 
+std::string uploadDigest(const std::string& token, const std::string& logData) {
+  std::string identity = token + "\n" + logData;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(identity.data(), identity.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+    return "";
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (unsigned int i = 0; i < length; ++i) {
+    hex += kHex[digest[i] >> 4];
+    hex += kHex[digest[i] & 15];
+  }
+  return hex;
+}
+
+std::optional<int64_t> CollectorStore::recordReplay(const std::string& token,
+                                                    const std::string& logData) {
+  std::lock_guard lock(mutex_);
+  std::string error;
+  Statement replay = prepare(
+      db_, "UPDATE upload_digests SET replays = replays + 1 WHERE digest = ? RETURNING upload_id",
+      error);
+  if (!replay) return std::nullopt;
+  bindText(replay.get(), 1, uploadDigest(token, logData));
+  if (sqlite3_step(replay.get()) != SQLITE_ROW) return std::nullopt;
+  return sqlite3_column_int64(replay.get(), 0);
+}
+
 Delivered CollectorStore::delivered(const std::optional<std::string>& device) {
   std::lock_guard lock(mutex_);
   std::string error;
@@ -289,6 +335,16 @@ Delivered CollectorStore::delivered(const std::optional<std::string>& device) {
     bindDevice(uploads.get());
     if (sqlite3_step(uploads.get()) == SQLITE_ROW) {
       out.uploads = sqlite3_column_int64(uploads.get(), 0);
+    }
+  }
+  if (Statement replays = prepare(db_,
+                                  "SELECT coalesce(sum(d.replays), 0) FROM upload_digests d "
+                                  "JOIN uploads u ON u.id = d.upload_id "
+                                  "WHERE ?1 IS NULL OR u.device = ?1",
+                                  error)) {
+    bindDevice(replays.get());
+    if (sqlite3_step(replays.get()) == SQLITE_ROW) {
+      out.replays = sqlite3_column_int64(replays.get(), 0);
     }
   }
   if (Statement diagnoses =

@@ -6,7 +6,10 @@
 //   records(id, upload_id, position, type, name, play_actions, body)
 //   diagnoses(id, received_at, peer, token, user_id, device, user_phone, velin,
 //             version, report)
+//   upload_digests(digest, upload_id, replays)
 //
+// "digest" identifies an upload by its token and "log_data" (SHA-256, hex):
+// a repeat of a stored upload is counted in "replays" instead of stored.
 // "header", "body" and "report" hold compact JSON; "received_at" is
 // milliseconds since 1970; "device" is the device id (the header's "t_2", the
 // diagnosis's "uid"); "play_actions" counts the non-empty play actions folded
@@ -32,6 +35,7 @@ struct UploadRow {
   int64_t receivedAt = 0;
   std::string peer;
   std::string token;
+  std::string digest;  // uploadDigest of its token and log_data; "" for none
   Dictionary header;
   Array records;  // dictionaries
 };
@@ -61,13 +65,20 @@ struct StoredRecord {
 // video type, diagnoses and uploads.
 struct Delivered {
   int64_t uploads = 0;
+  int64_t replays = 0;  // uploads answered again but not stored again
   int64_t diagnoses = 0;
   std::map<std::string, int64_t> records;
   std::map<std::string, int64_t> playActions;
 };
 
+// SHA-256 in hex of the token and the log_data, which identify an upload.
+std::string uploadDigest(const std::string& token, const std::string& logData);
+
 class CollectorStore {
  public:
+  // When an upload with this token and log_data is stored already: counts
+  // the replay and returns the stored upload's id.
+  std::optional<int64_t> recordReplay(const std::string& token, const std::string& logData);
   // Opens or creates the database and its tables. Nothing on failure, with
   // the reason in `error`.
   static std::unique_ptr<CollectorStore> open(const std::string& path, std::string& error);

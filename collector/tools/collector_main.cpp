@@ -33,6 +33,8 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
   --answer-status STATUS       HTTP status of upload answers (default 200; outside 2xx
                                hosts send the batch once more; nothing is stored)
   --max-body BYTES             largest request body taken (default 8388608)
+  --max-inflated BYTES         largest upload once inflated (default 16777216)
+  --max-records N              most records in one upload (default 10000)
   --quiet                      print nothing of what arrives
   --json                       print what arrives as one JSON object per line
   --explain                    print every key of what arrives with its meaning
@@ -109,6 +111,14 @@ int main(int argc, char** argv) {
       }
     } else if (arg == "--max-body") {
       if (!parseNumber(text, options.maxBodyBytes)) return usageError("--max-body takes bytes");
+    } else if (arg == "--max-inflated") {
+      if (!parseNumber(text, options.collector.maxInflatedBytes)) {
+        return usageError("--max-inflated takes bytes");
+      }
+    } else if (arg == "--max-records") {
+      if (!parseNumber(text, options.collector.maxRecordsPerUpload)) {
+        return usageError("--max-records takes a count");
+      }
     } else {
       return usageError("unknown option: " + std::string(arg));
     }

@@ -331,5 +331,64 @@ TEST(CollectorReport, PrintsTheHeaderOnceAndEachRecordByName) {
             "{\n  \"b\": \"1\",\n  \"a\": \"2\"\n}");
 }
 
+// What any client may send, with the limits set small so that the attacks
+// are quick: each gets its limit's answer, a log line, and nothing stored.
+TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
+  collector_.reset();
+  start(kTestKey);  // the defaults: 16 MiB inflated, 10 000 records
+  // 32 MiB of zeros seal into less than the body limit, and inflate past 16 MiB.
+  std::string bomb = sealJson("{\"t\":{},\"a\":[\"" + std::string(32 << 20, '0') + "\"]}");
+  ASSERT_LT(bomb.size(), 64u << 10);
+  Reply inflated = postForm(port_, "/log", logForm(bomb, today()));
+  EXPECT_EQ(inflated.status, 413);
+  EXPECT_NE(inflated.body.find("inflates past 16777216 bytes"), std::string::npos);
+
+  std::string many = "{\"t\":{},\"a\":[{}";
+  for (int i = 0; i < 10000; ++i) many += ",{}";
+  Reply flood = postForm(port_, "/log", logForm(sealJson(many + "]}"), today()));
+  EXPECT_EQ(flood.status, 413);
+  EXPECT_NE(flood.body.find("more than 10000 records"), std::string::npos);
+  EXPECT_TRUE(nothingStored());
+
+  // A line feed in the path cannot start a line of its own in the log.
+  roundTrip(port_, "GET /x\nqxlog-collector: forged HTTP/1.1\r\n\r\n");
+  std::string log = readAll(log_);
+  EXPECT_EQ(log.find("\nqxlog-collector: from"), std::string::npos) << log;
+  EXPECT_NE(log.find("GET /x\\nqxlog-collector: from"), std::string::npos) << log;
+}
+
+TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
+  std::string form = logForm(sealJson(R"({"t":{"t_2":"d"},"a":[{"a_t":"2","a_1":"x"}]})"), today());
+  for (int i = 0; i < 3; ++i) {
+    Reply reply = postForm(port_, "/log", form);
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(reply.body, "{\"operate_code\":\"200\"}\n");
+  }
+  collector::Delivered delivered = collector_->store().delivered();
+  EXPECT_EQ(delivered.uploads, 1);
+  EXPECT_EQ(delivered.replays, 2);
+  EXPECT_EQ(collector_->store().records().size(), 1u);
+  EXPECT_NE(get(port_, "/received").body.find("\"replays\":2"), std::string::npos);
+  // Another day's token makes it another upload.
+  std::string yesterday = acceptedDayTokens(collector::SystemClock([clock = clock_] {
+    return std::chrono::system_clock::time_point(
+        std::chrono::milliseconds(static_cast<int64_t>(clock->wallSeconds() * 1000)));
+  })())[1];
+  EXPECT_EQ(postForm(port_, "/log", logForm(sealJson(R"({"t":{},"a":[]})"), yesterday)).status,
+            200);
+  EXPECT_EQ(collector_->store().delivered().uploads, 2);
+}
+
+TEST_F(CollectorTest, FieldsThatAreNotUtf8AreStoredAndPrintedAsValidUtf8) {
+  std::string form = "diagnosis_log=" + formEncode(sealJson(R"({"play_info":{}})")) +
+                     "&token=" + formEncode(today()) + "&user_id=a%FFb&uid=dev%C3&user_phone=1";
+  EXPECT_EQ(postForm(port_, "/diagnosis", form).status, 200);
+  const auto diagnoses = collector_->store().diagnoses();
+  ASSERT_EQ(diagnoses.size(), 1u);
+  EXPECT_NE(diagnoses[0].find("a\xEF\xBF\xBD" "b"), std::string::npos) << diagnoses[0];
+  EXPECT_EQ(platform::validUtf8(diagnoses[0]), diagnoses[0]);
+  EXPECT_EQ(collector::printable("a\nb\x01\xff"), "a\\nb\\x01\xEF\xBF\xBD");
+}
+
 }  // namespace
 }  // namespace qxlog
