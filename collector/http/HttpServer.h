@@ -1,25 +1,25 @@
-// A small HTTP/1.1 server on raw sockets for the collector and the tests.
+// The HTTP/1.1 front of the collector and of the tests' log server, on
+// libmicrohttpd: a pool of threads, connection limits, timeouts.
 //
-// Why not a general-purpose server library: the log client announces
-// "Content-Encoding: gzip" on bodies it sends uncompressed (diagnosis and
-// repeated uploads), and the libraries at hand insist on inflating such
-// bodies and refuse the request. This server hands the body over as it came.
+// libmicrohttpd hands a request's body over as it came: the log client
+// announces "Content-Encoding: gzip" on bodies it sends uncompressed
+// (diagnoses and repeated uploads), which servers that inflate such bodies
+// refuse.
 //
-// One request per connection (answers carry "Connection: close"); each
-// connection is served on its own thread, up to a bounded number at once.
-// stop() wakes idle connections within a few tens of milliseconds.
+// One request per connection (answers carry "Connection: close"). Beyond
+// the limits below a request is answered 413 or 503 at once, and told to
+// `refused`; a connection that takes longer than the request deadline from
+// its start to its answer is closed, whether it trickles or stalls.
 #ifndef QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 #define QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
+
+#include "collector/http/FormFields.h"
 
 namespace qxlog::collector {
 
@@ -51,16 +51,18 @@ class HttpServer {
     std::string host = "127.0.0.1";
     int port = 0;  // 0: any free port
     std::size_t maxBodyBytes = 16 << 20;
-    std::chrono::milliseconds readTimeout{10000};
-    // Connections served at once; further ones are answered 503 at once.
+    // From a connection's start to its answer, however the bytes trickle.
+    std::chrono::milliseconds requestDeadline{30000};
+    // Connections open at once, in all and from one client address.
     std::size_t maxConnections = 64;
-    // Told about each request that the server refuses itself (malformed,
-    // oversized, incomplete), with the status and the one-line reason.
+    std::size_t maxConnectionsPerClient = 16;
+    // Told about each request that the server refuses itself (oversized, over
+    // a limit), with the status and the one-line reason.
     std::function<void(const HttpServerRequest&, int status, const std::string& reason)> refused;
   };
 
   HttpServer(Options options, Handler handler);
-  ~HttpServer();  // stops and joins every thread
+  ~HttpServer();  // stops
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
@@ -70,31 +72,15 @@ class HttpServer {
   int port() const { return port_; }
   const std::string& error() const { return error_; }
 
- private:
-  struct Connection {
-    std::thread thread;
-    std::shared_ptr<std::atomic<bool>> done;
-  };
-  void acceptLoop();
-  void reapFinishedLocked();
-  void serve(int connection, std::string peer);
-  bool readMore(int fd, std::string& buffer) const;
-  void refuse(int fd, const HttpServerRequest& request, int status, const std::string& reason);
+  struct State;  // what libmicrohttpd's callbacks share
 
+ private:
   Options options_;
   Handler handler_;
-  int listener_ = -1;
   int port_ = 0;
   std::string error_;
-  std::atomic<bool> stopping_{false};
-  std::thread acceptor_;
-  std::mutex connectionsMutex_;
-  std::vector<Connection> connections_;
+  std::unique_ptr<State> state_;
 };
-
-// Decodes "a=1&b=x+y%21" into fields.
-void parseFormFields(const std::string& text, std::multimap<std::string, std::string>& fields);
-std::string percentDecode(const std::string& text, bool plusIsSpace);
 
 }  // namespace qxlog::collector
 

@@ -57,6 +57,9 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
   serverOptions.host = self->options_.host;
   serverOptions.port = self->options_.port;
   serverOptions.maxBodyBytes = self->options_.maxBodyBytes;
+  serverOptions.requestDeadline = self->options_.requestDeadline;
+  serverOptions.maxConnections = self->options_.maxConnections;
+  serverOptions.maxConnectionsPerClient = self->options_.maxConnectionsPerClient;
   serverOptions.refused = refusal;
   self->server_ = std::make_unique<HttpServer>(
       serverOptions,

@@ -4,6 +4,7 @@
 #ifndef QXLOG_COLLECTOR_SERVER_LOCALCOLLECTOR_H_
 #define QXLOG_COLLECTOR_SERVER_LOCALCOLLECTOR_H_
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -23,6 +24,11 @@ struct LocalCollectorOptions {
   int port = 0;  // 0: a free port
   std::string database = "qxlog-collector.db";
   std::size_t maxBodyBytes = 8 << 20;
+  // From a connection's start to its answer; connections at once, in all and
+  // from one client address. Beyond them: closed, or answered 503.
+  std::chrono::milliseconds requestDeadline{30000};
+  std::size_t maxConnections = 64;
+  std::size_t maxConnectionsPerClient = 16;
   CollectorOptions collector;
   // What arrives goes to `out`, readable or as JSON lines, unless quiet.
   // Refusals and settings requests are logged to `log` (refusals always).

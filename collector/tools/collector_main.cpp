@@ -35,6 +35,9 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
   --max-body BYTES             largest request body taken (default 8388608)
   --max-inflated BYTES         largest upload once inflated (default 16777216)
   --max-records N              most records in one upload (default 10000)
+  --deadline MS                longest a request may take, start to answer (default 30000)
+  --max-connections N          connections open at once (default 64)
+  --max-client-connections N   connections open at once from one address (default 16)
   --quiet                      print nothing of what arrives
   --json                       print what arrives as one JSON object per line
   --explain                    print every key of what arrives with its meaning
@@ -114,6 +117,18 @@ int main(int argc, char** argv) {
     } else if (arg == "--max-inflated") {
       if (!parseNumber(text, options.collector.maxInflatedBytes)) {
         return usageError("--max-inflated takes bytes");
+      }
+    } else if (arg == "--deadline") {
+      int64_t millis = 0;
+      if (!parseNumber(text, millis) || millis <= 0) return usageError("--deadline takes ms");
+      options.requestDeadline = std::chrono::milliseconds(millis);
+    } else if (arg == "--max-connections") {
+      if (!parseNumber(text, options.maxConnections)) {
+        return usageError("--max-connections takes a count");
+      }
+    } else if (arg == "--max-client-connections") {
+      if (!parseNumber(text, options.maxConnectionsPerClient)) {
+        return usageError("--max-client-connections takes a count");
       }
     } else if (arg == "--max-records") {
       if (!parseNumber(text, options.collector.maxRecordsPerUpload)) {
