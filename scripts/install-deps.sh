@@ -8,7 +8,7 @@ packages=(
   zlib1g-dev libssl-dev libcurl4-openssl-dev libplist-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
   python3 openssl valgrind
-  libglib2.0-dev libmicrohttpd-dev
+  libglib2.0-dev libmicrohttpd-dev libjs-chart.js chromium
 )
 if [[ "${QXLOG_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(clang libclang-rt-14-dev)

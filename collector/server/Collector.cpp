@@ -62,7 +62,10 @@ std::vector<std::string> acceptedDayTokens(std::chrono::system_clock::time_point
 }
 
 Collector::Collector(CollectorOptions options, CollectorStore& store, CollectorEvents events)
-    : options_(std::move(options)), store_(store), events_(std::move(events)) {}
+    : options_(std::move(options)),
+      store_(store),
+      events_(std::move(events)),
+      dashboard_(store, options_.chartJsPath) {}
 
 int64_t Collector::nowMillis() const {
   return std::chrono::duration_cast<std::chrono::milliseconds>(options_.clock().time_since_epoch())
@@ -94,6 +97,7 @@ HttpServerAnswer Collector::handle(const HttpServerRequest& request) {
     }
     return (this->*route.serve)(request);
   }
+  if (std::optional<HttpServerAnswer> page = dashboard_.serve(request)) return *page;
   return refuse(request, 404, "no such path: " + request.path);
 }
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "QXLog/QXLogValue.h"
+#include "collector/dashboard/Dashboard.h"
 #include "collector/http/HttpServer.h"
 #include "collector/store/CollectorStore.h"
 
@@ -48,6 +49,8 @@ struct CollectorOptions {
   // either it is refused with 413 and nothing is stored.
   std::size_t maxInflatedBytes = 16 << 20;
   std::size_t maxRecordsPerUpload = 10000;
+  // Where the dashboard's Chart.js is read from.
+  std::string chartJsPath = kSystemChartJs;
   SystemClock clock = [] { return std::chrono::system_clock::now(); };
 };
 
@@ -89,6 +92,7 @@ class Collector {
   CollectorEvents events_;
   mutable std::mutex mutex_;
   std::map<std::string, int64_t> settingsRequests_;
+  Dashboard dashboard_;
 };
 
 }  // namespace qxlog::collector

@@ -323,6 +323,20 @@ std::optional<int64_t> CollectorStore::recordReplay(const std::string& token,
   return sqlite3_column_int64(replay.get(), 0);
 }
 
+std::vector<std::vector<std::string>> CollectorStore::rows(const std::string& sql) {
+  std::lock_guard lock(mutex_);
+  std::string error;
+  std::vector<std::vector<std::string>> out;
+  Statement query = prepare(db_, sql.c_str(), error);
+  if (!query) return out;
+  const int columns = sqlite3_column_count(query.get());
+  while (sqlite3_step(query.get()) == SQLITE_ROW) {
+    std::vector<std::string>& row = out.emplace_back();
+    for (int i = 0; i < columns; ++i) row.push_back(columnText(query.get(), i));
+  }
+  return out;
+}
+
 Delivered CollectorStore::delivered(const std::optional<std::string>& device) {
   std::lock_guard lock(mutex_);
   std::string error;

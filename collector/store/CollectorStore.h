@@ -95,6 +95,8 @@ class CollectorStore {
   std::vector<StoredRecord> records(const std::optional<std::string>& type = std::nullopt);
   // Diagnoses in arrival order, as compact JSON of the whole row.
   std::vector<std::string> diagnoses();
+  // The rows of a read-only query, each column as text ("" for NULL).
+  std::vector<std::vector<std::string>> rows(const std::string& sql);
   // Totals, for one device when `device` is given.
   Delivered delivered(const std::optional<std::string>& device = std::nullopt);
 

@@ -1,0 +1,83 @@
+// The dashboard in a real browser: headless Chromium loads the page of a
+// collector that received the demo's session, runs its scripts, and the test
+// reads the rendered DOM; a screenshot is left in the build directory.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "collector/server/LocalCollector.h"
+#include "tests/support/TestPlatform.h"
+
+namespace qxlog::testing {
+namespace {
+
+std::string chromium() {
+  for (const char* path : {"/usr/bin/chromium", "/usr/bin/chromium-browser"}) {
+    if (std::filesystem::exists(path)) return path;
+  }
+  return "";
+}
+
+std::size_t count(const std::string& text, const std::string& part) {
+  std::size_t found = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++found;
+  }
+  return found;
+}
+
+TEST(DashboardTest, ShowsTheDemoSessionInAHeadlessBrowser) {
+  const std::string browser = chromium();
+  if (browser.empty()) GTEST_SKIP() << "chromium is not installed";
+  char pattern[] = "/tmp/qxlog-dashboard-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  collector::LocalCollectorOptions options;
+  options.database = std::string(pattern) + "/collector.db";
+  options.collector.key = "demo-key-0123456";
+  options.collector.pushIntervalTime = 1000;
+  options.collector.pushIntervalNumber = 50;
+  options.output = collector::Output::kQuiet;
+  std::FILE* log = std::tmpfile();
+  options.log = log;
+  std::string error;
+  auto collector = collector::LocalCollector::start(options, error);
+  ASSERT_TRUE(collector) << error;
+  Finished demo = run(std::string(QXLOG_TEST_DEMO) + " --quiet --server " + collector->baseUrl());
+  ASSERT_EQ(demo.status, 0) << demo.output;
+
+  const std::string flags =
+      " --headless=new --no-sandbox --disable-gpu --hide-scrollbars "
+      "--window-size=1280,1700 --virtual-time-budget=4000 ";
+  Finished page = run(browser + flags + "--dump-dom " + collector->baseUrl() + "/ 2>/dev/null");
+  ASSERT_EQ(page.status, 0);
+  const std::string& dom = page.output;
+  EXPECT_NE(dom.find("data-loaded=\"1\""), std::string::npos) << dom.substr(0, 2000);
+  // The records table, named by type with the legend beside each key.
+  EXPECT_GE(count(dom, "<td>action</td>"), 3u);
+  EXPECT_NE(dom.find("average rate since the start, KB/s"), std::string::npos);
+  // Charts painted by Chart.js, served by the collector itself.
+  // (data-drawn counts the pixels in the data's colour; a legend alone has
+  // a few hundred, the demo's bars thousands.)
+  for (const char* id : {"perType", "perMinute"}) {
+    std::smatch drawn;
+    ASSERT_TRUE(std::regex_search(
+        dom, drawn, std::regex(std::string("id=\"") + id + "\"[^>]*data-drawn=\"(\\d+)\"")))
+        << id;
+    EXPECT_GT(std::stoi(drawn[1]), 3000) << id;
+  }
+  // Each play with its actions on a timeline, the buffering span among them.
+  EXPECT_EQ(count(dom, "class=\"play\""), 3u);
+  EXPECT_EQ(count(dom, "class=\"action op5\""), 1u);
+
+  const std::string screenshot = std::string(QXLOG_TEST_ARTIFACTS) + "/dashboard.png";
+  std::filesystem::remove(screenshot);
+  run(browser + flags + "--screenshot=" + screenshot + " " + collector->baseUrl() + "/");
+  EXPECT_GT(std::filesystem::file_size(screenshot), 20000u);
+  collector.reset();
+  std::fclose(log);
+  std::filesystem::remove_all(pattern);
+}
+
+}  // namespace
+}  // namespace qxlog::testing
