@@ -39,6 +39,7 @@ struct HttpServer::State {
   std::mutex mutex;
   std::map<std::string, std::size_t> perAddress;
   std::map<MHD_Connection*, OpenConnection*> open;
+  std::size_t admitted = 0;  // open connections within the limits
   std::condition_variable wake;
   bool stopping = false;
   std::thread sweeper;
@@ -116,7 +117,8 @@ void onConnection(void* cls, MHD_Connection* connection, void** socketContext,
     open->fd = fd != nullptr ? fd->connect_fd : -1;
     std::size_t fromAddress = ++state->perAddress[open->address];
     open->overLimit = fromAddress > state->options.maxConnectionsPerClient ||
-                      state->open.size() >= state->options.maxConnections;
+                      state->admitted >= state->options.maxConnections;
+    if (!open->overLimit) ++state->admitted;
     state->open[connection] = open;
     *socketContext = open;
     return;
@@ -124,6 +126,7 @@ void onConnection(void* cls, MHD_Connection* connection, void** socketContext,
   auto* open = static_cast<OpenConnection*>(*socketContext);
   if (open == nullptr) return;
   if (--state->perAddress[open->address] == 0) state->perAddress.erase(open->address);
+  if (!open->overLimit) --state->admitted;
   state->open.erase(connection);
   delete open;
   *socketContext = nullptr;
@@ -184,20 +187,30 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* /*url*/,
   return answer(connection, state->handler(request));
 }
 
-// Shuts down connections past the request deadline, however they trickle;
-// libmicrohttpd then closes them.
+// A connection over a limit has this long to send its request and be
+// answered 503; then it is closed, so that it holds no place.
+constexpr std::chrono::milliseconds kOverLimitGrace{1000};
+
+// Shuts down connections past the request deadline, however they trickle,
+// and connections over a limit past their grace; libmicrohttpd then closes
+// them.
 void sweep(HttpServer::State& state) {
   std::unique_lock lock(state.mutex);
   while (!state.stopping) {
     state.wake.wait_for(lock, std::chrono::milliseconds(100));
     const auto now = SteadyClock::now();
     for (auto& [connection, open] : state.open) {
-      if (open->expired || now - open->started < state.options.requestDeadline) continue;
+      auto allowed = open->overLimit ? kOverLimitGrace : state.options.requestDeadline;
+      if (open->expired || now - open->started < allowed) continue;
       open->expired = true;
       if (open->fd >= 0) ::shutdown(open->fd, SHUT_RDWR);
       HttpServerRequest request;
       request.peer = open->address;
-      state.refused(request, 408, "request deadline passed");
+      if (open->overLimit) {
+        state.refused(request, 503, "too many connections; closed");
+      } else {
+        state.refused(request, 408, "request deadline passed");
+      }
     }
   }
 }

@@ -8,8 +8,10 @@
 //
 // One request per connection (answers carry "Connection: close"). Beyond
 // the limits below a request is answered 413 or 503 at once, and told to
-// `refused`; a connection that takes longer than the request deadline from
-// its start to its answer is closed, whether it trickles or stalls.
+// `refused`; a connection over a connection limit that does not finish its
+// request within a second is closed, and so is any connection that takes
+// longer than the request deadline from its start to its answer, whether it
+// trickles or stalls.
 #ifndef QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 #define QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 

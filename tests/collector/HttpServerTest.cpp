@@ -85,10 +85,16 @@ TEST_F(HttpServerTest, ConnectionsOverALimitAreAnswered503WhileOthersAreServed) 
   held.push_back(connectFrom("127.0.0.4", port));
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(statusOf("127.0.0.5", port), 503);  // four open in all
+  // A connection over the limit that sends nothing is closed after its grace,
+  // so that it holds no place.
+  int idle = connectFrom("127.0.0.1", port);
+  std::string closed = readToEnd(idle);
+  ::close(idle);
+  EXPECT_EQ(closed, "");
   for (int fd : held) ::close(fd);
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(statusOf("127.0.0.1", port), 200);  // served again once they are gone
-  EXPECT_EQ(refusals(), (std::vector<int>{503, 503}));
+  EXPECT_EQ(refusals(), (std::vector<int>{503, 503, 503}));
 }
 
 TEST_F(HttpServerTest, ARequestThatTricklesPastTheDeadlineIsCutOff) {
