@@ -5,7 +5,7 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/center/CenterRegistry.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 
 namespace qxlog::bench {

@@ -38,13 +38,14 @@
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/DurableFlush.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/PropertyList.h"
 #include "QXLog/support/Time.h"
 #include "bench/BenchSupport.h"
 
 namespace qb = qxlog::bench;
 namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 namespace {
 
@@ -225,7 +226,7 @@ void StoreVsFloor(benchmark::State& state) {
   recordActionLog(action.c_str(), movie.c_str());
   const std::string bytes = readWholeFile(queuePath);
   std::string record;
-  platform::appendJson(record, qb::typicalRecords(1)[0]);
+  serial::appendJson(record, qb::typicalRecords(1)[0]);
   rewriteAtomically(floorPath, bytes);
   rewriteAtomically(renamePath, bytes);
 
@@ -263,7 +264,7 @@ void Json(benchmark::State& state) {
   std::string out;
   for (auto _ : state) {
     out.clear();
-    platform::appendJson(out, root);
+    serial::appendJson(out, root);
     benchmark::DoNotOptimize(out.data());
   }
   state.counters["json_bytes"] = static_cast<double>(out.size());

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Fails on an include that points up a layer of the library. The layers, from
 # the top: recording (the C interface and the reporting functions), center,
-# format, support, platform. A file may include its own layer and those
-# below. Public headers belong to the layer of what they declare: QXLog.h to
+# format, support, platform (what talks to the operating system) and serial
+# (the serialisers: JSON, property lists, text, form and percent encoding). A
+# file may include its own layer and those below. Public headers belong to the layer of what they declare: QXLog.h to
 # recording, QXLogCenter.h to center, QXLogMessageFormat.h to format,
-# QXLogHelper.h to support, QXLogValue.h and QXLogExecutor.h to platform.
+# QXLogHelper.h to support, QXLogExecutor.h to platform, QXLogValue.h to serial.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,12 +15,13 @@ layer() {  # layer <path inside the repository>
     QXLog/center/* | QXLog/QXLogCenter.h) echo 4 ;;
     QXLog/format/* | QXLog/QXLogMessageFormat.h) echo 3 ;;
     QXLog/support/* | QXLog/QXLogHelper.h) echo 2 ;;
-    QXLog/platform/* | QXLog/QXLogValue.h | QXLog/QXLogExecutor.h) echo 1 ;;
-    *) echo 0 ;;
+    QXLog/platform/* | QXLog/QXLogExecutor.h) echo 1 ;;
+    QXLog/serial/* | QXLog/QXLogValue.h) echo 0 ;;
+    *) echo -1 ;;
   esac
 }
 name() {
-  case "$1" in 5) echo recording ;; 4) echo center ;; 3) echo format ;; 2) echo support ;; *) echo platform ;; esac
+  case "$1" in 5) echo recording ;; 4) echo center ;; 3) echo format ;; 2) echo support ;; 1) echo platform ;; *) echo serial ;; esac
 }
 
 violations=0

@@ -7,7 +7,7 @@
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/format/DownloadRecord.h"
 #include "QXLog/format/Envelope.h"
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 #include "QXLog/support/Codecs.h"
 
 namespace {
@@ -40,6 +40,6 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::downLog(
 
 QXLogHelper::NullableString QXLogHelper::base64String(const Value& object) {
   // Every value serialises, so the JSON step here never yields nil.
-  const std::string json = qxlog::platform::toJson(object);
+  const std::string json = qxlog::serial::toJson(object);
   return qxlog::support::sealJson(std::string_view(json), centerKey());
 }

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 #include "QXLog/support/QueueFiles.h"
 
 namespace qxlog {
@@ -71,7 +71,7 @@ std::string PendingQueue::jsonOfFirst(std::size_t count) {
   std::string text = "[";
   for (std::size_t i = 0; i < count; ++i) {
     if (i > 0) text += ',';
-    platform::appendJson(text, queue[i]);
+    serial::appendJson(text, queue[i]);
   }
   text += ']';
   return text;

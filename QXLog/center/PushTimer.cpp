@@ -8,13 +8,14 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Text.h"
 #include "QXLog/platform/TimerSource.h"
+#include "QXLog/serial/Text.h"
 
 namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 int32_t qxlog::pushIntervalSeconds(const Value& pushIntervalTime) {
-  int64_t seconds = platform::integerValue(pushIntervalTime) / 1000;
+  int64_t seconds = serial::integerValue(pushIntervalTime) / 1000;
   if (seconds > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
   if (seconds < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
   return static_cast<int32_t>(seconds);

@@ -6,10 +6,11 @@
 #include "QXLog/platform/Clock.h"
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Http.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/Text.h"
 
 namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 using qxlog::Value;
 
 namespace {
@@ -29,9 +30,9 @@ void QXLogCenter::getLogServerInfo() {
   // The query values go in as they are, unescaped; "(null)" stands for nil.
   QXLogMessageFormat& settings = format();
   platform::HttpRequest request;
-  request.url = platform::describe(settings.pushUrl()) +
-                "?token=" + platform::describe(QXLogHelper::tokenString(std::nullopt)) +
-                "&uid=" + platform::describe(settings.idfa());
+  request.url = serial::describe(settings.pushUrl()) +
+                "?token=" + serial::describe(QXLogHelper::tokenString(std::nullopt)) +
+                "&uid=" + serial::describe(settings.idfa());
   request.timeout = std::chrono::seconds(30);
   platform::globalQueue()->async(
       [this, request = std::move(request)] { settingsAnswered(platform::performHttp(request)); });
@@ -44,11 +45,11 @@ void QXLogCenter::settingsAnswered(const platform::HttpResponse& response) {
     return;
   }
   // Any answer counts, whatever its status; what is missing becomes nil.
-  std::optional<Value> answer = platform::parseJson(response.body);
+  std::optional<Value> answer = serial::parseJson(response.body);
   Value interval = resultField(answer, "push_interval_time");
   QXLogMessageFormat& settings = format();
   settings.setPush_interval_time(interval);
-  settings.setLimitLogCount(platform::integerValue(resultField(answer, "push_interval_number")));
+  settings.setLimitLogCount(serial::integerValue(resultField(answer, "push_interval_number")));
   settings.setCurrent_time(resultField(answer, "current_time"));
   settings.setServerInfoUpdateTime(platform::wallSeconds() * 1000.0);
   startTime(qxlog::pushIntervalSeconds(interval));

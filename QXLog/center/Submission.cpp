@@ -8,7 +8,7 @@
 #include "QXLog/center/Upload.h"
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
 namespace platform = qxlog::platform;
 

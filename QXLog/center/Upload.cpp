@@ -6,9 +6,9 @@
 #include <string_view>
 
 #include "QXLog/platform/Console.h"
-#include "QXLog/platform/FormEncoding.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/FormEncoding.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/Text.h"
 
 namespace qxlog {
 namespace {
@@ -32,7 +32,7 @@ std::string mediaType(std::string_view contentType) {
 Dictionary traceEnvelopeText(Dictionary envelope) {
   const Value* text = envelope.find("log_data_str");
   platform::consoleWrite("Ostra->LogContent:" +
-                         (text != nullptr ? platform::describe(*text) : std::string("(null)")));
+                         (text != nullptr ? serial::describe(*text) : std::string("(null)")));
   envelope.erase("log_data_str");
   return envelope;
 }
@@ -42,7 +42,7 @@ platform::HttpRequest makeUploadRequest(const Dictionary& envelope, const std::s
   platform::HttpRequest request;
   request.method = "POST";
   request.url = url;
-  request.body = platform::formEncode(envelope);
+  request.body = serial::formEncode(envelope);
   request.headers.emplace_back("Content-Type", "application/x-www-form-urlencoded");
   if (announceGzip) request.headers.emplace_back("Content-Encoding", "gzip");
   // The log server may present any certificate.
@@ -57,7 +57,7 @@ std::optional<Value> acceptedAnswer(const platform::HttpResponse& response) {
       kAcceptedContentTypes.end()) {
     return std::nullopt;
   }
-  return platform::parseJson(response.body);
+  return serial::parseJson(response.body);
 }
 
 bool confirmsBatch(const Value& answer) {
@@ -79,7 +79,7 @@ std::string refusalReason(const Value& answer) {
   const Dictionary* fields = answer.asDictionary();
   const Value* code = fields != nullptr ? fields->find("operate_code") : nullptr;
   if (code == nullptr) return "refused: no operate_code";
-  return "refused: operate_code " + platform::describe(*code);
+  return "refused: operate_code " + serial::describe(*code);
 }
 
 }  // namespace qxlog

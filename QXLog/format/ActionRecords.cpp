@@ -2,12 +2,13 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Clock.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 
 namespace {
 
 namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 // Bytes to gigabytes, one factor of 1/1024 at a time.
 double gigabytes(double bytes) {
@@ -21,17 +22,17 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::launchLog(const NullableStrin
                                                              const NullableString& push_id) const {
   // Whole seconds on the local clock, scaled to milliseconds: a launch is
   // stamped to the second and not corrected to the server's clock.
-  int64_t seconds = platform::truncateToInt64(platform::wallSeconds());
+  int64_t seconds = serial::truncateToInt64(platform::wallSeconds());
   // Scaled modulo 2^64 so that an absurd clock cannot overflow.
   auto launchMillis = static_cast<int64_t>(static_cast<uint64_t>(seconds) * 1000u);
-  std::string totalSize = platform::formatGeneral(gigabytes(QXLogHelper::totalDiskSpace()));
-  std::string freeSize = platform::formatGeneral(gigabytes(QXLogHelper::freeDiskSpace()));
+  std::string totalSize = serial::formatGeneral(gigabytes(QXLogHelper::totalDiskSpace()));
+  std::string freeSize = serial::formatGeneral(gigabytes(QXLogHelper::freeDiskSpace()));
   std::string deviceAddress = QXLogHelper::getIPAddress();
 
   Dictionary record;
   record.reserve(12);
   record.setString("a_t", "0");
-  record.setString("a_0", platform::formatInteger(launchMillis));
+  record.setString("a_0", serial::formatInteger(launchMillis));
   record.setString("a_1", launchLog);
   record.setString("a_2", start_time);
   record.setString("a_3", push_id);

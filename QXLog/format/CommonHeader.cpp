@@ -1,9 +1,10 @@
 // The common header that heads every upload, and the server-corrected send time.
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Console.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
 namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::publicLog() const {
   Dictionary header;
@@ -22,14 +23,14 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::publicLog() const {
   header.setString("t_11", "");
   header.setString("t_12", uid());
   // A header without a numeric user id is traced, to spot hosts that forgot it.
-  if (platform::intValue(uid()) == 0) platform::consoleWrite(platform::describe(Value(header)));
+  if (serial::intValue(uid()) == 0) platform::consoleWrite(serial::describe(Value(header)));
   return header;
 }
 
 std::string QXLogMessageFormat::returnsSendTime(double localMillis) const {
-  int64_t elapsed = platform::truncateToInt64(localMillis - serverInfoUpdateTime());
-  int64_t serverNow = platform::integerValue(current_time());
+  int64_t elapsed = serial::truncateToInt64(localMillis - serverInfoUpdateTime());
+  int64_t serverNow = serial::integerValue(current_time());
   // Wrapping addition, done unsigned so that extreme values cannot overflow.
   uint64_t sum = static_cast<uint64_t>(serverNow) + static_cast<uint64_t>(elapsed);
-  return platform::formatInteger(static_cast<int64_t>(sum));
+  return serial::formatInteger(static_cast<int64_t>(sum));
 }

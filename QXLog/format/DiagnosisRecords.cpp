@@ -1,16 +1,16 @@
 // Diagnosis report and body.
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
-namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisLog(
     const NullableString& diagnosisLog, const NullableString& causeOfFailure,
     const NullableString& playStartTime, const NullableString& prepareTime,
     const NullableString& endTime, const NullableString& duration, const NullableString& isPlayOK,
     const NullableString& definition) const {
-  std::string resolution = platform::formatFixed(screenScale(), 6);
+  std::string resolution = serial::formatFixed(screenScale(), 6);
 
   Dictionary user;
   user.setString("userID", uid());
@@ -46,7 +46,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisLog(
 QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisOfCompleteInformation(
     const Value& report) const {
   NullableString encoded = QXLogHelper::base64String(report);
-  NullableString token = QXLogHelper::tokenString(platform::formatGeneral(serverInfoUpdateTime()));
+  NullableString token = QXLogHelper::tokenString(serial::formatGeneral(serverInfoUpdateTime()));
 
   // "uid" carries the device identifier, and the software version travels
   // under "velin" while "version" holds the fixed text "velin": the server

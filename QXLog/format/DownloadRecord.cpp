@@ -6,18 +6,18 @@
 #include <limits>
 
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 #include "QXLog/support/UrlEncoding.h"
 
 namespace {
 
-namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 // The single-precision value of a text's leading number; out of range reads as
 // an infinity of the same sign, as a float parse would give.
 float floatValue(std::string_view text) {
-  double value = platform::doubleValue(text);
+  double value = serial::doubleValue(text);
   if (value > FLT_MAX) return HUGE_VALF;
   if (value < -FLT_MAX) return -HUGE_VALF;
   return static_cast<float>(value);
@@ -54,27 +54,27 @@ Dictionary downloadRecord(const QXLogMessageFormat& format, const DownloadReport
   }
 
   // The start time the host saved for this item; missing or non-numeric is 0.
-  int64_t startMillis = downLog ? platform::longLongValue(savedStartTime) : 0;
+  int64_t startMillis = downLog ? serial::longLongValue(savedStartTime) : 0;
   std::string start = format.returnsSendTime(static_cast<double>(startMillis));
   uint64_t nowMillis = qxlog::currentMillis();
   std::string now = format.returnsSendTime(static_cast<double>(nowMillis));
 
   // Elapsed whole seconds since the start, wrapping rather than overflowing.
-  int64_t nowSigned = platform::longLongValue(platform::formatUnsigned(nowMillis));
+  int64_t nowSigned = serial::longLongValue(serial::formatUnsigned(nowMillis));
   auto elapsedMillis =
       static_cast<int64_t>(static_cast<uint64_t>(nowSigned) - static_cast<uint64_t>(startMillis));
   int64_t elapsedSeconds = elapsedMillis / 1000;
 
   // The amount is rounded to two decimals before the rate uses it. The rate
   // (kilobytes per second) is left unguarded: under a second it reads inf or nan.
-  std::string amount = platform::formatFixed(floatValue(dataAmount.value_or("")), 2);
+  std::string amount = serial::formatFixed(floatValue(dataAmount.value_or("")), 2);
   float rate = divide(floatValue(amount), static_cast<float>(elapsedSeconds)) * 1024.0f;
-  std::string rateText = platform::formatFixed(rate, 2);
+  std::string rateText = serial::formatFixed(rate, 2);
 
   // Amounts are in megabytes; the unit is added unless the host wrote one.
   NullableString amountText = dataAmount;
   if (!dataAmount || dataAmount->find('M') == std::string::npos) {
-    amountText = platform::describe(dataAmount) + " M";
+    amountText = serial::describe(dataAmount) + " M";
   }
 
   Dictionary record;

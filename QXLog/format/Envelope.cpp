@@ -4,11 +4,11 @@
 
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Codecs.h"
 
-namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 namespace {
 
@@ -23,7 +23,7 @@ std::string bodyHead(const QXLogMessageFormat& format, std::size_t recordBytes) 
   std::string body;
   body.reserve(512 + recordBytes);
   body += "{\"t\":";
-  platform::appendJson(body, Value(format.publicLog()));
+  serial::appendJson(body, Value(format.publicLog()));
   body += ",\"a\":";
   return body;
 }
@@ -34,7 +34,7 @@ Dictionary sealed(const QXLogMessageFormat& format, std::string body,
   body += '}';
   qxlog::NullableString logData = qxlog::support::sealJson(std::string_view(body), key);
   qxlog::NullableString token =
-      QXLogHelper::tokenString(platform::formatGeneral(format.serverInfoUpdateTime()));
+      QXLogHelper::tokenString(serial::formatGeneral(format.serverInfoUpdateTime()));
 
   Dictionary envelope;
   envelope.reserve(3);
@@ -59,7 +59,7 @@ Dictionary envelopeOfRecords(const QXLogMessageFormat& format, const Array* reco
     body += '[';
     for (std::size_t i = 0; i < records->size(); ++i) {
       if (i > 0) body += ',';
-      platform::appendJson(body, (*records)[i]);
+      serial::appendJson(body, (*records)[i]);
     }
     body += ']';
   }

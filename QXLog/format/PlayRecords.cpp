@@ -2,16 +2,17 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Console.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 #include "QXLog/support/UrlEncoding.h"
 
 namespace {
 
 namespace platform = qxlog::platform;
-using platform::describe;
+namespace serial = qxlog::serial;
 using qxlog::Dictionary;
 using qxlog::NullableString;
+using serial::describe;
 
 // The nine keys shared by play-action and trailer records: the record time,
 // "1", the six event values in order, and the total play time.
@@ -87,10 +88,10 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playActionLog(
 
   // The play time is offset by 2000 ms and never goes below 0. The sum wraps
   // rather than overflow at the top of the range.
-  int64_t played = platform::longLongValue(playTime);
+  int64_t played = serial::longLongValue(playTime);
   if (played < -2000) played = -2000;
   auto total = static_cast<int64_t>(static_cast<uint64_t>(played) + 2000u);
-  std::string totalText = platform::formatInteger(total);
+  std::string totalText = serial::formatInteger(total);
 
   platform::consoleWrite("Ostra->~~opetype(" + describe(playActionLog) + ")~~totaltime(" +
                          totalText + ")~buffer_start_time(" + describe(startTime) +
@@ -110,10 +111,10 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playTrailerLog(
 
   // Seconds to milliseconds in 32 bits: the product wraps modulo 2^32.
   std::string total = "0";
-  int32_t seconds = platform::intValue(play_total_time);
+  int32_t seconds = serial::intValue(play_total_time);
   if (seconds >= 1) {
     auto millis = static_cast<int32_t>(static_cast<uint32_t>(seconds) * 1000u);
-    total = platform::formatInteger(millis);
+    total = serial::formatInteger(millis);
   }
 
   platform::consoleWrite("--播放小视频日志-" + describe(playTrailerLog) + "----" +

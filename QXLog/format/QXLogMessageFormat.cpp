@@ -2,7 +2,7 @@
 #include "QXLog/QXLogMessageFormat.h"
 
 #include "QXLog/platform/Console.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
 namespace {
 
@@ -137,5 +137,5 @@ std::optional<QXLogMessageFormat::NullableString> QXLogMessageFormat::stringProp
   }
   if (value.isNull()) return NullableString();
   if (const std::string* text = value.asString()) return NullableString(*text);
-  return NullableString(qxlog::platform::describe(value));
+  return NullableString(qxlog::serial::describe(value));
 }

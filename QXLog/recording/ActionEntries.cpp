@@ -1,9 +1,9 @@
 // Launch, action and network reports: built into records and queued as actions.
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Text.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/HostStrings.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 
 namespace {
@@ -34,7 +34,7 @@ void network(NullableString networkLog, int64_t wasteTime, NullableString errorC
   if (isNilOrEmpty(networkLog)) return;
   if (deferUntilReady(network, networkLog, wasteTime, errorCode)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
-  auto record = format.networkLog(networkLog, qxlog::platform::formatInteger(wasteTime), errorCode);
+  auto record = format.networkLog(networkLog, qxlog::serial::formatInteger(wasteTime), errorCode);
   QXLogCenter::center().storeActionLog(std::move(record));
 }
 

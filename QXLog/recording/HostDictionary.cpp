@@ -1,7 +1,7 @@
 #include "QXLog/recording/HostDictionary.h"
 
-#include "QXLog/platform/Json.h"
 #include "QXLog/recording/HostStrings.h"
+#include "QXLog/serial/Json.h"
 
 namespace qxlog::recording {
 
@@ -38,7 +38,7 @@ QXLogDictionary* QXLogDictionaryCreateWithJSON(const char* json) {
   if (json == nullptr) return nullptr;
   // Invalid UTF-8 gets the same U+FFFD treatment as every other host string,
   // rather than making the whole text unreadable as JSON.
-  std::optional<qxlog::Value> parsed = qxlog::platform::parseJson(*fromHost(json));
+  std::optional<qxlog::Value> parsed = qxlog::serial::parseJson(*fromHost(json));
   if (!parsed || !parsed->isDictionary()) return nullptr;
   auto* dictionary = new QXLogDictionary();
   dictionary->contents = std::move(*parsed->asDictionary());
@@ -48,7 +48,7 @@ QXLogDictionary* QXLogDictionaryCreateWithJSON(const char* json) {
 char* QXLogDictionaryCopyJSON(const QXLogDictionary* dictionary) {
   if (dictionary == nullptr) return nullptr;
   std::lock_guard lock(dictionary->mutex);
-  return qxlog::recording::toHost(qxlog::platform::toJson(qxlog::Value(dictionary->contents)));
+  return qxlog::recording::toHost(qxlog::serial::toJson(qxlog::Value(dictionary->contents)));
 }
 
 void QXLogDictionaryRelease(QXLogDictionary* dictionary) {

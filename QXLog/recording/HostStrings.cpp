@@ -3,13 +3,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
 namespace qxlog::recording {
 
 NullableString fromHost(const char* text) {
   if (text == nullptr) return std::nullopt;
-  return platform::validUtf8(text);
+  return serial::validUtf8(text);
 }
 
 char* toHost(const NullableString& text) {

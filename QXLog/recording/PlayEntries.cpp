@@ -3,18 +3,18 @@
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/platform/Console.h"
-#include "QXLog/platform/Text.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/HostStrings.h"
+#include "QXLog/serial/Text.h"
 
 namespace {
 
 using qxlog::NullableString;
 using qxlog::Value;
 using qxlog::platform::consoleWrite;
-using qxlog::platform::describe;
 using qxlog::recording::deferUntilReady;
 using qxlog::recording::fromHost;
+using qxlog::serial::describe;
 
 void play(NullableString movie_id, NullableString playLog, NullableString view_source,
           bool isDownload, NullableString isPcdn, NullableString videoType) {

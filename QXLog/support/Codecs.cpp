@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 
 namespace qxlog::support {
 namespace {

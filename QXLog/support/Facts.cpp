@@ -10,7 +10,7 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Documents.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
 namespace qxlog::support {
 
@@ -20,14 +20,14 @@ double totalDiskSpaceOf(const std::string& path) {
     const int code = errno;
     platform::consoleWrite(
         "Error Obtaining System Memory Info: Domain = NSPOSIXErrorDomain, Code = " +
-        platform::formatInteger(code));
+        serial::formatInteger(code));
     return 0.0;
   }
   // The size passes through a float on purpose: the figure keeps 24 bits.
   const uint64_t bytes = static_cast<uint64_t>(info.f_blocks) * info.f_frsize;
   const double size = static_cast<double>(static_cast<float>(bytes));
   const double gigabytes = size * 0.0009765625 * 0.0009765625 * 0.0009765625;
-  platform::consoleWrite("Memory Capacity of " + platform::formatFixed(gigabytes, 6) + " GB .");
+  platform::consoleWrite("Memory Capacity of " + serial::formatFixed(gigabytes, 6) + " GB .");
   return size;
 }
 

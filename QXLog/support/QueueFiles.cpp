@@ -6,9 +6,10 @@
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/Files.h"
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/PropertyList.h"
 
 namespace platform = qxlog::platform;
+namespace serial = qxlog::serial;
 
 namespace {
 
@@ -24,7 +25,7 @@ void write(const Collection& root, std::string_view plist) {
   std::string path = ensureFile(plist);
   std::string xml;
   xml.reserve(256 + root.size() * 512);
-  platform::appendXmlPropertyList(xml, root);
+  serial::appendXmlPropertyList(xml, root);
   platform::writeFileAtomically(path, xml);
 }
 
@@ -36,7 +37,7 @@ std::optional<qxlog::Value> read(const std::string& path) {
   platform::removeStaleTemporaries(path);
   std::optional<std::string> bytes = platform::readFile(path);
   if (!bytes) return std::nullopt;
-  return platform::parsePropertyList(*bytes);
+  return serial::parsePropertyList(*bytes);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include "QXLog/support/QueueJson.h"
 
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 
 namespace qxlog::support {
 
@@ -13,7 +13,7 @@ const std::string& QueueJson::textFor(const Array& queue) {
   try {
     for (; count_ < queue.size(); ++count_) {
       if (count_ > 0) text_ += ',';
-      platform::appendJson(text_, queue[count_]);
+      serial::appendJson(text_, queue[count_]);
     }
     text_ += ']';
   } catch (...) {

@@ -13,7 +13,7 @@ namespace qxlog::support {
 
 class QueueJson {
  public:
-  // The JSON array "[...]" of `queue`, as platform::appendJson writes it.
+  // The JSON array "[...]" of `queue`, as serial::appendJson writes it.
   // Records at positions already seen are taken from the cache, so the owner
   // calls invalidate() whenever it replaces the queue or removes records.
   const std::string& textFor(const Array& queue);

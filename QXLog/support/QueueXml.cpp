@@ -1,6 +1,6 @@
 #include "QXLog/support/QueueXml.h"
 
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/PropertyList.h"
 
 namespace qxlog::support {
 
@@ -10,11 +10,11 @@ const std::string& QueueXml::documentFor(const Array& queue) {
   elements_.reserve(queue.size());
   for (std::size_t i = elements_.size(); i < queue.size(); ++i) {
     std::string element;
-    platform::appendXmlRootArrayElement(element, queue[i]);
+    serial::appendXmlRootArrayElement(element, queue[i]);
     elements_.push_back(std::move(element));
   }
   document_.clear();
-  platform::appendXmlPropertyListOfElements(document_, elements_);
+  serial::appendXmlPropertyListOfElements(document_, elements_);
   return document_;
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "QXLog/platform/PercentEncoding.h"
+#include "QXLog/serial/PercentEncoding.h"
 
 namespace qxlog {
 
@@ -13,7 +13,7 @@ namespace qxlog {
 // (letters, digits, - . _ ~ ! $ & ' ( ) * + , ; = : / ? @) written as %XX,
 // upper-case hex. Multi-byte UTF-8 characters are encoded byte by byte.
 inline std::string percentEncodeQuery(std::string_view text) {
-  return platform::percentEncode(text, platform::kQueryPunctuation);
+  return serial::percentEncode(text, serial::kQueryPunctuation);
 }
 
 }  // namespace qxlog

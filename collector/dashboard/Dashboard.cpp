@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 #include "collector/dashboard/PlaySummary.h"
 #include "collector/legend/FieldLegend.h"
 
@@ -41,7 +41,7 @@ std::string text(const Json& object, const char* key) {
 // Each key of a record with its value and its meaning.
 Json explained(const Json& record) {
   Json fields = Json::array();
-  std::optional<Value> value = platform::parseJson(record.dump());
+  std::optional<Value> value = serial::parseJson(record.dump());
   LegendTable table =
       value && value->asDictionary() ? legendTableOf(*value->asDictionary()) : LegendTable::kAction;
   for (const auto& [key, field] : record.items()) {

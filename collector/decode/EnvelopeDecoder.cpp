@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 
 namespace qxlog::collector {
 namespace {
@@ -145,7 +145,7 @@ Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key
                              std::size_t maxInflatedBytes) {
   Decoded<std::string> text = decodeLogDataText(logData, key, maxInflatedBytes);
   if (!text) return Decoded<Value>::failure(std::move(text.error));
-  std::optional<Value> body = platform::parseJson(*text.value);
+  std::optional<Value> body = serial::parseJson(*text.value);
   if (!body) return Decoded<Value>::failure("json: the body is not valid JSON");
   return Decoded<Value>{std::move(body), {}};
 }

@@ -3,7 +3,7 @@
 #include <array>
 #include <span>
 
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
 namespace qxlog::collector {
 namespace {
@@ -126,7 +126,7 @@ const Table& tableOf(LegendTable id) {
 
 std::string text(const Dictionary& record, std::string_view key) {
   const Value* value = record.find(key);
-  return value != nullptr ? platform::describe(*value) : std::string();
+  return value != nullptr ? serial::describe(*value) : std::string();
 }
 
 std::string explainFields(LegendTable table, const Dictionary& record, const std::string& indent) {
@@ -136,7 +136,7 @@ std::string explainFields(LegendTable table, const Dictionary& record, const std
     std::string line = indent + key;
     line.resize(std::max(line.size(), indent.size() + 6), ' ');
     std::string_view meaning = meaningOf(table, key);
-    out += line + platform::describe(value);
+    out += line + serial::describe(value);
     if (!meaning.empty()) out += "   # " + std::string(meaning);
     out += "\n";
   }

@@ -2,8 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/Text.h"
 #include "collector/legend/FieldLegend.h"
 
 namespace qxlog::collector {
@@ -36,7 +36,7 @@ Dictionary diagnosisFields(int64_t id, const DiagnosisRow& diagnosis) {
 std::string printable(std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string out;
-  for (char c : platform::validUtf8(text)) {
+  for (char c : serial::validUtf8(text)) {
     auto byte = static_cast<unsigned char>(c);
     if (c == '\n') {
       out += "\\n";
@@ -62,7 +62,7 @@ std::optional<std::string> prettyJson(const std::string& text) {
 }
 
 std::string prettyJson(const Value& value) {
-  return prettyJson(platform::toJson(value)).value_or("null");
+  return prettyJson(serial::toJson(value)).value_or("null");
 }
 
 std::string describeRecord(const Dictionary& record, const std::string& indent, bool explain) {
@@ -79,14 +79,14 @@ std::string describeRecord(const Dictionary& record, const std::string& indent, 
     }
   }
   std::string out =
-      indent + label(recordTypeName(record)) + platform::toJson(Value(std::move(shown))) + "\n";
+      indent + label(recordTypeName(record)) + serial::toJson(Value(std::move(shown))) + "\n";
   if (actions == nullptr) return out;
   for (const Value& action : *actions) {
     const Dictionary* fields = action.asDictionary();
     if (fields && fields->empty()) {
       out += indent + "  " + label("play action") + "{} (a repeated buffering report, dropped)\n";
     } else {
-      out += indent + "  " + label("play action") + platform::toJson(action) + "\n";
+      out += indent + "  " + label("play action") + serial::toJson(action) + "\n";
     }
   }
   return out;
@@ -96,7 +96,7 @@ std::string describeUpload(int64_t id, const UploadRow& upload, bool explain) {
   std::string out = "upload #" + std::to_string(id) + " from " + upload.peer + ": " +
                     std::to_string(upload.records.size()) + " record" +
                     (upload.records.size() == 1 ? "" : "s") + "\n";
-  out += "  " + label("header") + platform::toJson(Value(upload.header)) + "\n";
+  out += "  " + label("header") + serial::toJson(Value(upload.header)) + "\n";
   if (explain) out += explainHeader(upload.header, "      ");
   for (const Value& record : upload.records) {
     if (const Dictionary* fields = record.asDictionary()) {
@@ -110,8 +110,8 @@ std::string describeDiagnosis(int64_t id, const DiagnosisRow& diagnosis) {
   Dictionary fields = diagnosisFields(id, diagnosis);
   for (const char* omitted : {"kind", "id", "received_at", "peer"}) fields.erase(omitted);
   return "diagnosis #" + std::to_string(id) + " from " + diagnosis.peer + "\n  " + label("fields") +
-         platform::toJson(Value(std::move(fields))) + "\n  " + label("report") +
-         platform::toJson(diagnosis.report) + "\n";
+         serial::toJson(Value(std::move(fields))) + "\n  " + label("report") +
+         serial::toJson(diagnosis.report) + "\n";
 }
 
 std::string uploadJsonLine(int64_t id, const UploadRow& upload) {
@@ -122,13 +122,13 @@ std::string uploadJsonLine(int64_t id, const UploadRow& upload) {
   row.set("peer", Value(upload.peer));
   row.set("header", Value(upload.header));
   row.set("records", Value(upload.records));
-  return platform::toJson(Value(std::move(row)));
+  return serial::toJson(Value(std::move(row)));
 }
 
 std::string diagnosisJsonLine(int64_t id, const DiagnosisRow& diagnosis) {
   Dictionary row = diagnosisFields(id, diagnosis);
   row.set("report", diagnosis.report);
-  return platform::toJson(Value(std::move(row)));
+  return serial::toJson(Value(std::move(row)));
 }
 
 }  // namespace qxlog::collector

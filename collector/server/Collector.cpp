@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/Text.h"
 #include "collector/decode/EnvelopeDecoder.h"
 
 namespace qxlog::collector {
@@ -21,7 +21,7 @@ constexpr const char* kTokenSalt = "Rk4TqzWmLpVhNc7XsJdBfYoE";
 std::optional<std::string> field(const HttpServerRequest& request, const std::string& name) {
   auto it = request.params.find(name);
   if (it == request.params.end()) return std::nullopt;
-  return platform::validUtf8(it->second);
+  return serial::validUtf8(it->second);
 }
 
 std::string fieldOrEmpty(const HttpServerRequest& request, const std::string& name) {
@@ -29,7 +29,7 @@ std::string fieldOrEmpty(const HttpServerRequest& request, const std::string& na
 }
 
 HttpServerAnswer json(int status, const Value& value) {
-  return HttpServerAnswer{status, "application/json", platform::toJson(value) + "\n"};
+  return HttpServerAnswer{status, "application/json", serial::toJson(value) + "\n"};
 }
 
 Dictionary countsOf(const std::map<std::string, int64_t>& counts) {

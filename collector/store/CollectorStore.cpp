@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 
 namespace qxlog::collector {
 namespace {
@@ -180,7 +180,7 @@ std::optional<int64_t> CollectorStore::addUpload(const UploadRow& upload, std::s
   bindText(insertUpload.get(), 3, upload.token);
   bindText(insertUpload.get(), 4, stringField(upload.header, "t_2"));
   bindText(insertUpload.get(), 5, stringField(upload.header, "t_12"));
-  bindText(insertUpload.get(), 6, platform::toJson(Value(upload.header)));
+  bindText(insertUpload.get(), 6, serial::toJson(Value(upload.header)));
   sqlite3_bind_int64(insertUpload.get(), 7, static_cast<int64_t>(upload.records.size()));
   if (sqlite3_step(insertUpload.get()) != SQLITE_DONE) {
     error = sqlite3_errmsg(db_);
@@ -214,7 +214,7 @@ std::optional<int64_t> CollectorStore::addUpload(const UploadRow& upload, std::s
     bindText(insertRecord.get(), 3, stringField(record, "a_t"));
     bindText(insertRecord.get(), 4, recordTypeName(record));
     sqlite3_bind_int64(insertRecord.get(), 5, nonEmptyPlayActions(record));
-    bindText(insertRecord.get(), 6, platform::toJson(value));
+    bindText(insertRecord.get(), 6, serial::toJson(value));
     if (sqlite3_step(insertRecord.get()) != SQLITE_DONE) {
       error = sqlite3_errmsg(db_);
       return fail();
@@ -241,7 +241,7 @@ std::optional<int64_t> CollectorStore::addDiagnosis(const DiagnosisRow& diagnosi
   bindText(insert.get(), 6, diagnosis.userPhone);
   bindText(insert.get(), 7, diagnosis.velin);
   bindText(insert.get(), 8, diagnosis.version);
-  bindText(insert.get(), 9, platform::toJson(diagnosis.report));
+  bindText(insert.get(), 9, serial::toJson(diagnosis.report));
   if (sqlite3_step(insert.get()) != SQLITE_DONE) {
     error = sqlite3_errmsg(db_);
     return std::nullopt;
@@ -288,8 +288,8 @@ std::vector<std::string> CollectorStore::diagnoses() {
     row.set("user_phone", columnText(query.get(), 5));
     row.set("velin", columnText(query.get(), 6));
     row.set("version", columnText(query.get(), 7));
-    row.set("report", platform::parseJson(columnText(query.get(), 8)).value_or(Value()));
-    out.push_back(platform::toJson(Value(std::move(row))));
+    row.set("report", serial::parseJson(columnText(query.get(), 8)).value_or(Value()));
+    out.push_back(serial::toJson(Value(std::move(row))));
   }
   return out;
 }

@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 #include "collector/decode/EnvelopeDecoder.h"
 #include "collector/http/HttpServer.h"
 #include "collector/legend/FieldLegend.h"
@@ -72,7 +72,7 @@ std::string encodedValue(const std::string& input) {
 
 // The decoded upload with each key's meaning: the header, then each record.
 int explainUpload(const std::string& json) {
-  std::optional<qxlog::Value> parsed = qxlog::platform::parseJson(json);
+  std::optional<qxlog::Value> parsed = qxlog::serial::parseJson(json);
   const qxlog::Dictionary* upload = parsed ? parsed->asDictionary() : nullptr;
   if (upload == nullptr) return fail("json: the decoded text is not a JSON object");
   const qxlog::Value* header = upload->find("t");
@@ -105,9 +105,9 @@ int decode(const qxlog::NullableString& key, bool compact, bool explain,
   if (!json) return fail(json.error);
   if (explain) return explainUpload(*json.value);
   if (compact) {
-    std::optional<qxlog::Value> parsed = qxlog::platform::parseJson(*json.value);
+    std::optional<qxlog::Value> parsed = qxlog::serial::parseJson(*json.value);
     if (!parsed) return fail("json: the decoded text is not valid JSON");
-    std::printf("%s\n", qxlog::platform::toJson(*parsed).c_str());
+    std::printf("%s\n", qxlog::serial::toJson(*parsed).c_str());
     return 0;
   }
   std::optional<std::string> pretty = prettyJson(*json.value);
@@ -124,7 +124,7 @@ int records(const std::string& path, const std::optional<std::string>& type, boo
   if (!store) return fail(error);
   if (!type || *type != "diagnosis") {
     for (const StoredRecord& record : store->records(type)) {
-      std::optional<qxlog::Value> body = qxlog::platform::parseJson(record.body);
+      std::optional<qxlog::Value> body = qxlog::serial::parseJson(record.body);
       if (!body || !body->asDictionary()) continue;
       if (json) {
         qxlog::Dictionary row;
@@ -133,7 +133,7 @@ int records(const std::string& path, const std::optional<std::string>& type, boo
         row.set("received_at", qxlog::Value(record.receivedAt));
         row.set("name", qxlog::Value(record.name));
         row.set("record", std::move(*body));
-        std::printf("%s\n", qxlog::platform::toJson(qxlog::Value(std::move(row))).c_str());
+        std::printf("%s\n", qxlog::serial::toJson(qxlog::Value(std::move(row))).c_str());
       } else {
         std::printf("#%-5lld upload #%-4lld%s", static_cast<long long>(record.id),
                     static_cast<long long>(record.uploadId),

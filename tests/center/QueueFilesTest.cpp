@@ -7,7 +7,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/Files.h"
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
@@ -30,7 +30,7 @@ class QueueFilesTest : public LibraryTest {
   // A queue file read back by libplist, as JSON; "none" when it holds no array.
   std::string file(const char* name) {
     std::optional<Array> queue = readQueueFile(name);
-    return queue ? platform::toJson(Value(*queue)) : "none";
+    return queue ? serial::toJson(Value(*queue)) : "none";
   }
   void store(const char* item) { center().storeActionLog(strings({{"a_1", item}})); }
 };
@@ -84,7 +84,7 @@ TEST_F(QueueFilesTest, QueuesAndStartTimesAreReadBackAfterARestart) {
 
   restart();
   EXPECT_EQ(center().actionLog(), before);
-  EXPECT_EQ(platform::toJson(Value(center().playActionLog())), R"([{"p_2":"x"}])");
+  EXPECT_EQ(serial::toJson(Value(center().playActionLog())), R"([{"p_2":"x"}])");
   EXPECT_FALSE(center().currentPlayHeader().has_value());  // memory only
   EXPECT_EQ(center().getActionStartTime("movie"), "1700000003500");
   EXPECT_EQ(center().actionStartTime().size(), 2u);
@@ -108,7 +108,7 @@ TEST_F(QueueFilesTest, DamagedFilesReadAsEmptyAndOtherWritersFilesAreRead) {
             "<array><dict><key>a_t</key><string>0</string><key>a_1</key>"
             "<string>x &amp; y</string></dict></array></plist>");
   restart();
-  EXPECT_EQ(platform::toJson(Value(center().actionLog())), R"([{"a_t":"0","a_1":"x & y"}])");
+  EXPECT_EQ(serial::toJson(Value(center().actionLog())), R"([{"a_t":"0","a_1":"x & y"}])");
 }
 
 TEST_F(QueueFilesTest, RemovingAFileSaysSoOnlyWhenThereWasOne) {

@@ -14,7 +14,7 @@
 #include "QXLog/platform/Dispatch.h"
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/Files.h"
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/PropertyList.h"
 #include "collector/decode/EnvelopeDecoder.h"
 #include "tests/support/TestPlatform.h"
 #include "tests/support/TestServer.h"
@@ -104,7 +104,7 @@ TEST_F(UploadStressTest, ConcurrentReportsAreNeverDuplicatedOrInvented) {
   // The queue file is empty or whole.
   const std::string bytes =
       platform::readFile(platform::documentsPath("UserStatisticalLog.plist")).value_or("");
-  EXPECT_TRUE(bytes.empty() || platform::parsePropertyList(bytes).value_or(Value()).isArray());
+  EXPECT_TRUE(bytes.empty() || serial::parsePropertyList(bytes).value_or(Value()).isArray());
 }
 
 TEST_F(UploadStressTest, AnsweredOneByOneEveryRecordArrivesExactlyOnce) {

@@ -16,8 +16,8 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Codecs.h"
 #include "collector/decode/EnvelopeDecoder.h"
 #include "collector/print/Report.h"
@@ -218,8 +218,8 @@ TEST_F(CollectorTest, SettingsAnswerReachesTheLibrary) {
   center().getLogServerInfo();
   settle();
   EXPECT_EQ(format().limitLogCount(), 7);
-  EXPECT_EQ(platform::integerValue(format().push_interval_time()), 1500);
-  EXPECT_EQ(platform::integerValue(format().current_time()),
+  EXPECT_EQ(serial::integerValue(format().push_interval_time()), 1500);
+  EXPECT_EQ(serial::integerValue(format().current_time()),
             static_cast<int64_t>(clock_->wallSeconds() * 1000));
   EXPECT_EQ(collector_->collector().settingsRequests("device-1"), 1);
   EXPECT_EQ(get(port_, "/settings?token=0123&uid=device-1").status, 403);
@@ -388,8 +388,11 @@ TEST_F(CollectorTest, FieldsThatAreNotUtf8AreStoredAndPrintedAsValidUtf8) {
   EXPECT_EQ(postForm(port_, "/diagnosis", form).status, 200);
   const auto diagnoses = collector_->store().diagnoses();
   ASSERT_EQ(diagnoses.size(), 1u);
-  EXPECT_NE(diagnoses[0].find("a\xEF\xBF\xBD" "b"), std::string::npos) << diagnoses[0];
-  EXPECT_EQ(platform::validUtf8(diagnoses[0]), diagnoses[0]);
+  EXPECT_NE(diagnoses[0].find("a\xEF\xBF\xBD"
+                              "b"),
+            std::string::npos)
+      << diagnoses[0];
+  EXPECT_EQ(serial::validUtf8(diagnoses[0]), diagnoses[0]);
   EXPECT_EQ(collector::printable("a\nb\x01\xff"), "a\\nb\\x01\xEF\xBF\xBD");
 }
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 #include "collector/server/LocalCollector.h"
 #include "tests/support/TestPlatform.h"
 
@@ -41,7 +41,7 @@ TEST_F(ToolsTest, DecodeReadsAnEnvelopeTheLibraryBuilt) {
   EXPECT_EQ(run("printf %s '" + form + "' | " + decode + "--compact").output, plain + "\n");
   Finished pretty = run(decode + "'" + logData + "'");
   EXPECT_NE(pretty.output.find("\n  \"t\": {\n"), std::string::npos) << pretty.output;
-  EXPECT_EQ(platform::parseJson(pretty.output), platform::parseJson(plain));
+  EXPECT_EQ(serial::parseJson(pretty.output), serial::parseJson(plain));
 }
 
 TEST_F(ToolsTest, DecodeFailsClearlyOnBadInput) {
@@ -94,7 +94,7 @@ TEST_F(ToolsTest, DecodePrintsADatabasesRecordsByType) {
   std::size_t lines = 0;
   for (std::size_t start = 0, end; (end = everything.output.find('\n', start)) != std::string::npos;
        start = end + 1, ++lines) {
-    EXPECT_TRUE(platform::parseJson(everything.output.substr(start, end - start)));
+    EXPECT_TRUE(serial::parseJson(everything.output.substr(start, end - start)));
   }
   EXPECT_EQ(lines, 3u) << everything.output;  // two records and a diagnosis
 }

@@ -2,7 +2,7 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/platform/Console.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
@@ -41,7 +41,7 @@ TEST_F(CommonHeaderTest, HeaderIsTracedWhenTheUserIdIsNotANumber) {
   for (const auto& [uid, traced] : cases) {
     format().setUid(uid);
     const std::size_t before = console_->lines().size();
-    const std::string trace = platform::describe(Value(format().publicLog()));
+    const std::string trace = serial::describe(Value(format().publicLog()));
     EXPECT_EQ(console_->lines().size(), before + traced) << uid.value_or("(nil)");
     EXPECT_EQ(console_->contains(trace), traced) << uid.value_or("(nil)");
   }

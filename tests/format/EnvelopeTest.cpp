@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 #include "collector/decode/EnvelopeDecoder.h"
 #include "tests/support/TestPlatform.h"
 
@@ -53,7 +53,7 @@ TEST_F(EnvelopeTest, HoldsSealedBodyTokenAndPlainBodyInThatOrder) {
   Dictionary expected;
   expected.set("t", Value(format().publicLog()));
   expected.set("a", Value(records));
-  EXPECT_EQ(plain, platform::toJson(Value(expected)));
+  EXPECT_EQ(plain, serial::toJson(Value(expected)));
 
   // The sealed body opens, with the host's key, to the same bytes.
   const auto opened = collector::decodeLogDataText(field(envelope, "log_data"), kKey);
@@ -67,7 +67,7 @@ TEST_F(EnvelopeTest, NilRecordsBecomeAnEmptyStringAndNoRecordsAnEmptyArray) {
   const auto nilBody = collector::decodeLogData(field(nilEnvelope, "log_data"), kKey);
   ASSERT_TRUE(nilBody) << nilBody.error;
   EXPECT_EQ(*nilBody.value->asDictionary()->find("a"), Value(""));
-  EXPECT_EQ(platform::parseJson(field(nilEnvelope, "log_data_str")), nilBody.value);
+  EXPECT_EQ(serial::parseJson(field(nilEnvelope, "log_data_str")), nilBody.value);
 
   const Array none;
   const Dictionary emptyEnvelope = format().combinationLog(&none);

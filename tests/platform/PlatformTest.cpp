@@ -6,14 +6,16 @@
 #include <vector>
 
 #include "QXLog/platform/GlobalQueue.h"
-#include "QXLog/platform/Json.h"
 #include "QXLog/platform/MainQueue.h"
-#include "QXLog/platform/PropertyList.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/PropertyList.h"
+#include "QXLog/serial/Text.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::platform {
 namespace {
+
+using namespace qxlog::serial;  // the serialisers are tested here too
 
 using std::chrono::seconds;
 const std::string kReplacement = "\xEF\xBF\xBD";

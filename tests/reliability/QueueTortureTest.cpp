@@ -25,7 +25,7 @@
 #include "QXLog/center/QueueFileNames.h"
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/Files.h"
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/PropertyList.h"
 #include "tests/support/TestPlatform.h"
 
 extern char** environ;
@@ -72,7 +72,7 @@ std::vector<uint64_t> runHost(const std::string& documents, uint64_t first,
 bool isTorn(std::string_view name, Value::Type root) {
   std::optional<std::string> bytes = platform::readFile(platform::documentsPath(name));
   if (!bytes || bytes->empty()) return false;  // absent, or created empty before a first store
-  std::optional<Value> parsed = platform::parsePropertyList(*bytes);
+  std::optional<Value> parsed = serial::parsePropertyList(*bytes);
   return !parsed || parsed->type() != root;
 }
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Facts.h"
 #include "tests/support/TestPlatform.h"
 
@@ -34,7 +34,7 @@ TEST(FreeDiskSpace, TwoToTheSixtyFourthWhenTheFileSystemCannotBeRead) {
   const double unknown = support::freeDiskSpaceOf("/nonexistent/qxlog/var");
   EXPECT_EQ(unknown, 18446744073709551616.0);
   constexpr double kGiB = 0.0009765625 * 0.0009765625 * 0.0009765625;
-  EXPECT_EQ(platform::formatGeneral(unknown * kGiB), "1.71799e+10");  // as the launch record
+  EXPECT_EQ(serial::formatGeneral(unknown * kGiB), "1.71799e+10");  // as the launch record
 }
 
 TEST(LookupHostIPAddressForURL, ResolvesToADottedIPv4AddressOrEmptyText) {

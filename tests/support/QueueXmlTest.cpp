@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/PropertyList.h"
 #include "QXLog/support/QueueXml.h"
 
 namespace qxlog::support {
@@ -8,7 +8,7 @@ namespace {
 
 std::string wholeXml(const Array& queue) {
   std::string xml;
-  platform::appendXmlPropertyList(xml, queue);
+  serial::appendXmlPropertyList(xml, queue);
   return xml;
 }
 
@@ -34,7 +34,7 @@ TEST(QueueXmlTest, AGrowingQueueGivesTheWholeWritersBytesAtEveryStep) {
     ASSERT_EQ(cache.documentFor(queue), wholeXml(queue)) << "after record " << i;
     EXPECT_EQ(cache.cachedCount(), queue.size());
   }
-  std::optional<Value> parsed = platform::parsePropertyList(cache.documentFor(queue));
+  std::optional<Value> parsed = serial::parsePropertyList(cache.documentFor(queue));
   ASSERT_TRUE(parsed.has_value() && parsed->isArray());
   // Property lists have no null and no C0 controls, so compare a plain field.
   ASSERT_EQ(parsed->asArray()->size(), queue.size());

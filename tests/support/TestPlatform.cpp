@@ -15,9 +15,9 @@
 #include "QXLog/platform/Documents.h"
 #include "QXLog/platform/DurableFlush.h"
 #include "QXLog/platform/Files.h"
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/PropertyList.h"
 #include "QXLog/recording/Gate.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/PropertyList.h"
 
 namespace qxlog::testing {
 
@@ -163,7 +163,7 @@ std::string LibraryTest::documentsPath(const std::string& fileName) const {
 std::optional<Array> LibraryTest::readQueueFile(const std::string& fileName) const {
   std::optional<std::string> bytes = platform::readFile(documentsPath(fileName));
   if (!bytes) return std::nullopt;
-  std::optional<Value> root = platform::parsePropertyList(*bytes);
+  std::optional<Value> root = serial::parsePropertyList(*bytes);
   if (!root || !root->isArray()) return std::nullopt;
   return *root->asArray();
 }
@@ -191,7 +191,7 @@ std::vector<std::string> items(const Array& queue) {
 }
 
 std::string json(const Dictionary& record) {
-  return platform::toJson(Value(record));
+  return serial::toJson(Value(record));
 }
 
 std::string readToEnd(int fd) {

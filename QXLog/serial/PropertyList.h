@@ -1,7 +1,7 @@
 // XML property lists: the on-disk form of the queue files, loadable by any
 // standard plist reader.
-#ifndef QXLOG_PLATFORM_PROPERTYLIST_H_
-#define QXLOG_PLATFORM_PROPERTYLIST_H_
+#ifndef QXLOG_SERIAL_PROPERTYLIST_H_
+#define QXLOG_SERIAL_PROPERTYLIST_H_
 
 #include <optional>
 #include <string>
@@ -10,7 +10,7 @@
 
 #include "QXLog/QXLogValue.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 
 // Serialises a value as an XML property list. Property lists have no null: a
 // null is written as an empty string.
@@ -30,6 +30,6 @@ void appendXmlPropertyListOfElements(std::string& out, const std::vector<std::st
 // Parses an XML (or binary) property list. Nothing when the bytes do not hold one.
 std::optional<Value> parsePropertyList(std::string_view bytes);
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial
 
-#endif  // QXLOG_PLATFORM_PROPERTYLIST_H_
+#endif  // QXLOG_SERIAL_PROPERTYLIST_H_

@@ -1,4 +1,4 @@
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 namespace {
 
 // For each byte: 0 when it is written as is, else the character after the
@@ -227,4 +227,4 @@ std::optional<Value> parseJson(std::string_view text) {
   return std::move(builder.result);
 }
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial

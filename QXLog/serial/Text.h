@@ -1,7 +1,7 @@
 // Text conversions of the platform's string and number objects, always in the
 // C locale whatever locale the host has set.
-#ifndef QXLOG_PLATFORM_TEXT_H_
-#define QXLOG_PLATFORM_TEXT_H_
+#ifndef QXLOG_SERIAL_TEXT_H_
+#define QXLOG_SERIAL_TEXT_H_
 
 #include <cstdint>
 #include <string>
@@ -9,7 +9,7 @@
 
 #include "QXLog/QXLogValue.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 
 // The leading decimal integer of a text: leading whitespace skipped, an
 // optional sign, digits up to the first other character; 0 without digits.
@@ -57,6 +57,6 @@ std::string validUtf8(std::string_view text);
 std::string describe(const Value& value);
 std::string describe(const NullableString& value);
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial
 
-#endif  // QXLOG_PLATFORM_TEXT_H_
+#endif  // QXLOG_SERIAL_TEXT_H_

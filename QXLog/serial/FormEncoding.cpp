@@ -1,11 +1,11 @@
-#include "QXLog/platform/FormEncoding.h"
+#include "QXLog/serial/FormEncoding.h"
 
 #include <algorithm>
 #include <vector>
 
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 namespace {
 
 void appendPairs(std::vector<std::pair<std::string, std::string>>& pairs, const std::string& key,
@@ -53,4 +53,4 @@ std::string formEncode(const Dictionary& parameters) {
   return body;
 }
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial

@@ -1,15 +1,15 @@
 // The body of a form POST (application/x-www-form-urlencoded), encoded the way
 // the networking library's request serialiser does.
-#ifndef QXLOG_PLATFORM_FORMENCODING_H_
-#define QXLOG_PLATFORM_FORMENCODING_H_
+#ifndef QXLOG_SERIAL_FORMENCODING_H_
+#define QXLOG_SERIAL_FORMENCODING_H_
 
 #include <string>
 #include <string_view>
 
 #include "QXLog/QXLogValue.h"
-#include "QXLog/platform/PercentEncoding.h"
+#include "QXLog/serial/PercentEncoding.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 
 // Pairs sorted by key and joined with "&". Strings are percent-escaped so that
 // base64's "+" and "=" survive; nested dictionaries become "key[sub]=...",
@@ -20,6 +20,6 @@ inline std::string percentEscapeFormComponent(std::string_view text) {
   return percentEncode(text, kFormPunctuation);
 }
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial
 
-#endif  // QXLOG_PLATFORM_FORMENCODING_H_
+#endif  // QXLOG_SERIAL_FORMENCODING_H_

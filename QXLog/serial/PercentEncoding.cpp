@@ -1,6 +1,6 @@
-#include "QXLog/platform/PercentEncoding.h"
+#include "QXLog/serial/PercentEncoding.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 
 std::string percentEncode(std::string_view text, std::string_view kept) {
   static constexpr char kHex[] = "0123456789ABCDEF";
@@ -19,4 +19,4 @@ std::string percentEncode(std::string_view text, std::string_view kept) {
   return encoded;
 }
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial

@@ -1,12 +1,12 @@
 // Percent-encoding with a choice of the punctuation kept as it is: the one
 // encoder behind the URLs in records and the bodies of form POSTs.
-#ifndef QXLOG_PLATFORM_PERCENTENCODING_H_
-#define QXLOG_PLATFORM_PERCENTENCODING_H_
+#ifndef QXLOG_SERIAL_PERCENTENCODING_H_
+#define QXLOG_SERIAL_PERCENTENCODING_H_
 
 #include <string>
 #include <string_view>
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 
 // What a URL query may hold besides letters and digits.
 inline constexpr std::string_view kQueryPunctuation = "-._~!$&'()*+,;=:/?@";
@@ -17,6 +17,6 @@ inline constexpr std::string_view kFormPunctuation = "-._~/?";
 // written as %XX, upper-case hex; multi-byte UTF-8 is encoded byte by byte.
 std::string percentEncode(std::string_view text, std::string_view kept);
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial
 
-#endif  // QXLOG_PLATFORM_PERCENTENCODING_H_
+#endif  // QXLOG_SERIAL_PERCENTENCODING_H_

@@ -1,12 +1,12 @@
-#include "QXLog/platform/Text.h"
+#include "QXLog/serial/Text.h"
 
 #include <charconv>
 #include <cmath>
 #include <limits>
 
-#include "QXLog/platform/Json.h"
+#include "QXLog/serial/Json.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 namespace {
 
 bool isSpace(char c) {
@@ -162,4 +162,4 @@ std::string describe(const NullableString& value) {
   return value ? *value : "(null)";
 }
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial

@@ -5,10 +5,10 @@
 #include <limits>
 #include <memory>
 
-#include "QXLog/platform/Json.h"
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/serial/PropertyList.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 namespace {
 
 struct PlistFree {
@@ -118,4 +118,4 @@ std::optional<Value> parsePropertyList(std::string_view bytes) {
   return convert(root);
 }
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial

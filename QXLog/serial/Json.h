@@ -1,7 +1,7 @@
 // JSON reading and writing of values: the stand-in for the platform's JSON
 // serialisation.
-#ifndef QXLOG_PLATFORM_JSON_H_
-#define QXLOG_PLATFORM_JSON_H_
+#ifndef QXLOG_SERIAL_JSON_H_
+#define QXLOG_SERIAL_JSON_H_
 
 #include <optional>
 #include <string>
@@ -9,7 +9,7 @@
 
 #include "QXLog/QXLogValue.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 
 // Compact JSON (no whitespace), keys in insertion order. Non-finite reals,
 // which JSON cannot carry, are written as null.
@@ -22,6 +22,6 @@ void appendJson(std::string& out, const Value& value);
 inline constexpr int kMaxJsonDepth = 512;
 std::optional<Value> parseJson(std::string_view text);
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial
 
-#endif  // QXLOG_PLATFORM_JSON_H_
+#endif  // QXLOG_SERIAL_JSON_H_

@@ -4,9 +4,9 @@
 #include <charconv>
 #include <cmath>
 
-#include "QXLog/platform/PropertyList.h"
+#include "QXLog/serial/PropertyList.h"
 
-namespace qxlog::platform {
+namespace qxlog::serial {
 namespace {
 
 constexpr std::string_view kPrologue =
@@ -180,4 +180,4 @@ std::string toXmlPropertyList(const Value& root) {
   return out;
 }
 
-}  // namespace qxlog::platform
+}  // namespace qxlog::serial
