@@ -16,24 +16,14 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
+#include "tests/reliability/tools/Acknowledge.h"
 
 namespace {
 
+using qxlog::testing::acknowledge;
+using qxlog::testing::ignoreConsole;
+
 using Clock = std::chrono::steady_clock;
-
-void ignoreConsole(const char*, void*) {}
-
-bool acknowledge(uint64_t number) {
-  const char* bytes = reinterpret_cast<const char*>(&number);
-  std::size_t left = sizeof number;
-  while (left > 0) {
-    ssize_t written = ::write(STDOUT_FILENO, bytes, left);
-    if (written <= 0) return false;
-    bytes += written;
-    left -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
 
 // Serves the main queue for `span`, or until `done` holds.
 template <typename Done>

@@ -13,22 +13,12 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
+#include "tests/reliability/tools/Acknowledge.h"
 
 namespace {
 
-void ignoreConsole(const char*, void*) {}
-
-bool acknowledge(uint64_t number) {
-  const char* bytes = reinterpret_cast<const char*>(&number);
-  std::size_t left = sizeof number;
-  while (left > 0) {
-    ssize_t written = ::write(STDOUT_FILENO, bytes, left);
-    if (written <= 0) return false;
-    bytes += written;
-    left -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
+using qxlog::testing::acknowledge;
+using qxlog::testing::ignoreConsole;
 
 }  // namespace
 
