@@ -22,8 +22,9 @@ namespace qxlog {
 class CenterRegistry;
 class PendingQueue;
 namespace platform {
+class Env;
 struct HttpResponse;
-}
+}  // namespace platform
 }  // namespace qxlog
 
 class QXLogCenter {
@@ -32,7 +33,8 @@ class QXLogCenter {
   using Dictionary = qxlog::Dictionary;
   using Array = qxlog::Array;
 
-  // The single instance, created on first call.
+  // The single instance, created on first call on the system's environment
+  // (CenterRegistry gives it another before then).
   static QXLogCenter& center();
 
   ~QXLogCenter();
@@ -40,6 +42,9 @@ class QXLogCenter {
   QXLogCenter& operator=(const QXLogCenter&) = delete;
 
   QXLogMessageFormat& format() { return *format_; }
+  // What the center takes from the operating system: clocks, queues, HTTP,
+  // files and the Documents directory, console.
+  qxlog::platform::Env& env() const { return format_->env(); }
 
   // The collections. Getters load a queue from its file on first use and
   // return a snapshot; setters replace the collection in memory only.
@@ -102,7 +107,7 @@ class QXLogCenter {
  private:
   friend class qxlog::CenterRegistry;
   struct OutgoingUpload;
-  QXLogCenter();
+  explicit QXLogCenter(std::shared_ptr<qxlog::platform::Env> env);
 
   void send(std::shared_ptr<const OutgoingUpload> upload);
   void uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,

@@ -6,12 +6,17 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "QXLog/QXLogValue.h"
+
+namespace qxlog::platform {
+class Env;
+}
 
 // The string properties, in declaration order: (getter, setter).
 #define QXLOG_FORMAT_STRING_PROPERTIES(X)                    \
@@ -43,8 +48,12 @@ class QXLogMessageFormat {
   using Value = qxlog::Value;
 
   // Initial values: networkState "0", terminal_category "2", limitLogCount 1,
-  // packageName the program's name, bundleVer "".
+  // packageName the program's name, bundleVer "". The builders read the
+  // clock and write the console through `env`; the log center gives its own,
+  // and without one it is the system's.
   QXLogMessageFormat();
+  explicit QXLogMessageFormat(std::shared_ptr<qxlog::platform::Env> env);
+  qxlog::platform::Env& env() const;
   QXLogMessageFormat(const QXLogMessageFormat&) = delete;
   QXLogMessageFormat& operator=(const QXLogMessageFormat&) = delete;
 
@@ -138,6 +147,7 @@ class QXLogMessageFormat {
   NullableString get(Field field) const;
   void set(Field field, NullableString value);
 
+  const std::shared_ptr<qxlog::platform::Env> env_;
   mutable std::mutex mutex_;
   std::array<NullableString, static_cast<std::size_t>(Field::kCount)> strings_;
   bool isDev_ = false;

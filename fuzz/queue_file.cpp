@@ -4,9 +4,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Documents.h"
-#include "QXLog/platform/Files.h"
+#include "QXLog/center/CenterRegistry.h"
+#include "QXLog/platform/Env.h"
 
 namespace {
 constexpr const char* kQueue = "UserStatisticalLog.plist";
@@ -16,14 +17,16 @@ constexpr const char* kTable = "USERMovieStartTimeLog.plist";
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) std::abort();
-  qxlog::platform::setDocumentsDirectory(pattern);
+  qxlog::CenterRegistry::createWithEnv(
+      std::make_shared<qxlog::platform::Env>(qxlog::platform::Env::Parts{.documents = pattern}));
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string bytes(reinterpret_cast<const char*>(data), size);
+  const qxlog::platform::Env& env = QXLogCenter::center().env();
   for (const char* name : {kQueue, kTable}) {
-    if (!qxlog::platform::writeFileAtomically(qxlog::platform::documentsPath(name), bytes)) {
+    if (!env.files().replaceAtomically(env.documentsPath(name), bytes)) {
       std::abort();
     }
   }

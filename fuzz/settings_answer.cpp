@@ -6,10 +6,8 @@
 #include <vector>
 
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Console.h"
-#include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Documents.h"
-#include "QXLog/platform/Http.h"
+#include "QXLog/center/CenterRegistry.h"
+#include "QXLog/platform/Env.h"
 
 namespace platform = qxlog::platform;
 
@@ -28,24 +26,31 @@ std::shared_ptr<HeldTasks> g_tasks;
 std::string g_answer;
 bool g_completed = true;
 
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) std::abort();
-  platform::setDocumentsDirectory(pattern);
-  platform::setConsoleSink([](const std::string&) {});
-  g_tasks = std::make_shared<HeldTasks>();
-  platform::setMainQueue(g_tasks);
-  platform::setGlobalQueue(g_tasks);
-  platform::setHttpTransportOverride([](const platform::HttpRequest&) {
+// Answers every request with the input instead of the network.
+class InputTransport final : public platform::HttpTransport {
+ public:
+  platform::HttpResponse perform(const platform::HttpRequest&) override {
     platform::HttpResponse response;
     response.completed = g_completed;
     response.status = 200;
     response.contentType = "application/json";
     response.body = g_answer;
     return response;
-  });
+  }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) std::abort();
+  g_tasks = std::make_shared<HeldTasks>();
+  qxlog::CenterRegistry::createWithEnv(std::make_shared<platform::Env>(
+      platform::Env::Parts{.mainQueue = g_tasks,
+                           .globalQueue = g_tasks,
+                           .http = std::make_shared<InputTransport>(),
+                           .console = [](const std::string&) {},
+                           .documents = pattern}));
   QXLogCenter::center().format().setPushUrl("http://127.0.0.1/settings");
   return 0;
 }

@@ -10,8 +10,7 @@
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/PushTimer.h"
 #include "QXLog/center/Upload.h"
-#include "QXLog/platform/Console.h"
-#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Env.h"
 
 namespace platform = qxlog::platform;
 
@@ -44,7 +43,7 @@ void QXLogCenter::submitOldestBatch() {
     batchOut_ = true;
   }
   auto upload = std::make_shared<OutgoingUpload>();
-  upload->envelope = qxlog::traceEnvelopeText(std::move(envelope));
+  upload->envelope = qxlog::traceEnvelopeText(env(), std::move(envelope));
   upload->url = format().pushLogUrl();
   upload->oldestBatch = true;
   send(std::move(upload));
@@ -75,7 +74,7 @@ void QXLogCenter::retryOldestBatch(const std::string& reason) {
   }
   reportBatch(BatchOutcome::kRetrying, records, reason);
   // The batch stays out until its retry, so that no other upload overtakes it.
-  platform::mainQueue()->post(
+  env().mainQueue()->post(
       [this] {
         {
           std::lock_guard lock(lock_);
@@ -96,9 +95,9 @@ void QXLogCenter::oldestBatchSettled(BatchOutcome outcome, const std::string& re
     batchFailures_ = 0;
     batchRefusals_ = 0;
     if (outcome == BatchOutcome::kDropped) {
-      platform::consoleWrite("QXLog: dropped a batch of " + std::to_string(settled) +
-                             " records after " + std::to_string(kMaxRefusals + 1) + " refusals (" +
-                             reason + ")");
+      env().consoleWrite("QXLog: dropped a batch of " + std::to_string(settled) +
+                         " records after " + std::to_string(kMaxRefusals + 1) + " refusals (" +
+                         reason + ")");
     }
     reportBatch(outcome, settled, reason);
   }

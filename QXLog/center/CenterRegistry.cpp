@@ -9,19 +9,40 @@ namespace {
 
 std::atomic<QXLogCenter*> g_center{nullptr};
 std::once_flag g_once;
+std::mutex g_envMutex;
+std::shared_ptr<platform::Env> g_env;  // the current center's
 
 }  // namespace
 
+QXLogCenter* CenterRegistry::createdOn(std::shared_ptr<platform::Env> env) {
+  std::lock_guard lock(g_envMutex);
+  g_env = std::move(env);
+  return new QXLogCenter(g_env);
+}
+
+bool CenterRegistry::createWithEnv(std::shared_ptr<platform::Env> env) {
+  bool created = false;
+  std::call_once(g_once, [&] {
+    g_center.store(createdOn(std::move(env)), std::memory_order_release);
+    created = true;
+  });
+  return created;
+}
+
 QXLogCenter& CenterRegistry::instance() {
-  std::call_once(g_once, [] { g_center.store(new QXLogCenter(), std::memory_order_release); });
+  createWithEnv(platform::Env::Default());
   return *g_center.load(std::memory_order_acquire);
 }
 
-QXLogCenter& CenterRegistry::replaceForTesting() {
+QXLogCenter& CenterRegistry::replaceForTesting(std::shared_ptr<platform::Env> env) {
   instance();
   static std::mutex retiredMutex;
   static auto* retired = new std::vector<QXLogCenter*>();
-  auto* fresh = new QXLogCenter();
+  if (!env) {
+    std::lock_guard lock(g_envMutex);
+    env = g_env;
+  }
+  auto* fresh = createdOn(std::move(env));
   std::lock_guard lock(retiredMutex);
   retired->push_back(g_center.exchange(fresh, std::memory_order_acq_rel));
   return *fresh;

@@ -3,17 +3,16 @@
 #include <algorithm>
 #include <utility>
 
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/support/QueueFiles.h"
 
 namespace qxlog {
 
-PendingQueue::PendingQueue(std::string_view fileName, bool keepsJson)
-    : fileName_(fileName), keepsJson_(keepsJson) {}
+PendingQueue::PendingQueue(const platform::Env& env, std::string_view fileName, bool keepsJson)
+    : env_(env), fileName_(fileName), keepsJson_(keepsJson) {}
 
 Array& PendingQueue::loaded() {
-  if (!records_) records_ = QXLogHelper::store(nullptr, fileName_).value_or(Array());
+  if (!records_) records_ = support::readArray(env_, fileName_).value_or(Array());
   return *records_;
 }
 
@@ -48,7 +47,7 @@ Array PendingQueue::take() {
 void PendingQueue::clear() {
   loaded().clear();
   forgetCaches();
-  QXLogHelper::removePlist(fileName_);
+  support::removeQueueFile(env_, fileName_);
 }
 
 void PendingQueue::removeFirst(std::size_t count) {
@@ -78,7 +77,7 @@ std::string PendingQueue::jsonOfFirst(std::size_t count) {
 }
 
 void PendingQueue::writeFile() {
-  support::writeQueueFile(xml_.documentFor(*records_), fileName_);
+  support::writeQueueFile(env_, xml_.documentFor(*records_), fileName_);
 }
 
 void PendingQueue::forgetCaches() {

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "QXLog/QXLogValue.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/support/QueueJson.h"
 #include "QXLog/support/QueueXml.h"
 
@@ -20,7 +21,7 @@ class PendingQueue {
  public:
   // `keepsJson`: serialise each record's JSON as it is stored, so that the
   // upload envelope finds it ready.
-  PendingQueue(std::string_view fileName, bool keepsJson);
+  PendingQueue(const platform::Env& env, std::string_view fileName, bool keepsJson);
 
   // The records; a missing, empty, damaged or wrong-typed file reads as none.
   const Array& records() { return loaded(); }
@@ -51,6 +52,7 @@ class PendingQueue {
   void writeFile();
   void forgetCaches();
 
+  const platform::Env& env_;
   std::string_view fileName_;
   bool keepsJson_;
   std::optional<Array> records_;

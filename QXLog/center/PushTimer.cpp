@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/platform/TimerSource.h"
 #include "QXLog/serial/Text.h"
 
@@ -30,11 +30,11 @@ void QXLogCenter::startTime(int32_t seconds) {
       return;
     }
     timer.cancel();
-    platform::mainQueue()->async([this] {
+    env().mainQueue()->async([this] {
       if (playCount() != 0) makePlayLog();
       submitAllLog();
     });
   };
-  platform::TimerSource::start(platform::globalQueue(),
+  platform::TimerSource::start(env().globalQueue(), env().sharedClock(),
                                std::chrono::seconds(static_cast<int64_t>(seconds)), handler);
 }

@@ -3,16 +3,17 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/QueueFileNames.h"
-#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Env.h"
+#include "QXLog/support/QueueFiles.h"
 
 using qxlog::kActionQueueFile;
 using qxlog::kPlayQueueFile;
 using qxlog::kStartTimeFile;
 
-QXLogCenter::QXLogCenter()
-    : format_(std::make_unique<QXLogMessageFormat>()),
-      playQueue_(std::make_unique<qxlog::PendingQueue>(kPlayQueueFile, false)),
-      actionQueue_(std::make_unique<qxlog::PendingQueue>(kActionQueueFile, true)) {}
+QXLogCenter::QXLogCenter(std::shared_ptr<qxlog::platform::Env> env)
+    : format_(std::make_unique<QXLogMessageFormat>(std::move(env))),
+      playQueue_(std::make_unique<qxlog::PendingQueue>(this->env(), kPlayQueueFile, false)),
+      actionQueue_(std::make_unique<qxlog::PendingQueue>(this->env(), kActionQueueFile, true)) {}
 
 QXLogCenter::~QXLogCenter() = default;
 
@@ -29,7 +30,7 @@ qxlog::PendingQueue& QXLogCenter::playQueueLocked() {
 
 QXLogCenter::Dictionary& QXLogCenter::startTimeTableLocked() {
   if (!actionStartTime_) {
-    actionStartTime_ = QXLogHelper::storeDict(nullptr, kStartTimeFile).value_or(Dictionary());
+    actionStartTime_ = qxlog::support::readDictionary(env(), kStartTimeFile).value_or(Dictionary());
   }
   return *actionStartTime_;
 }
@@ -97,6 +98,6 @@ void QXLogCenter::reportBatch(BatchOutcome outcome, std::size_t records,
     handler = deliveryHandler_;
   }
   if (!handler) return;
-  qxlog::platform::mainQueue()->async(
+  env().mainQueue()->async(
       [handler, outcome, records, reason] { handler(outcome, records, reason); });
 }

@@ -6,7 +6,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/PendingQueue.h"
-#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Env.h"
 
 using qxlog::Value;
 
@@ -45,8 +45,8 @@ void QXLogCenter::storeBounded(qxlog::PendingQueue& queue, Dictionary record) {
     std::size_t dropped = queue.makeRoom(queueLimit());
     if (dropped != 0) {
       if (&queue == actionQueue_.get()) batchRecords_ -= std::min(dropped, batchRecords_);
-      qxlog::platform::consoleWrite("QXLog: queue limit reached, dropped " +
-                                    std::to_string(dropped) + " oldest records");
+      env().consoleWrite("QXLog: queue limit reached, dropped " + std::to_string(dropped) +
+                         " oldest records");
       reportBatch(BatchOutcome::kDropped, dropped, "queue limit");
     }
   }

@@ -4,10 +4,10 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/PushTimer.h"
 #include "QXLog/platform/Clock.h"
-#include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Http.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
+#include "QXLog/support/Token.h"
 
 namespace platform = qxlog::platform;
 namespace serial = qxlog::serial;
@@ -31,11 +31,11 @@ void QXLogCenter::getLogServerInfo() {
   QXLogMessageFormat& settings = format();
   platform::HttpRequest request;
   request.url = serial::describe(settings.pushUrl()) +
-                "?token=" + serial::describe(QXLogHelper::tokenString(std::nullopt)) +
+                "?token=" + serial::describe(qxlog::support::dayToken(env().clock())) +
                 "&uid=" + serial::describe(settings.idfa());
   request.timeout = std::chrono::seconds(30);
-  platform::globalQueue()->async(
-      [this, request = std::move(request)] { settingsAnswered(platform::performHttp(request)); });
+  env().globalQueue()->async(
+      [this, request = std::move(request)] { settingsAnswered(env().performHttp(request)); });
 }
 
 void QXLogCenter::settingsAnswered(const platform::HttpResponse& response) {
@@ -51,6 +51,6 @@ void QXLogCenter::settingsAnswered(const platform::HttpResponse& response) {
   settings.setPush_interval_time(interval);
   settings.setLimitLogCount(serial::integerValue(resultField(answer, "push_interval_number")));
   settings.setCurrent_time(resultField(answer, "current_time"));
-  settings.setServerInfoUpdateTime(platform::wallSeconds() * 1000.0);
+  settings.setServerInfoUpdateTime(env().wallSeconds() * 1000.0);
   startTime(qxlog::pushIntervalSeconds(interval));
 }

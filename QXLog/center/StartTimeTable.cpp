@@ -1,16 +1,17 @@
 // The start-time table: item key to the millisecond time its start was marked.
 // Entries are never removed; the table grows with every new key.
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/center/QueueFileNames.h"
+#include "QXLog/platform/Env.h"
+#include "QXLog/support/QueueFiles.h"
 #include "QXLog/support/Time.h"
 
 void QXLogCenter::saveActionStartTime(const std::string& key) {
-  std::string now = qxlog::currentMillisText();
+  std::string now = qxlog::currentMillisText(env().clock());
   std::lock_guard lock(lock_);
   Dictionary& table = startTimeTableLocked();
   table.set(key, qxlog::Value(std::move(now)));
-  QXLogHelper::storeDict(table, qxlog::kStartTimeFile);
+  qxlog::support::writeCollection(env(), table, qxlog::kStartTimeFile);
 }
 
 QXLogCenter::NullableString QXLogCenter::getActionStartTime(const std::string& key) {

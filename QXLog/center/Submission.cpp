@@ -6,8 +6,7 @@
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/PushTimer.h"
 #include "QXLog/center/Upload.h"
-#include "QXLog/platform/Console.h"
-#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
 
 namespace platform = qxlog::platform;
@@ -57,7 +56,7 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
       }
     }
   }
-  upload->envelope = qxlog::traceEnvelopeText(std::move(envelope));
+  upload->envelope = qxlog::traceEnvelopeText(env(), std::move(envelope));
   upload->diagnosis = diagnosis;
   if (url && url->empty()) {
     upload->url = format().pushLogUrl();
@@ -71,10 +70,10 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
 void QXLogCenter::send(std::shared_ptr<const OutgoingUpload> upload) {
   platform::HttpRequest request =
       qxlog::makeUploadRequest(upload->envelope, upload->url.value_or(""), upload->announceGzip);
-  platform::globalQueue()->async([this, upload, request = std::move(request)] {
-    platform::HttpResponse response = platform::performHttp(request);
+  env().globalQueue()->async([this, upload, request = std::move(request)] {
+    platform::HttpResponse response = env().performHttp(request);
     // Answers are handled on the main queue, one at a time.
-    platform::mainQueue()->async(
+    env().mainQueue()->async(
         [this, upload, response = std::move(response)] { uploadAnswered(upload, response); });
   });
 }

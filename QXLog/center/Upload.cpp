@@ -5,7 +5,7 @@
 #include <cctype>
 #include <string_view>
 
-#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/FormEncoding.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
@@ -29,10 +29,10 @@ std::string mediaType(std::string_view contentType) {
 
 }  // namespace
 
-Dictionary traceEnvelopeText(Dictionary envelope) {
+Dictionary traceEnvelopeText(const platform::Env& env, Dictionary envelope) {
   const Value* text = envelope.find("log_data_str");
-  platform::consoleWrite("Ostra->LogContent:" +
-                         (text != nullptr ? serial::describe(*text) : std::string("(null)")));
+  env.consoleWrite("Ostra->LogContent:" +
+                   (text != nullptr ? serial::describe(*text) : std::string("(null)")));
   envelope.erase("log_data_str");
   return envelope;
 }

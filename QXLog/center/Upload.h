@@ -8,7 +8,8 @@
 #include <string>
 
 #include "QXLog/QXLogValue.h"
-#include "QXLog/platform/Http.h"
+#include "QXLog/platform/Env.h"
+#include "QXLog/platform/HttpTransport.h"
 
 namespace qxlog {
 
@@ -16,9 +17,9 @@ namespace qxlog {
 // backlog is discarded rather than sent; at least once it goes out in batches.
 inline constexpr std::size_t kMaxBatchRecords = 500;
 
-// Writes the envelope's "log_data_str" to the console, as every upload does,
-// and returns the envelope without it: it is not posted.
-Dictionary traceEnvelopeText(Dictionary envelope);
+// Writes the envelope's "log_data_str" to the env's console, as every upload
+// does, and returns the envelope without it: it is not posted.
+Dictionary traceEnvelopeText(const platform::Env& env, Dictionary envelope);
 
 // The POST of an envelope's parameters to `url`. "Content-Encoding: gzip" is
 // announced when the caller named the URL itself (as the log server expects

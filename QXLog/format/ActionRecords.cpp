@@ -1,13 +1,14 @@
 // Launch, network and action records.
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
-#include "QXLog/platform/Clock.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
+#include "QXLog/support/Facts.h"
 #include "QXLog/support/Time.h"
 
 namespace {
 
-namespace platform = qxlog::platform;
+namespace support = qxlog::support;
 namespace serial = qxlog::serial;
 
 // Bytes to gigabytes, one factor of 1/1024 at a time.
@@ -22,10 +23,11 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::launchLog(const NullableStrin
                                                              const NullableString& push_id) const {
   // Whole seconds on the local clock, scaled to milliseconds: a launch is
   // stamped to the second and not corrected to the server's clock.
-  int64_t seconds = serial::truncateToInt64(platform::wallSeconds());
+  int64_t seconds = serial::truncateToInt64(env().wallSeconds());
   // Scaled modulo 2^64 so that an absurd clock cannot overflow.
   auto launchMillis = static_cast<int64_t>(static_cast<uint64_t>(seconds) * 1000u);
-  std::string totalSize = serial::formatGeneral(gigabytes(QXLogHelper::totalDiskSpace()));
+  std::string totalSize = serial::formatGeneral(
+      gigabytes(support::totalDiskSpaceOf(env(), env().documentsDirectory())));
   std::string freeSize = serial::formatGeneral(gigabytes(QXLogHelper::freeDiskSpace()));
   std::string deviceAddress = QXLogHelper::getIPAddress();
 
@@ -49,7 +51,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::launchLog(const NullableStrin
 QXLogMessageFormat::Dictionary QXLogMessageFormat::networkLog(
     const NullableString& networkLog, const NullableString& wasteTime,
     const NullableString& errorCode) const {
-  std::string sendTime = returnsSendTime(static_cast<double>(qxlog::currentMillis()));
+  std::string sendTime = returnsSendTime(static_cast<double>(qxlog::currentMillis(env().clock())));
   Dictionary record;
   record.reserve(5);
   record.setString("a_t", "7");
@@ -65,7 +67,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::actionLog(
     const NullableString& actionLog, const NullableString& actionTime,
     const NullableString& movie_index) const {
   // One clock reading gives both the server-corrected and the local time.
-  uint64_t now = qxlog::currentMillis();
+  uint64_t now = qxlog::currentMillis(env().clock());
   Dictionary record;
   record.reserve(7);
   record.setString("a_t", "2");

@@ -1,9 +1,8 @@
 // The common header that heads every upload, and the server-corrected send time.
 #include "QXLog/QXLogMessageFormat.h"
-#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
 
-namespace platform = qxlog::platform;
 namespace serial = qxlog::serial;
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::publicLog() const {
@@ -23,7 +22,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::publicLog() const {
   header.setString("t_11", "");
   header.setString("t_12", uid());
   // A header without a numeric user id is traced, to spot hosts that forgot it.
-  if (serial::intValue(uid()) == 0) platform::consoleWrite(serial::describe(Value(header)));
+  if (serial::intValue(uid()) == 0) env().consoleWrite(serial::describe(Value(header)));
   return header;
 }
 

@@ -1,7 +1,11 @@
 // Diagnosis report and body.
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
+#include "QXLog/support/Token.h"
+
+namespace support = qxlog::support;
 
 namespace serial = qxlog::serial;
 
@@ -46,7 +50,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisLog(
 QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisOfCompleteInformation(
     const Value& report) const {
   NullableString encoded = QXLogHelper::base64String(report);
-  NullableString token = QXLogHelper::tokenString(serial::formatGeneral(serverInfoUpdateTime()));
+  NullableString token = support::dayToken(env().clock());
 
   // "uid" carries the device identifier, and the software version travels
   // under "velin" while "version" holds the fixed text "velin": the server

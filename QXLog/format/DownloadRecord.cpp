@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 #include "QXLog/support/UrlEncoding.h"
@@ -56,7 +57,7 @@ Dictionary downloadRecord(const QXLogMessageFormat& format, const DownloadReport
   // The start time the host saved for this item; missing or non-numeric is 0.
   int64_t startMillis = downLog ? serial::longLongValue(savedStartTime) : 0;
   std::string start = format.returnsSendTime(static_cast<double>(startMillis));
-  uint64_t nowMillis = qxlog::currentMillis();
+  uint64_t nowMillis = qxlog::currentMillis(format.env().clock());
   std::string now = format.returnsSendTime(static_cast<double>(nowMillis));
 
   // Elapsed whole seconds since the start, wrapping rather than overflowing.

@@ -4,9 +4,11 @@
 
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Codecs.h"
+#include "QXLog/support/Token.h"
 
 namespace serial = qxlog::serial;
 
@@ -33,8 +35,7 @@ Dictionary sealed(const QXLogMessageFormat& format, std::string body,
                   const qxlog::NullableString& key) {
   body += '}';
   qxlog::NullableString logData = qxlog::support::sealJson(std::string_view(body), key);
-  qxlog::NullableString token =
-      QXLogHelper::tokenString(serial::formatGeneral(format.serverInfoUpdateTime()));
+  qxlog::NullableString token = qxlog::support::dayToken(format.env().clock());
 
   Dictionary envelope;
   envelope.reserve(3);

@@ -1,14 +1,13 @@
 // Play header, play-action and trailer records.
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
-#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 #include "QXLog/support/UrlEncoding.h"
 
 namespace {
 
-namespace platform = qxlog::platform;
 namespace serial = qxlog::serial;
 using qxlog::Dictionary;
 using qxlog::NullableString;
@@ -82,7 +81,8 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playActionLog(
     }
     buffer_start_time_ = startTime;
   }
-  std::string recordTime = returnsSendTime(static_cast<double>(qxlog::currentMillis()));
+  std::string recordTime =
+      returnsSendTime(static_cast<double>(qxlog::currentMillis(env().clock())));
   // (The stored "play_total_time" default that used to be read here has no
   // effect on the record and is not read.)
 
@@ -93,9 +93,9 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playActionLog(
   auto total = static_cast<int64_t>(static_cast<uint64_t>(played) + 2000u);
   std::string totalText = serial::formatInteger(total);
 
-  platform::consoleWrite("Ostra->~~opetype(" + describe(playActionLog) + ")~~totaltime(" +
-                         totalText + ")~buffer_start_time(" + describe(startTime) +
-                         ")~~~~recordTimestring(" + recordTime + ")");
+  env().consoleWrite("Ostra->~~opetype(" + describe(playActionLog) + ")~~totaltime(" + totalText +
+                     ")~buffer_start_time(" + describe(startTime) + ")~~~~recordTimestring(" +
+                     recordTime + ")");
 
   return playStateRecord(
       recordTime, {&playActionLog, &playStatu, &startTime, &endTime, &startPosition, &endPosition},
@@ -107,7 +107,8 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playTrailerLog(
     const NullableString& buffer_start_time, const NullableString& buffer_end_time,
     const NullableString& start_position, const NullableString& end_position,
     const NullableString& play_total_time) const {
-  std::string recordTime = returnsSendTime(static_cast<double>(qxlog::currentMillis()));
+  std::string recordTime =
+      returnsSendTime(static_cast<double>(qxlog::currentMillis(env().clock())));
 
   // Seconds to milliseconds in 32 bits: the product wraps modulo 2^32.
   std::string total = "0";
@@ -117,10 +118,10 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playTrailerLog(
     total = serial::formatInteger(millis);
   }
 
-  platform::consoleWrite("--播放小视频日志-" + describe(playTrailerLog) + "----" +
-                         describe(is_play_status) + "---" + describe(buffer_start_time) + "----" +
-                         describe(buffer_end_time) + "---" + describe(start_position) + "--" +
-                         describe(end_position) + "---" + total);
+  env().consoleWrite("--播放小视频日志-" + describe(playTrailerLog) + "----" +
+                     describe(is_play_status) + "---" + describe(buffer_start_time) + "----" +
+                     describe(buffer_end_time) + "---" + describe(start_position) + "--" +
+                     describe(end_position) + "---" + total);
 
   return playStateRecord(recordTime,
                          {&playTrailerLog, &is_play_status, &buffer_start_time, &buffer_end_time,

@@ -2,6 +2,7 @@
 #include "QXLog/QXLogMessageFormat.h"
 
 #include "QXLog/platform/Console.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
 
 namespace {
@@ -14,7 +15,10 @@ constexpr std::string_view kStringPropertyNames[] = {
 
 }  // namespace
 
-QXLogMessageFormat::QXLogMessageFormat() {
+QXLogMessageFormat::QXLogMessageFormat() : QXLogMessageFormat(qxlog::platform::Env::Default()) {}
+
+QXLogMessageFormat::QXLogMessageFormat(std::shared_ptr<qxlog::platform::Env> env)
+    : env_(std::move(env)) {
   setNetworkState("0");
   setTerminal_category("2");
   setLimitLogCount(1);
@@ -22,6 +26,10 @@ QXLogMessageFormat::QXLogMessageFormat() {
   // bundle identifier, and there is no short version string.
   setPackageName(qxlog::platform::programName());
   setBundleVer("");
+}
+
+qxlog::platform::Env& QXLogMessageFormat::env() const {
+  return *env_;
 }
 
 QXLogMessageFormat::NullableString QXLogMessageFormat::get(Field field) const {

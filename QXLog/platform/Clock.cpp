@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <mutex>
 
 namespace qxlog::platform {
 namespace {
@@ -25,31 +24,13 @@ class SystemClock final : public Clock {
   }
 };
 
-std::mutex g_mutex;
-// Never destroyed: worker threads may still read the clock while the process
-// runs its exit handlers.
-std::shared_ptr<Clock>& installed() {
-  static auto* clock = new std::shared_ptr<Clock>(std::make_shared<SystemClock>());
-  return *clock;
-}
-
 }  // namespace
 
-std::shared_ptr<Clock> clock() {
-  std::lock_guard lock(g_mutex);
-  return installed();
-}
-
-void setClock(std::shared_ptr<Clock> clock) {
-  std::lock_guard lock(g_mutex);
-  installed() = clock ? std::move(clock) : std::make_shared<SystemClock>();
-}
-
-double wallSeconds() {
-  return clock()->wallSeconds();
-}
-int64_t monotonicNanos() {
-  return clock()->monotonicNanos();
+std::shared_ptr<const Clock> systemClock() {
+  // Never destroyed: worker threads may still read the clock while the process
+  // runs its exit handlers.
+  static auto* clock = new std::shared_ptr<const Clock>(std::make_shared<SystemClock>());
+  return *clock;
 }
 
 }  // namespace qxlog::platform

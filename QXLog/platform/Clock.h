@@ -1,6 +1,6 @@
-// Every reading of time goes through one seam, so that tests can run the
-// library on a virtual clock: the wall clock, the monotonic clock used for
-// delays, and the local time zone.
+// The clocks the library reads, as one part of its environment (Env), so that
+// tests can run it on a virtual clock: the wall clock, the monotonic clock
+// used for delays, and the local time zone.
 #ifndef QXLOG_PLATFORM_CLOCK_H_
 #define QXLOG_PLATFORM_CLOCK_H_
 
@@ -21,13 +21,8 @@ class Clock {
   virtual std::tm localTime(double wallSeconds) const = 0;
 };
 
-// The clock in force. Defaults to the system's clocks and time zone.
-std::shared_ptr<Clock> clock();
-void setClock(std::shared_ptr<Clock> clock);  // nullptr restores the system clock
-
-// Shorthands for the clock in force.
-double wallSeconds();
-int64_t monotonicNanos();
+// The system's clocks and time zone; one object for the whole process.
+std::shared_ptr<const Clock> systemClock();
 
 }  // namespace qxlog::platform
 

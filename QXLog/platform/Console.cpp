@@ -10,20 +10,14 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "QXLog/platform/Clock.h"
-
 namespace qxlog::platform {
 namespace {
 
 std::mutex g_mutex;
-ConsoleSink& installedSink() {
-  static auto* sink = new ConsoleSink();
-  return *sink;
-}
 
-std::string timestampNow() {
-  double now = wallSeconds();
-  std::tm local = clock()->localTime(now);
+std::string timestampNow(const Clock& clock) {
+  double now = clock.wallSeconds();
+  std::tm local = clock.localTime(now);
   int millis = static_cast<int>(std::fmod(now, 1.0) * 1000.0);
   char text[64];
   std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.tm_year + 1900,
@@ -31,9 +25,10 @@ std::string timestampNow() {
   return text;
 }
 
-void writeToStderr(const std::string& line) {
-  std::string out = timestampNow() + " " + programName() + "[" + std::to_string(getpid()) + ":" +
-                    std::to_string(static_cast<long>(syscall(SYS_gettid))) + "] " + line + "\n";
+void writeToStderr(const Clock& clock, const std::string& line) {
+  std::string out = timestampNow(clock) + " " + programName() + "[" + std::to_string(getpid()) +
+                    ":" + std::to_string(static_cast<long>(syscall(SYS_gettid))) + "] " + line +
+                    "\n";
   std::fwrite(out.data(), 1, out.size(), stderr);
 }
 
@@ -50,24 +45,17 @@ ConsoleDestination consoleDestinationFromEnvironment(const char* setting) {
   return ConsoleDestination::kStderr;
 }
 
-void consoleWrite(std::string_view line) {
+void writeToSystemConsole(const Clock& clock, std::string_view line) {
   // Read once: where the lines go is the process's choice, made at start.
   static const ConsoleDestination destination =
       consoleDestinationFromEnvironment(std::getenv("QXLOG_CONSOLE"));
   std::string text(line);
   std::lock_guard lock(g_mutex);
-  if (installedSink()) {
-    installedSink()(text);
-  } else if (destination == ConsoleDestination::kStderr) {
-    writeToStderr(text);
+  if (destination == ConsoleDestination::kStderr) {
+    writeToStderr(clock, text);
   } else if (destination == ConsoleDestination::kSyslog) {
     writeToSyslog(text);
   }
-}
-
-void setConsoleSink(ConsoleSink sink) {
-  std::lock_guard lock(g_mutex);
-  installedSink() = std::move(sink);
 }
 
 std::string programName() {

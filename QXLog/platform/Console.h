@@ -1,13 +1,15 @@
-// The one sink of every console line the library writes. By default a line
-// goes to stderr with a timestamp, the program name and pid:tid ($QXLOG_CONSOLE
-// routes it to syslog or silences it); a host (or a test) can take the lines
-// instead.
+// The system console, where the library's console lines go unless its
+// environment (Env) has a sink of its own: stderr, each line with a timestamp,
+// the program name and pid:tid; $QXLOG_CONSOLE routes them to syslog or
+// silences them.
 #ifndef QXLOG_PLATFORM_CONSOLE_H_
 #define QXLOG_PLATFORM_CONSOLE_H_
 
 #include <functional>
 #include <string>
 #include <string_view>
+
+#include "QXLog/platform/Clock.h"
 
 namespace qxlog::platform {
 
@@ -19,9 +21,8 @@ using ConsoleSink = std::function<void(const std::string& line)>;
 enum class ConsoleDestination { kStderr, kSyslog, kOff };
 ConsoleDestination consoleDestinationFromEnvironment(const char* setting);
 
-void consoleWrite(std::string_view line);
-// An empty sink restores the stderr default.
-void setConsoleSink(ConsoleSink sink);
+// Writes one line where $QXLOG_CONSOLE says, timestamped on `clock`.
+void writeToSystemConsole(const Clock& clock, std::string_view line);
 
 // The program's short name, used as the default application name.
 std::string programName();

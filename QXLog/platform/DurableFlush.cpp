@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "QXLog/platform/Dispatch.h"
-
 namespace qxlog::platform {
 namespace {
 
@@ -28,38 +26,17 @@ void flushPath(const std::string& path, bool directory) {
 
 }  // namespace
 
-DurableFlush& DurableFlush::instance() {
-  // Never destroyed: a flush may still run on a worker during exit.
-  static auto* flush = new DurableFlush();
-  return *flush;
-}
-
 void DurableFlush::written(const std::string& path) {
   std::lock_guard lock(mutex_);
-  if (!enabled_) return;
   dirty_.insert(path);
   if (inFlight_) return;
   inFlight_ = true;
-  executor()->post([this] { flushUntilClean(); }, kGathering);
-}
-
-void DurableFlush::setExecutor(std::shared_ptr<Executor> executor) {
-  std::lock_guard lock(mutex_);
-  executor_ = std::move(executor);
-}
-
-void DurableFlush::setEnabled(bool enabled) {
-  std::lock_guard lock(mutex_);
-  enabled_ = enabled;
+  executor_->post([self = shared_from_this()] { self->flushUntilClean(); }, kGathering);
 }
 
 int DurableFlush::rounds() const {
   std::lock_guard lock(mutex_);
   return rounds_;
-}
-
-std::shared_ptr<Executor> DurableFlush::executor() const {
-  return executor_ ? executor_ : globalQueue();
 }
 
 void DurableFlush::flushUntilClean() {

@@ -1,6 +1,6 @@
 // Makes replaced files durable without the writer waiting for the disk: after
-// a replace, the new file's data and its directory are flushed on an executor
-// (the global queue unless set), coalesced: at most one flush is in flight,
+// a replace, the new file's data and its directory are flushed on an executor,
+// coalesced: at most one flush is in flight,
 // and it runs again when files were replaced meanwhile. A replace is on
 // stable storage within about a second of its return.
 #ifndef QXLOG_PLATFORM_DURABLEFLUSH_H_
@@ -16,31 +16,25 @@
 
 namespace qxlog::platform {
 
-class DurableFlush {
+class DurableFlush : public std::enable_shared_from_this<DurableFlush> {
  public:
   // How long a flush waits for more replaces to join it.
   static constexpr std::chrono::milliseconds kGathering{250};
 
-  static DurableFlush& instance();
+  explicit DurableFlush(std::shared_ptr<Executor> executor) : executor_(std::move(executor)) {}
 
   // Called after `path` was replaced.
   void written(const std::string& path);
-  // Where flushes run; nullptr returns to the global queue.
-  void setExecutor(std::shared_ptr<Executor> executor);
-  // Off, replaces are not flushed (tests that count scheduled tasks).
-  void setEnabled(bool enabled);
-  // Completed rounds of flushing, for tests and benchmarks.
+  // Completed rounds of flushing.
   int rounds() const;
 
  private:
   void flushUntilClean();
-  std::shared_ptr<Executor> executor() const;
 
+  const std::shared_ptr<Executor> executor_;
   mutable std::mutex mutex_;
-  std::shared_ptr<Executor> executor_;
   std::set<std::string> dirty_;
   bool inFlight_ = false;
-  bool enabled_ = true;
   int rounds_ = 0;
 };
 

@@ -1,7 +1,5 @@
 #include "QXLog/platform/GlobalQueue.h"
 
-#include "QXLog/platform/Clock.h"
-
 namespace qxlog::platform {
 
 GlobalQueue::~GlobalQueue() {
@@ -14,7 +12,7 @@ GlobalQueue::~GlobalQueue() {
 }
 
 void GlobalQueue::post(Task task, std::chrono::nanoseconds delay) {
-  int64_t due = monotonicNanos() + delay.count();
+  int64_t due = clock_->monotonicNanos() + delay.count();
   {
     std::lock_guard lock(mutex_);
     if (workers_.empty()) startWorkersLocked();
@@ -32,7 +30,8 @@ void GlobalQueue::work() {
   // Another worker may be waiting for a later task; each run lets it
   // recompute its wait.
   serveUntil(
-      lock, wake_, schedule_, [this] { return stopping_; }, [this] { wake_.notify_one(); });
+      lock, wake_, schedule_, *clock_, [this] { return stopping_; },
+      [this] { wake_.notify_one(); });
 }
 
 }  // namespace qxlog::platform

@@ -5,18 +5,22 @@
 #define QXLOG_PLATFORM_GLOBALQUEUE_H_
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "QXLog/QXLogExecutor.h"
+#include "QXLog/platform/Clock.h"
 #include "QXLog/platform/TaskSchedule.h"
 
 namespace qxlog::platform {
 
 class GlobalQueue final : public Executor {
  public:
-  explicit GlobalQueue(unsigned workers = 4) : workerCount_(workers) {}
+  // Due times are read on `clock`.
+  explicit GlobalQueue(unsigned workers = 4, std::shared_ptr<const Clock> clock = systemClock())
+      : workerCount_(workers), clock_(std::move(clock)) {}
   // Lets the workers finish their current task, drops what is still scheduled,
   // and joins them.
   ~GlobalQueue() override;
@@ -28,6 +32,7 @@ class GlobalQueue final : public Executor {
   void work();
 
   const unsigned workerCount_;
+  const std::shared_ptr<const Clock> clock_;
   std::mutex mutex_;
   std::condition_variable wake_;
   TaskSchedule schedule_;

@@ -5,8 +5,6 @@
 
 #include <algorithm>
 
-#include "QXLog/platform/Clock.h"
-
 namespace qxlog::platform {
 
 MainQueue::~MainQueue() {
@@ -14,7 +12,7 @@ MainQueue::~MainQueue() {
 }
 
 void MainQueue::post(Task task, std::chrono::nanoseconds delay) {
-  int64_t due = monotonicNanos() + delay.count();
+  int64_t due = clock_->monotonicNanos() + delay.count();
   {
     std::lock_guard lock(mutex_);
     schedule_.add(std::move(task), due);
@@ -39,7 +37,7 @@ void MainQueue::armLocked() {
     armedDue_ = schedule_.nextDue();
     // Relative to now on the queue's clock; a due task fires at once (a zero
     // value would disarm the timer instead).
-    int64_t wait = std::max<int64_t>(armedDue_ - monotonicNanos(), 1);
+    int64_t wait = std::max<int64_t>(armedDue_ - clock_->monotonicNanos(), 1);
     when.it_value.tv_sec = wait / 1000000000;
     when.it_value.tv_nsec = wait % 1000000000;
   }
@@ -53,7 +51,7 @@ std::size_t MainQueue::drain() {
     std::optional<Task> task;
     {
       std::lock_guard lock(mutex_);
-      task = schedule_.takeDue(monotonicNanos());
+      task = schedule_.takeDue(clock_->monotonicNanos());
       if (!task && timer_ >= 0) armLocked();
     }
     if (!task) return ran;
@@ -65,7 +63,7 @@ std::size_t MainQueue::drain() {
 void MainQueue::run() {
   std::unique_lock lock(mutex_);
   serveUntil(
-      lock, wake_, schedule_, [this] { return stopRequested_; }, [] {});
+      lock, wake_, schedule_, *clock_, [this] { return stopRequested_; }, [] {});
   stopRequested_ = false;
 }
 

@@ -5,15 +5,20 @@
 #define QXLOG_PLATFORM_MAINQUEUE_H_
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 
 #include "QXLog/QXLogExecutor.h"
+#include "QXLog/platform/Clock.h"
 #include "QXLog/platform/TaskSchedule.h"
 
 namespace qxlog::platform {
 
 class MainQueue final : public Executor {
  public:
+  // Due times are read on `clock`.
+  explicit MainQueue(std::shared_ptr<const Clock> clock = systemClock())
+      : clock_(std::move(clock)) {}
   void post(Task task, std::chrono::nanoseconds delay) override;
   // Runs, on the calling thread, every task that is due; returns how many ran.
   std::size_t drain();
@@ -32,6 +37,7 @@ class MainQueue final : public Executor {
   // none. Called with mutex_ held.
   void armLocked();
 
+  const std::shared_ptr<const Clock> clock_;
   mutable std::mutex mutex_;
   int timer_ = -1;
   bool armed_ = false;

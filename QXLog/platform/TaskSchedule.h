@@ -41,14 +41,15 @@ class TaskSchedule {
 };
 
 // The serving loop of a queue, on the calling thread: with `lock` held on the
-// mutex that guards `schedule`, runs each task as it falls due (the lock
+// mutex that guards `schedule`, runs each task as it falls due on `clock` (the lock
 // released while it runs, `beforeTask` called first) and sleeps on `wake`
 // until the next one, until `stopped()` holds.
 template <typename Stopped, typename BeforeTask>
 void serveUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wake,
-                TaskSchedule& schedule, Stopped stopped, BeforeTask beforeTask) {
+                TaskSchedule& schedule, const Clock& clock, Stopped stopped,
+                BeforeTask beforeTask) {
   while (!stopped()) {
-    if (std::optional<Task> task = schedule.takeDue(monotonicNanos())) {
+    if (std::optional<Task> task = schedule.takeDue(clock.monotonicNanos())) {
       beforeTask();
       lock.unlock();
       (*task)();
@@ -58,7 +59,7 @@ void serveUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& wak
     if (schedule.empty()) {
       wake.wait(lock);
     } else {
-      wake.wait_for(lock, std::chrono::nanoseconds(schedule.nextDue() - monotonicNanos()));
+      wake.wait_for(lock, std::chrono::nanoseconds(schedule.nextDue() - clock.monotonicNanos()));
     }
   }
 }

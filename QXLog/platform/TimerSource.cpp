@@ -1,19 +1,21 @@
 #include "QXLog/platform/TimerSource.h"
 
-#include "QXLog/platform/Clock.h"
-
 namespace qxlog::platform {
 
-TimerSource::TimerSource(std::shared_ptr<Executor> executor, std::chrono::nanoseconds interval,
-                         Handler handler)
-    : executor_(std::move(executor)), interval_(interval), handler_(std::move(handler)) {}
+TimerSource::TimerSource(std::shared_ptr<Executor> executor, std::shared_ptr<const Clock> clock,
+                         std::chrono::nanoseconds interval, Handler handler)
+    : executor_(std::move(executor)),
+      clock_(std::move(clock)),
+      interval_(interval),
+      handler_(std::move(handler)) {}
 
 std::shared_ptr<TimerSource> TimerSource::start(std::shared_ptr<Executor> executor,
+                                                std::shared_ptr<const Clock> clock,
                                                 std::chrono::nanoseconds interval,
                                                 Handler handler) {
   std::shared_ptr<TimerSource> timer(
-      new TimerSource(std::move(executor), interval, std::move(handler)));
-  timer->start_ = monotonicNanos();
+      new TimerSource(std::move(executor), std::move(clock), interval, std::move(handler)));
+  timer->start_ = timer->clock_->monotonicNanos();
   timer->executor_->async([timer] { timer->fire(); });
   return timer;
 }
@@ -35,7 +37,7 @@ void TimerSource::scheduleNext() {
       __builtin_add_overflow(start_, offset, &due)) {
     due = INT64_MAX;  // further away than any process lives
   }
-  int64_t delay = due - monotonicNanos();
+  int64_t delay = due - clock_->monotonicNanos();
   executor_->post([self = shared_from_this()] { self->fire(); },
                   std::chrono::nanoseconds(delay > 0 ? delay : 0));
 }

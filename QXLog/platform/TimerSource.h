@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "QXLog/QXLogExecutor.h"
+#include "QXLog/platform/Clock.h"
 
 namespace qxlog::platform {
 
@@ -17,20 +18,22 @@ class TimerSource : public std::enable_shared_from_this<TimerSource> {
   using Handler = std::function<void(TimerSource& timer)>;
 
   // Starts a timer whose firings run `handler` on `executor`: at once, then
-  // every `interval` after the start. Firings of one timer never overlap. The
+  // every `interval` after the start on `clock`. Firings of one timer never overlap. The
   // timer keeps itself alive until it is cancelled.
   static std::shared_ptr<TimerSource> start(std::shared_ptr<Executor> executor,
+                                            std::shared_ptr<const Clock> clock,
                                             std::chrono::nanoseconds interval, Handler handler);
   void cancel() { cancelled_.store(true); }
   bool cancelled() const { return cancelled_.load(); }
 
  private:
-  TimerSource(std::shared_ptr<Executor> executor, std::chrono::nanoseconds interval,
-              Handler handler);
+  TimerSource(std::shared_ptr<Executor> executor, std::shared_ptr<const Clock> clock,
+              std::chrono::nanoseconds interval, Handler handler);
   void fire();
   void scheduleNext();
 
   std::shared_ptr<Executor> executor_;
+  std::shared_ptr<const Clock> clock_;
   const std::chrono::nanoseconds interval_;
   Handler handler_;
   int64_t start_ = 0;

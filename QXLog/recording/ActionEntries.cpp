@@ -1,6 +1,7 @@
 // Launch, action and network reports: built into records and queued as actions.
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/HostStrings.h"
 #include "QXLog/serial/Text.h"
@@ -19,14 +20,16 @@ bool isNilOrEmpty(const NullableString& text) {
 void launchWithPushId(NullableString launchLog, NullableString push_id) {
   if (deferUntilReady(launchWithPushId, launchLog, push_id)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
-  auto record = format.launchLog(launchLog, qxlog::currentMillisText(), push_id);
+  auto record =
+      format.launchLog(launchLog, qxlog::currentMillisText(format.env().clock()), push_id);
   QXLogCenter::center().storeActionLog(std::move(record));
 }
 
 void action(NullableString actionLog, NullableString movie_index) {
   if (deferUntilReady(action, actionLog, movie_index)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
-  auto record = format.actionLog(actionLog, qxlog::currentMillisText(), movie_index);
+  auto record =
+      format.actionLog(actionLog, qxlog::currentMillisText(format.env().clock()), movie_index);
   QXLogCenter::center().storeActionLog(std::move(record));
 }
 

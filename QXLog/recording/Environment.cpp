@@ -1,5 +1,7 @@
 // Readiness, the millisecond clock and the version constants.
 #include "QXLog/QXLog.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/HostStrings.h"
 #include "QXLog/support/Time.h"
@@ -14,5 +16,5 @@ void logEnvReady(bool ready) {
 }
 
 char* currentTime(void) {
-  return qxlog::recording::toHost(qxlog::currentMillisText());
+  return qxlog::recording::toHost(qxlog::currentMillisText(QXLogCenter::center().env().clock()));
 }

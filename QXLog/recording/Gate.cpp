@@ -2,7 +2,8 @@
 
 #include <atomic>
 
-#include "QXLog/platform/Dispatch.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Env.h"
 
 namespace qxlog::recording {
 namespace {
@@ -22,7 +23,7 @@ void setEnvironmentReady(bool ready) {
 }
 
 void retryLater(platform::Task retry) {
-  platform::mainQueue()->post(std::move(retry), kRetryDelay);
+  QXLogCenter::center().env().mainQueue()->post(std::move(retry), kRetryDelay);
 }
 
 }  // namespace qxlog::recording

@@ -3,9 +3,9 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Console.h"
-#include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Documents.h"
+#include "QXLog/QXLogExecutor.h"
+#include "QXLog/platform/BuiltInQueues.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/recording/HostExecutor.h"
 #include "QXLog/recording/HostStrings.h"
 #include "QXLog/recording/UnknownProperties.h"
@@ -48,15 +48,15 @@ void QXLogCenterSaveActionStartTime(const char* key) {
 }
 
 void QXLogSetDocumentsDirectory(const char* path) {
-  qxlog::platform::setDocumentsDirectory(path != nullptr ? path : "");
+  QXLogCenter::center().env().setDocumentsDirectory(path != nullptr ? path : "");
 }
 
 void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context), void* context) {
   if (handler == nullptr) {
-    qxlog::platform::setConsoleSink(nullptr);
+    QXLogCenter::center().env().setConsoleSink(nullptr);
     return;
   }
-  qxlog::platform::setConsoleSink(
+  QXLogCenter::center().env().setConsoleSink(
       [handler, context](const std::string& line) { handler(line.c_str(), context); });
 }
 
@@ -82,16 +82,16 @@ void QXLogSetDeliveryHandler(void (*handler)(QXLogBatchOutcome outcome, size_t r
 }
 
 void QXLogMainQueueDrain(void) {
-  qxlog::platform::defaultMainQueue().drain();
+  qxlog::platform::builtInMainQueue()->drain();
 }
 void QXLogMainQueueRun(void) {
-  qxlog::platform::defaultMainQueue().run();
+  qxlog::platform::builtInMainQueue()->run();
 }
 void QXLogMainQueueStop(void) {
-  qxlog::platform::defaultMainQueue().stop();
+  qxlog::platform::builtInMainQueue()->stop();
 }
 int QXLogMainQueueFileDescriptor(void) {
-  return qxlog::platform::defaultMainQueue().fileDescriptor();
+  return qxlog::platform::builtInMainQueue()->fileDescriptor();
 }
 
 void QXLogSetMainQueueExecutor(void (*post)(void (*task)(void* task_context), void* task_context,
@@ -99,4 +99,8 @@ void QXLogSetMainQueueExecutor(void (*post)(void (*task)(void* task_context), vo
                                void* context) {
   qxlog::platform::setMainQueue(
       post != nullptr ? std::make_shared<qxlog::recording::HostExecutor>(post, context) : nullptr);
+}
+
+void qxlog::platform::setMainQueue(std::shared_ptr<Executor> executor) {
+  QXLogCenter::center().env().setMainQueue(std::move(executor));
 }

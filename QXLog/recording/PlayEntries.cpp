@@ -2,7 +2,7 @@
 // play queue, to be folded under that header later.
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Console.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/HostStrings.h"
 #include "QXLog/serial/Text.h"
@@ -11,10 +11,13 @@ namespace {
 
 using qxlog::NullableString;
 using qxlog::Value;
-using qxlog::platform::consoleWrite;
 using qxlog::recording::deferUntilReady;
 using qxlog::recording::fromHost;
 using qxlog::serial::describe;
+
+void consoleWrite(const std::string& line) {
+  QXLogCenter::center().env().consoleWrite(line);
+}
 
 void play(NullableString movie_id, NullableString playLog, NullableString view_source,
           bool isDownload, NullableString isPcdn, NullableString videoType) {

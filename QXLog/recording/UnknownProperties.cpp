@@ -4,7 +4,8 @@
 #include <set>
 #include <string>
 
-#include "QXLog/platform/Console.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Env.h"
 
 namespace qxlog::recording {
 
@@ -15,7 +16,8 @@ void traceUnknownProperty(std::string_view name) {
     std::lock_guard lock(mutex);
     if (!seen->emplace(name).second) return;
   }
-  platform::consoleWrite("QXLog: unknown property \"" + std::string(name) + "\" ignored");
+  QXLogCenter::center().env().consoleWrite("QXLog: unknown property \"" + std::string(name) +
+                                           "\" ignored");
 }
 
 }  // namespace qxlog::recording

@@ -8,26 +8,23 @@
 #include <string>
 
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Console.h"
-#include "QXLog/platform/Documents.h"
 #include "QXLog/serial/Text.h"
 
 namespace qxlog::support {
 
-double totalDiskSpaceOf(const std::string& path) {
+double totalDiskSpaceOf(const platform::Env& env, const std::string& path) {
   struct statvfs info {};
   if (statvfs(path.c_str(), &info) != 0) {
     const int code = errno;
-    platform::consoleWrite(
-        "Error Obtaining System Memory Info: Domain = NSPOSIXErrorDomain, Code = " +
-        serial::formatInteger(code));
+    env.consoleWrite("Error Obtaining System Memory Info: Domain = NSPOSIXErrorDomain, Code = " +
+                     serial::formatInteger(code));
     return 0.0;
   }
   // The size passes through a float on purpose: the figure keeps 24 bits.
   const uint64_t bytes = static_cast<uint64_t>(info.f_blocks) * info.f_frsize;
   const double size = static_cast<double>(static_cast<float>(bytes));
   const double gigabytes = size * 0.0009765625 * 0.0009765625 * 0.0009765625;
-  platform::consoleWrite("Memory Capacity of " + serial::formatFixed(gigabytes, 6) + " GB .");
+  env.consoleWrite("Memory Capacity of " + serial::formatFixed(gigabytes, 6) + " GB .");
   return size;
 }
 
@@ -51,11 +48,8 @@ bool QXLogHelper::isEmptyOrNull(const Value& value) {
   return text->empty() || *text == "undefined" || *text == "null";
 }
 
-// The total is measured where the queue files live, the free space on "/var".
-double QXLogHelper::totalDiskSpace() {
-  return support::totalDiskSpaceOf(qxlog::platform::documentsDirectory());
-}
-
+// The free space is measured on "/var"; the total where the queue files live
+// (QXLogHelper's facade in the center).
 double QXLogHelper::freeDiskSpace() {
   return support::freeDiskSpaceOf("/var");
 }

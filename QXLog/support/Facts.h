@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "QXLog/platform/Env.h"
+
 namespace qxlog::support {
 
 // What freeDiskSpace answers when the file system cannot be queried: the
@@ -14,8 +16,8 @@ namespace qxlog::support {
 inline constexpr double kUnknownFreeSpace = 18446744073709551616.0;
 
 // Size in bytes of the file system holding `path`, kept to single precision;
-// writes the capacity (or the failure) to the console. 0 on failure.
-double totalDiskSpaceOf(const std::string& path);
+// writes the capacity (or the failure) to the env's console. 0 on failure.
+double totalDiskSpaceOf(const platform::Env& env, const std::string& path);
 // Bytes available to unprivileged users on the file system holding `path`;
 // kUnknownFreeSpace on failure.
 double freeDiskSpaceOf(const std::string& path);

@@ -1,14 +1,28 @@
-// Queue files in the Documents directory, written whole. (Reading them back,
-// and writing whole collections, are QXLogHelper's store methods.)
+// Queue files in the Documents directory of an environment: whole collections
+// mirrored in XML property lists. QXLogHelper's store methods are these, on
+// the log center's environment.
 #ifndef QXLOG_SUPPORT_QUEUEFILES_H_
 #define QXLOG_SUPPORT_QUEUEFILES_H_
 
+#include <optional>
 #include <string_view>
+
+#include "QXLog/QXLogValue.h"
+#include "QXLog/platform/Env.h"
 
 namespace qxlog::support {
 
 // Rewrites the queue file `plist` with `xml`, the file's whole new contents.
-void writeQueueFile(std::string_view xml, std::string_view plist);
+void writeQueueFile(const platform::Env& env, std::string_view xml, std::string_view plist);
+// Rewrites the file from the collection.
+void writeCollection(const platform::Env& env, const Array& root, std::string_view plist);
+void writeCollection(const platform::Env& env, const Dictionary& root, std::string_view plist);
+// Reads the file back: nothing when it is empty, damaged or holds no
+// collection of that kind. Either way a missing file is first created empty.
+std::optional<Array> readArray(const platform::Env& env, std::string_view plist);
+std::optional<Dictionary> readDictionary(const platform::Env& env, std::string_view plist);
+// Removes the file, and says so on the console when there was one.
+void removeQueueFile(const platform::Env& env, std::string_view plist);
 
 }  // namespace qxlog::support
 

@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <string>
 
+#include "QXLog/platform/Clock.h"
+
 namespace qxlog {
 
-// Milliseconds since 1970, truncated toward zero.
-uint64_t currentMillis();
+// Milliseconds since 1970 on the clock's wall clock, truncated toward zero.
+uint64_t currentMillis(const platform::Clock& clock);
 // The same as "%llu" text.
-std::string currentMillisText();
+std::string currentMillisText(const platform::Clock& clock);
 
 }  // namespace qxlog
 

@@ -6,13 +6,12 @@
 #include <string>
 
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Clock.h"
 #include "QXLog/support/Codecs.h"
 
 namespace qxlog::support {
 
-std::string dayString(double wallSeconds) {
-  const std::tm local = platform::clock()->localTime(wallSeconds);
+std::string dayString(const platform::Clock& clock, double wallSeconds) {
+  const std::tm local = clock.localTime(wallSeconds);
   char text[48];
   const int length =
       std::snprintf(text, sizeof text, "%04lld-%02d-%02d",
@@ -20,21 +19,14 @@ std::string dayString(double wallSeconds) {
   return std::string(text, length > 0 ? static_cast<std::size_t>(length) : 0);
 }
 
+std::string today(const platform::Clock& clock) {
+  return dayString(clock, clock.wallSeconds());
+}
+
+NullableString dayToken(const platform::Clock& clock) {
+  std::string text = today(clock);
+  text += kTokenSalt;
+  return QXLogHelper::md5String(text);
+}
+
 }  // namespace qxlog::support
-
-namespace support = qxlog::support;
-
-std::string QXLogHelper::obtainCurrentTime() {
-  return support::dayString(qxlog::platform::wallSeconds());
-}
-
-std::string QXLogHelper::timeStamp(const Value&) {
-  return support::dayString(qxlog::platform::wallSeconds());
-}
-
-QXLogHelper::NullableString QXLogHelper::tokenString(const NullableString& ignored) {
-  // The argument is handed on and ignored there: the token depends on the day alone.
-  std::string text = timeStamp(Value::fromNullable(ignored));
-  text += support::kTokenSalt;
-  return md5String(text);
-}

@@ -6,7 +6,6 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
-#include "QXLog/platform/Files.h"
 #include "QXLog/serial/Json.h"
 #include "tests/support/TestPlatform.h"
 
@@ -36,7 +35,7 @@ class QueueFilesTest : public LibraryTest {
 };
 
 TEST_F(QueueFilesTest, FirstAccessCreatesEachFileEmptyAndEveryStoreRewritesTheQueue) {
-  EXPECT_FALSE(platform::fileExists(documentsPath(kActionFile)));
+  EXPECT_FALSE(files_->exists(documentsPath(kActionFile)));
   EXPECT_TRUE(center().actionLog().empty());
   EXPECT_TRUE(center().playActionLog().empty());
   EXPECT_TRUE(center().actionStartTime().empty());
@@ -117,7 +116,7 @@ TEST_F(QueueFilesTest, RemovingAFileSaysSoOnlyWhenThereWasOne) {
   center().storePlayLog(strings({{"p_2", "1"}}));
   QXLogHelper::removePlist(kPlayFile);
   EXPECT_TRUE(console_->contains("文件删除成功 = USERPlayActionStatisticalLog.plist"));
-  EXPECT_FALSE(platform::fileExists(documentsPath(kPlayFile)));
+  EXPECT_FALSE(files_->exists(documentsPath(kPlayFile)));
 }
 
 TEST_F(QueueFilesTest, PythonPlistlibLoadsTheQueueFile) {

@@ -10,10 +10,8 @@
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/center/CenterRegistry.h"
-#include "QXLog/platform/Console.h"
-#include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Documents.h"
-#include "QXLog/platform/Files.h"
+#include "QXLog/platform/BuiltInQueues.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/PropertyList.h"
 #include "collector/decode/EnvelopeDecoder.h"
 #include "tests/support/TestPlatform.h"
@@ -32,19 +30,16 @@ class UploadStressTest : public ::testing::Test {
     char pattern[] = "/tmp/qxlog-stress-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     documents_ = pattern;
-    platform::setDocumentsDirectory(documents_);
-    platform::setConsoleSink([](const std::string&) {});
-    QXLogMessageFormat& format = CenterRegistry::replaceForTesting().format();
+    env_ = std::make_shared<platform::Env>(
+        platform::Env::Parts{.console = [](const std::string&) {}, .documents = documents_});
+    QXLogMessageFormat& format = CenterRegistry::replaceForTesting(env_).format();
     format.setPushLogUrl(server_.url("/log"));
     format.setLogEncryptionKey(kKey);
     format.setUid("1");
     format.setPush_interval_time(Value("60000"));
     logEnvReady(true);
   }
-  void TearDown() override {
-    platform::setConsoleSink(nullptr);
-    std::filesystem::remove_all(documents_);
-  }
+  void TearDown() override { std::filesystem::remove_all(documents_); }
 
   // Every "a_1" the server received, in arrival order.
   std::vector<std::string> received() const {
@@ -70,6 +65,7 @@ class UploadStressTest : public ::testing::Test {
 
   TestServer server_;
   std::string documents_;
+  std::shared_ptr<platform::Env> env_;
 };
 
 TEST_F(UploadStressTest, ConcurrentReportsAreNeverDuplicatedOrInvented) {
@@ -103,7 +99,7 @@ TEST_F(UploadStressTest, ConcurrentReportsAreNeverDuplicatedOrInvented) {
   EXPECT_GT(items.size(), 0u);
   // The queue file is empty or whole.
   const std::string bytes =
-      platform::readFile(platform::documentsPath("UserStatisticalLog.plist")).value_or("");
+      env_->files().read(env_->documentsPath("UserStatisticalLog.plist")).value_or("");
   EXPECT_TRUE(bytes.empty() || serial::parsePropertyList(bytes).value_or(Value()).isArray());
 }
 
@@ -114,7 +110,7 @@ TEST_F(UploadStressTest, AnsweredOneByOneEveryRecordArrivesExactlyOnce) {
     ASSERT_TRUE(server_.waitForRequests(static_cast<std::size_t>(i + 1)));
     // Handle the answer on this thread, which serves as the main thread.
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (platform::defaultMainQueue().drain() == 0) {
+    while (platform::builtInMainQueue()->drain() == 0) {
       ASSERT_LT(std::chrono::steady_clock::now(), deadline);
       std::this_thread::sleep_for(milliseconds(1));
     }

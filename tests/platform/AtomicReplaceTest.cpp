@@ -5,8 +5,7 @@
 
 #include <filesystem>
 
-#include "QXLog/platform/DurableFlush.h"
-#include "QXLog/platform/Files.h"
+#include "QXLog/platform/PosixFileSystem.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
@@ -14,13 +13,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using platform::DurableFlush;
+using platform::PosixFileSystem;
 
 class AtomicReplaceTest : public LibraryTest {
  protected:
-  void TearDown() override {
-    platform::useRenameExchange(true);
-    LibraryTest::TearDown();
-  }
   std::vector<std::string> directoryListing() const {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(documents_)) {
@@ -34,41 +30,39 @@ class AtomicReplaceTest : public LibraryTest {
 TEST_F(AtomicReplaceTest, ExchangeAndRenameLeaveTheNewContentsAndNothingElse) {
   for (bool exchange : {true, false}) {
     SCOPED_TRACE(exchange);
-    platform::useRenameExchange(exchange);
+    PosixFileSystem files({nullptr, exchange});
     std::string path = documentsPath(exchange ? "exchanged.plist" : "renamed.plist");
-    ASSERT_TRUE(platform::writeFileAtomically(path, "first"));  // nothing to exchange with
-    ASSERT_TRUE(platform::writeFileAtomically(path, std::string(100000, 'x')));
-    ASSERT_TRUE(platform::writeFileAtomically(path, "third"));
-    EXPECT_EQ(platform::readFile(path), "third");
+    ASSERT_TRUE(files.replaceAtomically(path, "first"));  // nothing to exchange with
+    ASSERT_TRUE(files.replaceAtomically(path, std::string(100000, 'x')));
+    ASSERT_TRUE(files.replaceAtomically(path, "third"));
+    EXPECT_EQ(files.read(path), "third");
   }
   EXPECT_EQ(directoryListing(), (std::vector<std::string>{"exchanged.plist", "renamed.plist"}));
   // A directory that is gone fails the write and leaves nothing behind.
-  EXPECT_FALSE(platform::writeFileAtomically(documentsPath("missing/x.plist"), "x"));
+  EXPECT_FALSE(files_->replaceAtomically(documentsPath("missing/x.plist"), "x"));
 }
 
 TEST_F(AtomicReplaceTest, FlushesAreCoalescedIntoOneTaskAtATime) {
-  DurableFlush& flush = DurableFlush::instance();
-  flush.setEnabled(true);
-  flush.setExecutor(dispatcher_->globalQueue());
-  int before = flush.rounds();
+  PosixFileSystem files({dispatcher_->globalQueue()});
+  int before = files.flushRounds();
   for (int i = 0; i < 50; ++i) {
-    platform::writeFileAtomically(documentsPath(i % 2 ? "a.plist" : "b.plist"), "x");
+    files.replaceAtomically(documentsPath(i % 2 ? "a.plist" : "b.plist"), "x");
   }
   EXPECT_EQ(dispatcher_->pending(), 1u);  // one flush gathers all fifty
   dispatcher_->advance(DurableFlush::kGathering - std::chrono::milliseconds(1));
-  EXPECT_EQ(flush.rounds(), before);
+  EXPECT_EQ(files.flushRounds(), before);
   dispatcher_->advance(std::chrono::milliseconds(1));
-  EXPECT_EQ(flush.rounds(), before + 1);
+  EXPECT_EQ(files.flushRounds(), before + 1);
   EXPECT_EQ(dispatcher_->pending(), 0u);
 
-  platform::writeFileAtomically(documentsPath("a.plist"), "y");  // a new round
+  files.replaceAtomically(documentsPath("a.plist"), "y");  // a new round
   dispatcher_->advance(DurableFlush::kGathering);
-  EXPECT_EQ(flush.rounds(), before + 2);
+  EXPECT_EQ(files.flushRounds(), before + 2);
   fs::remove(documentsPath("a.plist"));  // a file gone before its flush is fine
-  platform::writeFileAtomically(documentsPath("b.plist"), "z");
+  files.replaceAtomically(documentsPath("b.plist"), "z");
   fs::remove(documentsPath("b.plist"));
   dispatcher_->advance(DurableFlush::kGathering);
-  EXPECT_EQ(flush.rounds(), before + 3);
+  EXPECT_EQ(files.flushRounds(), before + 3);
 }
 
 }  // namespace

@@ -67,8 +67,7 @@ TEST(PropertyListTest, XmlSpecialsSurviveControlsAreReplacedAndDamageReadsAsNoth
 
 TEST(MainQueueTest, DrainRunsOnlyWhatIsDueInDueOrder) {
   auto clock = std::make_shared<testing::VirtualClock>();
-  setClock(clock);
-  MainQueue queue;
+  MainQueue queue(clock);
   std::vector<int> ran;
   for (auto [tag, due] : {std::pair{5, 5}, {1, 1}, {0, 0}, {10, 1}}) {
     queue.post([&ran, tag] { ran.push_back(tag); }, seconds(due));
@@ -78,7 +77,6 @@ TEST(MainQueueTest, DrainRunsOnlyWhatIsDueInDueOrder) {
   EXPECT_EQ(queue.drain(), 2u);
   EXPECT_EQ(ran, (std::vector<int>{0, 1, 10}));
   EXPECT_EQ(queue.pending(), 1u);
-  setClock(nullptr);
 }
 
 TEST(GlobalQueueTest, RunsTasksConcurrently) {

@@ -1,10 +1,8 @@
 // A Documents directory that cannot be written: missing, read-only, or on a
-// full file system. Reports go on in memory, and the first store that can
-// write again writes the whole queue.
+// full file system (the test environment's files fail as theirs do). Reports
+// go on in memory, and the first store that can write again writes the whole
+// queue.
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -17,25 +15,6 @@ namespace qxlog::testing {
 namespace {
 
 namespace fs = std::filesystem;
-
-// A small tmpfs mounted over a directory for the length of a test; needs root.
-class SmallFileSystem {
- public:
-  SmallFileSystem(const std::string& directory, const char* options) : directory_(directory) {
-    mounted_ = ::geteuid() == 0 && ::mount("tmpfs", directory.c_str(), "tmpfs", 0, options) == 0;
-  }
-  ~SmallFileSystem() {
-    if (mounted_) ::umount2(directory_.c_str(), MNT_DETACH);
-  }
-  bool mounted() const { return mounted_; }
-  bool remount(unsigned long flags) {
-    return ::mount("tmpfs", directory_.c_str(), "tmpfs", MS_REMOUNT | flags, "size=64k") == 0;
-  }
-
- private:
-  std::string directory_;
-  bool mounted_ = false;
-};
 
 enum class Trouble { kMissing, kReadOnly, kFull };
 
@@ -68,26 +47,13 @@ class DiskTroubleTest : public LibraryTest, public ::testing::WithParamInterface
 
 TEST_P(DiskTroubleTest, ReportsWaitInMemoryAndTheOldFileStandsUntilWritingWorksAgain) {
   const Trouble trouble = GetParam();
-  // Root ignores permission bits: a read-only file system stands in.
-  const bool onTmpfs = trouble == Trouble::kFull || (trouble == Trouble::kReadOnly && !geteuid());
-  std::optional<SmallFileSystem> small;
-  if (onTmpfs) {
-    small.emplace(documents_, "size=64k");
-    if (!small->mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
-  }
   report(0, 2);
   ASSERT_EQ(inFile(), numbers(0, 2));
   if (trouble == Trouble::kMissing) {
     fs::remove_all(documents_);
-  } else if (trouble == Trouble::kFull) {
-    std::ofstream filler(documents_ + "/filler", std::ios::binary);
-    const std::string block(4096, 'f');
-    for (int i = 0; i < 64 && filler.write(block.data(), block.size()); ++i) {
-    }
-  } else if (onTmpfs) {
-    ASSERT_TRUE(small->remount(MS_RDONLY));
   } else {
-    ASSERT_EQ(::chmod(documents_.c_str(), 0555), 0);
+    files_->setFault(trouble == Trouble::kFull ? FaultyFileSystem::Fault::kFull
+                                               : FaultyFileSystem::Fault::kReadOnly);
   }
 
   report(2, 40);
@@ -98,13 +64,7 @@ TEST_P(DiskTroubleTest, ReportsWaitInMemoryAndTheOldFileStandsUntilWritingWorksA
   } else {
     EXPECT_EQ(inFile(), numbers(0, 2));  // the write failed; the old file stands
     EXPECT_FALSE(temporariesLeft());
-    if (trouble == Trouble::kFull) {
-      fs::remove(documents_ + "/filler");
-    } else if (onTmpfs) {
-      ASSERT_TRUE(small->remount(0));
-    } else {
-      ASSERT_EQ(::chmod(documents_.c_str(), 0755), 0);
-    }
+    files_->setFault(FaultyFileSystem::Fault::kNone);
   }
   report(40, 41);
   EXPECT_EQ(inFile(), numbers(0, 41));

@@ -6,7 +6,6 @@
 
 #include <filesystem>
 
-#include "QXLog/platform/Http.h"
 #include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
 
@@ -27,15 +26,8 @@ long peakResidentKilobytes() {
 
 class HostileServerTest : public UploadTest {
  protected:
-  void SetUp() override {
-    UploadTest::SetUp();
-    // Real limits are a minute; a stalled exchange here gives up much sooner.
-    platform::setHttpTimeoutOverride(milliseconds(3000));
-  }
-  void TearDown() override {
-    platform::setHttpTimeoutOverride(milliseconds(0));
-    UploadTest::TearDown();
-  }
+  // Real limits are a minute; a stalled exchange here gives up much sooner.
+  HostileServerTest() { httpTimeLimit_ = milliseconds(3000); }
   // The failure path: tried, repeated once, and then the batch is gone.
   void expectBatchLostAfterOneRepeat() {
     EXPECT_EQ(console_->countStartingWith("Ostra->LogContent:"), 2u);
@@ -57,10 +49,10 @@ TEST_F(HostileServerTest, EveryBrokenExchangeEndsInTheFailurePathWithinTheBound)
       {Behaviour::kClose, 2},           {std::nullopt, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.behaviour ? static_cast<int>(*c.behaviour) : -1);
+    const bool stall = c.behaviour == Behaviour::kStall;
+    httpTimeLimit_ = milliseconds(stall ? 300 : 3000);
     TearDown();
     SetUp();
-    const bool stall = c.behaviour == Behaviour::kStall;
-    if (stall) platform::setHttpTimeoutOverride(milliseconds(300));
     std::optional<HostileServer> server;
     if (c.behaviour) server.emplace(*c.behaviour);
     format().setPushLogUrl(server ? server->url("/log") : refusedUrl("/log"));

@@ -21,10 +21,11 @@
 #include <set>
 #include <thread>
 
+#include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/center/CenterRegistry.h"
 #include "QXLog/center/QueueFileNames.h"
-#include "QXLog/platform/Documents.h"
-#include "QXLog/platform/Files.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/PropertyList.h"
 #include "tests/support/TestPlatform.h"
 
@@ -70,7 +71,8 @@ std::vector<uint64_t> runHost(const std::string& documents, uint64_t first,
 
 // A file that is present, not empty, and not a property list of `root`.
 bool isTorn(std::string_view name, Value::Type root) {
-  std::optional<std::string> bytes = platform::readFile(platform::documentsPath(name));
+  const platform::Env& env = QXLogCenter::center().env();
+  std::optional<std::string> bytes = env.files().read(env.documentsPath(name));
   if (!bytes || bytes->empty()) return false;  // absent, or created empty before a first store
   std::optional<Value> parsed = serial::parsePropertyList(*bytes);
   return !parsed || parsed->type() != root;
@@ -85,7 +87,8 @@ TEST(QueueTortureTest, KilledHostsLeaveWholeFilesAndKeepAcknowledgedRecords) {
   const std::string documents = (base / "Documents").string();
   fs::remove_all(base);
   fs::create_directories(documents);
-  platform::setDocumentsDirectory(documents);
+  CenterRegistry::createWithEnv(
+      std::make_shared<platform::Env>(platform::Env::Parts{.documents = documents}));
 
   std::set<uint64_t> acknowledged;  // since the directory was last emptied
   std::set<uint64_t> inFlight;      // reported when a host died, not acknowledged

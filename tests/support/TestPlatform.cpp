@@ -10,11 +10,7 @@
 #include <filesystem>
 
 #include "QXLog/center/CenterRegistry.h"
-#include "QXLog/platform/Console.h"
-#include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Documents.h"
-#include "QXLog/platform/DurableFlush.h"
-#include "QXLog/platform/Files.h"
+#include "QXLog/platform/CurlTransport.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/PropertyList.h"
@@ -127,27 +123,17 @@ void LibraryTest::SetUp() {
   clock_ = std::make_shared<VirtualClock>();
   dispatcher_ = std::make_unique<VirtualDispatcher>(clock_);
   console_ = std::make_shared<ConsoleCapture>();
-  platform::setClock(clock_);
-  platform::setMainQueue(dispatcher_->mainQueue());
-  platform::setGlobalQueue(dispatcher_->globalQueue());
-  // Flushes to the disk would be tasks of their own on the timeline; the
-  // tests of the flush turn it on.
-  platform::DurableFlush::instance().setEnabled(false);
-  platform::setConsoleSink([console = console_](const std::string& line) { console->add(line); });
-  platform::setDocumentsDirectory(documents_);
+  // Without a flush to the disk: it would be a task of its own on the timeline.
+  files_ = std::make_shared<FaultyFileSystem>();
   recording::setEnvironmentReady(false);
-  CenterRegistry::replaceForTesting();
+  CenterRegistry::replaceForTesting(std::make_shared<platform::Env>(platform::Env::Parts{
+      clock_, dispatcher_->mainQueue(), dispatcher_->globalQueue(),
+      std::make_shared<platform::CurlTransport>(httpTimeLimit_), files_,
+      [console = console_](const std::string& line) { console->add(line); }, documents_}));
 }
 
 void LibraryTest::TearDown() {
   recording::setEnvironmentReady(false);
-  platform::setMainQueue(nullptr);
-  platform::setGlobalQueue(nullptr);
-  platform::DurableFlush::instance().setExecutor(nullptr);
-  platform::DurableFlush::instance().setEnabled(true);
-  platform::setConsoleSink(nullptr);
-  platform::setClock(nullptr);
-  platform::setDocumentsDirectory("");
   std::error_code ignored;
   std::filesystem::remove_all(documents_, ignored);
 }
@@ -161,7 +147,7 @@ std::string LibraryTest::documentsPath(const std::string& fileName) const {
 }
 
 std::optional<Array> LibraryTest::readQueueFile(const std::string& fileName) const {
-  std::optional<std::string> bytes = platform::readFile(documentsPath(fileName));
+  std::optional<std::string> bytes = files_->read(documentsPath(fileName));
   if (!bytes) return std::nullopt;
   std::optional<Value> root = serial::parsePropertyList(*bytes);
   if (!root || !root->isArray()) return std::nullopt;

@@ -1,7 +1,8 @@
 // Test stand-ins for the platform: a virtual clock, a deterministic dispatcher
 // that runs main-queue and global-queue tasks in time order on the test's
-// thread, a console capture, and a fixture that gives each test its own
-// Documents directory and a fresh log center.
+// thread, a console capture, and a fixture that runs a fresh log center on a
+// test environment of them, with its own Documents directory and files that
+// fail on demand.
 #ifndef QXLOG_TESTS_SUPPORT_TESTPLATFORM_H_
 #define QXLOG_TESTS_SUPPORT_TESTPLATFORM_H_
 
@@ -13,10 +14,12 @@
 #include <string>
 #include <vector>
 
+#include "QXLog/QXLogExecutor.h"
 #include "QXLog/QXLogValue.h"
 #include "QXLog/platform/Clock.h"
-#include "QXLog/QXLogExecutor.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/platform/TaskSchedule.h"
+#include "tests/support/FaultyFileSystem.h"
 
 namespace qxlog::testing {
 
@@ -81,8 +84,8 @@ class ConsoleCapture {
   std::vector<std::string> lines_;
 };
 
-// Installs the virtual platform and a fresh center over a new temporary
-// Documents directory; undoes it all afterwards.
+// A fresh center on the test environment, over a new temporary Documents
+// directory, removed afterwards.
 class LibraryTest : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -97,7 +100,10 @@ class LibraryTest : public ::testing::Test {
   std::shared_ptr<VirtualClock> clock_;
   std::unique_ptr<VirtualDispatcher> dispatcher_;
   std::shared_ptr<ConsoleCapture> console_;
+  std::shared_ptr<FaultyFileSystem> files_;
   std::string documents_;
+  // Positive: replaces every HTTP request's own time limit.
+  std::chrono::milliseconds httpTimeLimit_{0};
 };
 
 // A dictionary of strings, for expectations.

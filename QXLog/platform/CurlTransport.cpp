@@ -1,22 +1,12 @@
-#include "QXLog/platform/Http.h"
+#include "QXLog/platform/CurlTransport.h"
 
 #include <curl/curl.h>
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 
 namespace qxlog::platform {
 namespace {
-
-std::atomic<int64_t> g_timeoutOverrideMs{0};
-std::mutex g_transportMutex;
-std::shared_ptr<const HttpTransport> g_transport;
-
-std::shared_ptr<const HttpTransport> transportOverride() {
-  std::lock_guard lock(g_transportMutex);
-  return g_transport;
-}
 
 void initialiseCurlOnce() {
   static std::once_flag once;
@@ -51,17 +41,17 @@ std::unique_ptr<curl_slist, ListFree> headerList(const HttpRequest& request) {
   return std::unique_ptr<curl_slist, ListFree>(list);
 }
 
-void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, std::string* body) {
+void configure(CURL* easy, const HttpRequest& request, std::chrono::milliseconds timeLimit,
+               curl_slist* headers, std::string* body) {
   curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
-  int64_t overrideMs = g_timeoutOverrideMs.load(std::memory_order_relaxed);
   auto limitMs = static_cast<long>(
-      overrideMs > 0
-          ? overrideMs
+      timeLimit.count() > 0
+          ? timeLimit.count()
           : std::chrono::duration_cast<std::chrono::milliseconds>(request.timeout).count());
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, limitMs);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, limitMs);
@@ -87,13 +77,8 @@ void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, std:
 
 }  // namespace
 
-HttpResponse performHttp(const HttpRequest& request) {
+HttpResponse CurlTransport::perform(const HttpRequest& request) {
   HttpResponse response;
-  if (!isValidHttpUrl(request.url)) {
-    response.error = "not a valid URL";
-    return response;
-  }
-  if (auto transport = transportOverride()) return (*transport)(request);
   initialiseCurlOnce();
   std::unique_ptr<CURL, EasyFree> easy(curl_easy_init());
   if (!easy) {
@@ -101,7 +86,7 @@ HttpResponse performHttp(const HttpRequest& request) {
     return response;
   }
   auto headers = headerList(request);
-  configure(easy.get(), request, headers.get(), &response.body);
+  configure(easy.get(), request, timeLimit_, headers.get(), &response.body);
   CURLcode code = curl_easy_perform(easy.get());
   if (code != CURLE_OK) {
     response.error = curl_easy_strerror(code);
@@ -114,36 +99,6 @@ HttpResponse performHttp(const HttpRequest& request) {
   curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_TYPE, &contentType);
   if (contentType != nullptr) response.contentType = contentType;
   return response;
-}
-
-void setHttpTimeoutOverride(std::chrono::milliseconds limit) {
-  g_timeoutOverrideMs.store(limit.count() > 0 ? limit.count() : 0, std::memory_order_relaxed);
-}
-
-void setHttpTransportOverride(HttpTransport transport) {
-  std::lock_guard lock(g_transportMutex);
-  g_transport = transport ? std::make_shared<const HttpTransport>(std::move(transport)) : nullptr;
-}
-
-bool isValidHttpUrl(const std::string& url) {
-  std::string_view rest(url);
-  if (rest.rfind("http://", 0) == 0) {
-    rest.remove_prefix(7);
-  } else if (rest.rfind("https://", 0) == 0) {
-    rest.remove_prefix(8);
-  } else {
-    return false;
-  }
-  if (rest.empty() || rest.front() == '/' || rest.front() == '?' || rest.front() == '#') {
-    return false;
-  }
-  for (unsigned char c : url) {
-    if (c <= 0x20 || c >= 0x7f || c == '"' || c == '<' || c == '>' || c == '\\' || c == '^' ||
-        c == '`' || c == '{' || c == '|' || c == '}') {
-      return false;
-    }
-  }
-  return true;
 }
 
 }  // namespace qxlog::platform

@@ -1,24 +1,33 @@
-#include "QXLog/platform/Files.h"
+#include "QXLog/platform/PosixFileSystem.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <vector>
-
-#include "QXLog/platform/DurableFlush.h"
 
 namespace qxlog::platform {
 namespace {
 
 constexpr std::string_view kTemporarySuffix = ".tmp-XXXXXX";
 
-bool writeAll(int fd, std::string_view bytes) {
+}  // namespace
+
+PosixFileSystem::PosixFileSystem(Options options)
+    : renameExchange_(options.renameExchange),
+      flush_(options.flushExecutor ? std::make_shared<DurableFlush>(options.flushExecutor)
+                                   : nullptr) {}
+
+int PosixFileSystem::createTemporary(char* pathPattern) {
+  return ::mkostemp(pathPattern, O_CLOEXEC);
+}
+
+bool PosixFileSystem::writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     ssize_t written = ::write(fd, bytes.data(), bytes.size());
     if (written < 0) {
@@ -30,8 +39,6 @@ bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
-std::atomic<bool> g_exchangeEnabled{true};
-
 // Puts the new file in place. Exchanging the two names and unlinking the old
 // contents is as atomic as a rename for readers and for a process killed at
 // any moment, and spares the writer the flush that ext4 starts when a rename
@@ -39,40 +46,33 @@ std::atomic<bool> g_exchangeEnabled{true};
 // the unlinks contend with the writes for the directory.) Where there is
 // nothing to exchange, or the kernel or the file system refuses the flag, a
 // plain rename does it.
-bool putInPlace(const char* temporary, const char* path) {
-  if (g_exchangeEnabled.load(std::memory_order_relaxed) &&
-      ::renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_EXCHANGE) == 0) {
+bool PosixFileSystem::putInPlace(const char* temporary, const char* path) {
+  if (renameExchange_ && ::renameat2(AT_FDCWD, temporary, AT_FDCWD, path, RENAME_EXCHANGE) == 0) {
     ::unlink(temporary);  // now the old contents
   } else if (::rename(temporary, path) != 0) {
     return false;
   }
-  DurableFlush::instance().written(path);
+  if (flush_) flush_->written(path);
   return true;
 }
 
-}  // namespace
-
-void useRenameExchange(bool enabled) {
-  g_exchangeEnabled.store(enabled, std::memory_order_relaxed);
-}
-
-bool fileExists(const std::string& path) {
+bool PosixFileSystem::exists(const std::string& path) {
   struct stat info;
   return ::stat(path.c_str(), &info) == 0;
 }
 
-bool createEmptyFile(const std::string& path) {
+bool PosixFileSystem::createEmpty(const std::string& path) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   ::close(fd);
   return true;
 }
 
-bool writeFileAtomically(const std::string& path, std::string_view contents) {
+bool PosixFileSystem::replaceAtomically(const std::string& path, std::string_view contents) {
   std::vector<char> temporary(path.begin(), path.end());
   temporary.insert(temporary.end(), kTemporarySuffix.begin(), kTemporarySuffix.end());
   temporary.push_back('\0');
-  int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+  int fd = createTemporary(temporary.data());
   if (fd < 0) return false;
   bool ok = ::fchmod(fd, 0644) == 0 && writeAll(fd, contents);
   ok = (::close(fd) == 0) && ok;
@@ -81,7 +81,7 @@ bool writeFileAtomically(const std::string& path, std::string_view contents) {
   return false;
 }
 
-int removeStaleTemporaries(const std::string& path) {
+int PosixFileSystem::removeStaleTemporaries(const std::string& path) {
   std::size_t slash = path.rfind('/');
   std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   std::string prefix = (slash == std::string::npos ? path : path.substr(slash + 1)) + ".tmp-";
@@ -104,7 +104,7 @@ int removeStaleTemporaries(const std::string& path) {
   return removed;
 }
 
-std::optional<std::string> readFile(const std::string& path) {
+std::optional<std::string> PosixFileSystem::read(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   std::string contents;
@@ -121,8 +121,14 @@ std::optional<std::string> readFile(const std::string& path) {
   }
 }
 
-bool removeFile(const std::string& path) {
+bool PosixFileSystem::remove(const std::string& path) {
   return ::unlink(path.c_str()) == 0;
+}
+
+bool PosixFileSystem::createDirectories(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  return !error;
 }
 
 }  // namespace qxlog::platform

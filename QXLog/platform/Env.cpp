@@ -1,0 +1,98 @@
+#include "QXLog/platform/Env.h"
+
+#include "QXLog/platform/BuiltInQueues.h"
+#include "QXLog/platform/CurlTransport.h"
+#include "QXLog/platform/DocumentsDirectory.h"
+#include "QXLog/platform/HttpUrl.h"
+#include "QXLog/platform/PosixFileSystem.h"
+
+namespace qxlog::platform {
+namespace {
+
+template <typename Part, typename MakeDefault>
+std::shared_ptr<Part> orDefault(std::shared_ptr<Part> part, MakeDefault makeDefault) {
+  return part ? std::move(part) : makeDefault();
+}
+
+std::shared_ptr<FileSystem> systemFiles(std::shared_ptr<Executor> flushExecutor) {
+  return std::make_shared<PosixFileSystem>(PosixFileSystem::Options{std::move(flushExecutor)});
+}
+
+}  // namespace
+
+Env::Env(Parts parts)
+    : clock_(orDefault(std::move(parts.clock), systemClock)),
+      ownMainQueue_(orDefault<Executor>(std::move(parts.mainQueue), builtInMainQueue)),
+      globalQueue_(orDefault(std::move(parts.globalQueue), builtInGlobalQueue)),
+      http_(orDefault<HttpTransport>(std::move(parts.http),
+                                     [] { return std::make_shared<CurlTransport>(); })),
+      files_(orDefault(std::move(parts.files), [this] { return systemFiles(globalQueue_); })),
+      ownConsole_(std::move(parts.console)),
+      ownDocuments_(std::move(parts.documents)),
+      mainQueue_(ownMainQueue_),
+      console_(ownConsole_) {
+  setDocumentsDirectory("");
+}
+
+std::shared_ptr<Env> Env::Default() {
+  // Never destroyed: workers may still use it while the process exits.
+  static auto* env = new std::shared_ptr<Env>(std::make_shared<Env>(Parts{}));
+  return *env;
+}
+
+std::shared_ptr<Executor> Env::mainQueue() const {
+  std::lock_guard lock(mutex_);
+  return mainQueue_;
+}
+
+HttpResponse Env::performHttp(const HttpRequest& request) const {
+  if (!isValidHttpUrl(request.url)) {
+    HttpResponse response;
+    response.error = "not a valid URL";
+    return response;
+  }
+  return http_->perform(request);
+}
+
+std::string Env::documentsDirectory() const {
+  std::lock_guard lock(mutex_);
+  if (documents_.empty()) {
+    documents_ = documentsDirectoryFromEnvironment();
+    files_->createDirectories(documents_);
+  }
+  return documents_;
+}
+
+std::string Env::documentsPath(std::string_view fileName) const {
+  std::string path = documentsDirectory();
+  if (!path.empty() && path.back() != '/') path += '/';
+  path += fileName;
+  return path;
+}
+
+void Env::consoleWrite(std::string_view line) const {
+  std::lock_guard lock(consoleMutex_);
+  if (console_) {
+    console_(std::string(line));
+  } else {
+    writeToSystemConsole(*clock_, line);
+  }
+}
+
+void Env::setMainQueue(std::shared_ptr<Executor> executor) {
+  std::lock_guard lock(mutex_);
+  mainQueue_ = executor ? std::move(executor) : ownMainQueue_;
+}
+
+void Env::setDocumentsDirectory(std::string path) {
+  std::lock_guard lock(mutex_);
+  documents_ = path.empty() ? ownDocuments_ : std::move(path);
+  if (!documents_.empty()) files_->createDirectories(documents_);
+}
+
+void Env::setConsoleSink(ConsoleSink sink) {
+  std::lock_guard lock(consoleMutex_);
+  console_ = sink ? std::move(sink) : ownConsole_;
+}
+
+}  // namespace qxlog::platform

@@ -1,0 +1,84 @@
+// Everything the library takes from the operating system, in one object: the
+// clocks, the main and global queues, HTTP, files and the Documents
+// directory, and the console. The log center holds one and hands its parts to
+// the code below it. Env::Default() is the system's; tests and fuzzing build
+// one from parts of their own (a virtual clock, a deterministic dispatcher, a
+// transport without a network, a file system that fails on demand).
+#ifndef QXLOG_PLATFORM_ENV_H_
+#define QXLOG_PLATFORM_ENV_H_
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "QXLog/QXLogExecutor.h"
+#include "QXLog/platform/Clock.h"
+#include "QXLog/platform/Console.h"
+#include "QXLog/platform/FileSystem.h"
+#include "QXLog/platform/HttpTransport.h"
+
+namespace qxlog::platform {
+
+class Env {
+ public:
+  // Parts left empty are the system's.
+  struct Parts {
+    std::shared_ptr<const Clock> clock{};
+    std::shared_ptr<Executor> mainQueue{};
+    std::shared_ptr<Executor> globalQueue{};
+    std::shared_ptr<HttpTransport> http{};
+    std::shared_ptr<FileSystem> files{};
+    // Empty: the system console (Console.h).
+    ConsoleSink console{};
+    // Empty: chosen from the process environment (DocumentsDirectory.h).
+    std::string documents{};
+  };
+
+  explicit Env(Parts parts);
+  Env(const Env&) = delete;
+  Env& operator=(const Env&) = delete;
+
+  // The system's environment, one for the whole process.
+  static std::shared_ptr<Env> Default();
+
+  const Clock& clock() const { return *clock_; }
+  std::shared_ptr<const Clock> sharedClock() const { return clock_; }
+  double wallSeconds() const { return clock_->wallSeconds(); }
+  std::shared_ptr<Executor> mainQueue() const;
+  std::shared_ptr<Executor> globalQueue() const { return globalQueue_; }
+  // Exchanges the request over the transport; an invalid URL fails at once.
+  HttpResponse performHttp(const HttpRequest& request) const;
+  FileSystem& files() const { return *files_; }
+  // The Documents directory, created with its parents the first time it is
+  // resolved, and the path of a file in it.
+  std::string documentsDirectory() const;
+  std::string documentsPath(std::string_view fileName) const;
+  // Lines are written one at a time.
+  void consoleWrite(std::string_view line) const;
+
+  // The host's choices, made through the public interface; an empty value
+  // returns to the env's own part.
+  void setMainQueue(std::shared_ptr<Executor> executor);
+  void setDocumentsDirectory(std::string path);
+  void setConsoleSink(ConsoleSink sink);
+
+ private:
+  const std::shared_ptr<const Clock> clock_;
+  const std::shared_ptr<Executor> ownMainQueue_;
+  const std::shared_ptr<Executor> globalQueue_;
+  const std::shared_ptr<HttpTransport> http_;
+  const std::shared_ptr<FileSystem> files_;
+  const ConsoleSink ownConsole_;
+  const std::string ownDocuments_;
+
+  mutable std::mutex mutex_;
+  std::shared_ptr<Executor> mainQueue_;
+  mutable std::string documents_;  // empty until resolved
+  mutable std::mutex consoleMutex_;
+  ConsoleSink console_;
+};
+
+}  // namespace qxlog::platform
+
+#endif  // QXLOG_PLATFORM_ENV_H_
