@@ -18,7 +18,7 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/platform/Dispatch.h"
+#include "QXLog/platform/BuiltInQueues.h"
 #include "QXLog/platform/MainQueue.h"
 #include "bench/BenchSupport.h"
 #include "collector/http/HttpServer.h"
@@ -79,7 +79,7 @@ int main(int argc, char** argv) {
       seen = now;
       quietSince = Clock::now();
     } else if (Clock::now() - quietSince > std::chrono::milliseconds(300) &&
-               qxlog::platform::defaultMainQueue().pending() == 0) {
+               qxlog::platform::builtInMainQueue()->pending() == 0) {
       break;
     }
     std::this_thread::sleep_for(std::chrono::microseconds(200));

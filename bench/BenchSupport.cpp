@@ -5,6 +5,7 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/center/CenterRegistry.h"
+#include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 
@@ -46,8 +47,8 @@ void setUpHost(const std::string& directory) {
   setContext(QXLogCenter::center().format(), 1);
 }
 
-QXLogCenter& freshCenter(int64_t batchSize) {
-  QXLogCenter& center = CenterRegistry::replaceForTesting();
+QXLogCenter& freshCenter(int64_t batchSize, std::shared_ptr<platform::Env> env) {
+  QXLogCenter& center = CenterRegistry::replaceForTesting(std::move(env));
   setContext(center.format(), batchSize);
   return center;
 }
@@ -68,8 +69,8 @@ Array typicalRecords(std::size_t count) {
   Array records;
   records.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
-    records.emplace_back(
-        format.actionLog(actionName(i), qxlog::currentMillisText(), movieIndex(i)));
+    records.emplace_back(format.actionLog(
+        actionName(i), qxlog::currentMillisText(format.env().clock()), movieIndex(i)));
   }
   return records;
 }

@@ -4,10 +4,12 @@
 #define QXLOG_BENCH_BENCHSUPPORT_H_
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogValue.h"
+#include "QXLog/platform/Env.h"
 
 namespace qxlog::bench {
 
@@ -20,8 +22,10 @@ std::string benchDirectory();
 void setUpHost(const std::string& directory);
 
 // Puts a fresh log center in place, as after a restart, with the host's
-// context set again and `batchSize` as its batch size.
-QXLogCenter& freshCenter(int64_t batchSize);
+// context set again and `batchSize` as its batch size, on `env`: by default
+// the system's, which setUpHost points at its directory.
+QXLogCenter& freshCenter(int64_t batchSize,
+                         std::shared_ptr<platform::Env> env = platform::Env::Default());
 
 // The arguments of the i-th typical action report.
 std::string actionName(std::size_t i);

@@ -35,9 +35,9 @@
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/center/QueueFileNames.h"
-#include "QXLog/platform/Dispatch.h"
-#include "QXLog/platform/Documents.h"
-#include "QXLog/platform/DurableFlush.h"
+#include "QXLog/platform/BuiltInQueues.h"
+#include "QXLog/platform/Env.h"
+#include "QXLog/platform/PosixFileSystem.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/PropertyList.h"
 #include "QXLog/support/Time.h"
@@ -220,7 +220,7 @@ void StoreVsFloor(benchmark::State& state) {
   const qxlog::Array queue = qb::typicalRecords(held - 1);
   const std::string action = qb::actionName(7);
   const std::string movie = qb::movieIndex(7);
-  const std::string queuePath = platform::documentsPath(qxlog::kActionQueueFile);
+  const std::string queuePath = center.env().documentsPath(qxlog::kActionQueueFile);
   center.setActionLog(queue);
   recordActionLog(action.c_str(), movie.c_str());
   recordActionLog(action.c_str(), movie.c_str());
@@ -335,9 +335,13 @@ void ReportWithUpload(benchmark::State& state) {
   directory();
   auto holding = std::make_shared<HoldingQueue>();
   // Flushes to the disk still run on the real global queue.
-  platform::DurableFlush::instance().setExecutor(platform::globalQueue());
-  platform::setGlobalQueue(holding);
-  QXLogCenter& center = qb::freshCenter(INT64_MAX);
+  QXLogCenter& center = qb::freshCenter(
+      INT64_MAX, std::make_shared<platform::Env>(platform::Env::Parts{
+                     .globalQueue = holding,
+                     .files = std::make_shared<platform::PosixFileSystem>(
+                         platform::PosixFileSystem::Options{platform::builtInGlobalQueue()}),
+                     .console = [](const std::string&) {},
+                     .documents = directory()}));
   const std::string action = qb::actionName(7);
   const std::string movie = qb::movieIndex(7);
   const qxlog::Array one = qb::typicalRecords(1);
@@ -384,8 +388,6 @@ void ReportWithUpload(benchmark::State& state) {
   state.counters["report_cpu_us"] = medianMicros(reportCpu);
   state.counters["store_l1_cpu_us"] = medianMicros(storeCpu);
   state.counters["envelope_1_cpu_us"] = medianMicros(envelopeCpu);
-  platform::setGlobalQueue(nullptr);
-  platform::DurableFlush::instance().setExecutor(nullptr);
 }
 
 // The first queue access after a restart: the center reads and converts the
@@ -398,7 +400,7 @@ const std::string& coldFile() {
     QXLogCenter& center = qb::freshCenter(INT64_MAX);
     center.setActionLog(qb::typicalRecords(kColdRecords - 1));
     recordActionLog(qb::actionName(1).c_str(), qb::movieIndex(1).c_str());
-    return platform::documentsPath(qxlog::kActionQueueFile);
+    return center.env().documentsPath(qxlog::kActionQueueFile);
   }();
   return path;
 }
