@@ -1,6 +1,5 @@
 #include "QXLog/QXLogCenter.h"
 
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/QueueFileNames.h"
 #include "QXLog/platform/Env.h"

@@ -1,9 +1,7 @@
 // Server settings: the batch size and the push interval come from the settings
 // endpoint, which the host asks the library to query.
 #include "QXLog/QXLogCenter.h"
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/center/PushTimer.h"
-#include "QXLog/platform/Clock.h"
 #include "QXLog/platform/Env.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"

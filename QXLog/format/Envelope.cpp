@@ -2,7 +2,6 @@
 // server, with the day token and a plain copy of the body for the trace.
 #include "QXLog/format/Envelope.h"
 
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Env.h"
 #include "QXLog/serial/Json.h"
