@@ -1,8 +1,12 @@
+// The C interface's own values: the host dictionary, the version and the
+// format's named strings. (The C11 build against the public header is the
+// example C host, which ToolsTest runs.)
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "QXLog/QXLog.h"
+#include "tests/support/TestPlatform.h"
 
 namespace {
 
@@ -19,12 +23,27 @@ TEST(HostDictionaryTest, PutReplacesInPlaceAndOnlyJsonObjectsAreRead) {
   put(dictionary, "a", "2");
   put(dictionary, nullptr, "ignored");
   put(dictionary, "b", nullptr);
+  put(dictionary, "q", "\"quoted\"");
   put(nullptr, "a", "no crash");
-  EXPECT_EQ(json(dictionary), R"({"a":"2","n":5,"d":{"k":[]},"b":""})");
+  EXPECT_EQ(json(dictionary), R"({"a":"2","n":5,"d":{"k":[]},"b":"","q":"\"quoted\""})");
   QXLogDictionaryRelease(dictionary);
   EXPECT_EQ(QXLogDictionaryCreateWithJSON("[1,2]"), nullptr);
   EXPECT_EQ(QXLogDictionaryCreateWithJSON("{broken"), nullptr);
   EXPECT_EQ(json(nullptr), "<null>");
+}
+
+class CInterfaceTest : public qxlog::testing::LibraryTest {};
+
+TEST_F(CInterfaceTest, VersionAndNamedStringsNilUnknownOrSet) {
+  EXPECT_EQ(QXLogVersionNumber, 1.0);
+  EXPECT_STREQ(reinterpret_cast<const char*>(QXLogVersionString),
+               "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n");
+  QXLogFormatSetString("uid", "7");
+  char* uid = QXLogFormatCopyString("uid");
+  EXPECT_STREQ(uid, "7");
+  QXLogFree(uid);
+  EXPECT_EQ(QXLogFormatCopyString("phone"), nullptr);  // nil
+  EXPECT_EQ(QXLogFormatCopyString("no such property"), nullptr);
 }
 
 }  // namespace
