@@ -1,9 +1,6 @@
 // The collector against what the library really sends, against an independent
 // encoder, and against every kind of bad input.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +19,7 @@
 #include "collector/decode/EnvelopeDecoder.h"
 #include "collector/print/Report.h"
 #include "collector/server/LocalCollector.h"
+#include "tests/support/HttpClient.h"
 #include "tests/support/UploadFixture.h"
 
 namespace qxlog {
@@ -30,52 +28,12 @@ namespace {
 using namespace std::string_literals;
 using collector::acceptedDayTokens;
 using collector::dayToken;
+using testing::formEncode;
+using testing::get;
+using testing::HttpReply;
 using testing::kTestKey;
-
-struct Reply {
-  int status = 0;
-  std::string head;
-  std::string body;
-};
-
-// Sends raw bytes to 127.0.0.1:port and reads the answer to the end.
-Reply roundTrip(int port, const std::string& request) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  std::string raw;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-    raw = testing::readToEnd(fd);
-  }
-  ::close(fd);
-  const std::size_t head = raw.find("\r\n\r\n");
-  if (raw.rfind("HTTP/1.1 ", 0) != 0 || head == std::string::npos) return {};
-  return {std::atoi(raw.c_str() + 9), raw.substr(0, head), raw.substr(head + 4)};
-}
-
-std::string formEncode(const std::string& text) {
-  std::string out;
-  char escaped[4];
-  for (unsigned char c : text) {
-    std::snprintf(escaped, sizeof escaped, "%%%02X", c);
-    out += std::isalnum(c) ? std::string(1, static_cast<char>(c)) : std::string(escaped);
-  }
-  return out;
-}
-
-Reply postForm(int port, const std::string& path, const std::string& form) {
-  return roundTrip(port, "POST " + path +
-                             " HTTP/1.1\r\nHost: x\r\nContent-Type: "
-                             "application/x-www-form-urlencoded\r\nContent-Length: " +
-                             std::to_string(form.size()) + "\r\n\r\n" + form);
-}
-
-Reply get(int port, const std::string& target) {
-  return roundTrip(port, "GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n");
-}
+using testing::postForm;
+using testing::roundTrip;
 
 // log_data as the library seals it, from a plain body text.
 std::string seal(const std::string& plain, const std::string& key = kTestKey) {
@@ -142,6 +100,7 @@ class CollectorTest : public testing::UploadTest {
       return std::chrono::system_clock::time_point(
           std::chrono::milliseconds(static_cast<int64_t>(clock->wallSeconds() * 1000)));
     };
+    yesterday_ = acceptedDayTokens(options.collector.clock())[1];
     options.out = out_;
     options.log = log_;
     std::string error;
@@ -169,6 +128,7 @@ class CollectorTest : public testing::UploadTest {
   }
 
   std::unique_ptr<collector::LocalCollector> collector_;
+  std::string yesterday_;  // the other token the collector accepts
   int port_ = 0;
   std::FILE* log_ = nullptr;
   std::FILE* out_ = nullptr;
@@ -238,7 +198,7 @@ TEST_F(CollectorTest, ReadsAnEnvelopeSealedByAnIndependentEncoder) {
   if (sealed.status != 0) GTEST_SKIP() << "no openssl: " << sealed.output;
   start("short");
 
-  const Reply reply = postForm(port_, "/log", logForm(sealed.output, today()));
+  const HttpReply reply = postForm(port_, "/log", logForm(sealed.output, today()));
   EXPECT_EQ(reply.status, 200) << reply.body;
   EXPECT_NE(reply.head.find("\r\nContent-Type: application/json\r\n"), std::string::npos);
   EXPECT_EQ(reply.body, "{\"operate_code\":\"200\"}\n");
@@ -256,7 +216,7 @@ TEST_F(CollectorTest, RefusesEachBadInputWithAReasonAndStoresNothing) {
     return postForm(port_, "/log", logForm(data, token));
   };
   const struct {
-    Reply reply;
+    HttpReply reply;
     int status;
     const char* reason;
   } cases[] = {
@@ -290,9 +250,7 @@ TEST_F(CollectorTest, RefusesEachBadInputWithAReasonAndStoresNothing) {
   EXPECT_EQ(static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n')), std::size(cases))
       << log;
   EXPECT_NE(log.find("413 POST /log from 127.0.0.1:"), std::string::npos) << log;
-  const std::string yesterday = acceptedDayTokens(
-      std::chrono::system_clock::from_time_t(static_cast<std::time_t>(clock_->wallSeconds())))[1];
-  EXPECT_EQ(postForm(port_, "/log", logForm(good, yesterday)).status, 200);
+  EXPECT_EQ(postForm(port_, "/log", logForm(good, yesterday_)).status, 200);
   EXPECT_EQ(collector_->store().delivered().uploads, 1);
 }
 
@@ -336,18 +294,17 @@ TEST(CollectorReport, PrintsTheHeaderOnceAndEachRecordByName) {
 // What any client may send, with the limits set small so that the attacks
 // are quick: each gets its limit's answer, a log line, and nothing stored.
 TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
-  collector_.reset();
-  start(kTestKey);  // the defaults: 16 MiB inflated, 10 000 records
+  // The default limits: 16 MiB inflated, 10 000 records.
   // 32 MiB of zeros seal into less than the body limit, and inflate past 16 MiB.
   std::string bomb = sealJson("{\"t\":{},\"a\":[\"" + std::string(32 << 20, '0') + "\"]}");
   ASSERT_LT(bomb.size(), 64u << 10);
-  Reply inflated = postForm(port_, "/log", logForm(bomb, today()));
+  HttpReply inflated = postForm(port_, "/log", logForm(bomb, today()));
   EXPECT_EQ(inflated.status, 413);
   EXPECT_NE(inflated.body.find("inflates past 16777216 bytes"), std::string::npos);
 
   std::string many = "{\"t\":{},\"a\":[{}";
   for (int i = 0; i < 10000; ++i) many += ",{}";
-  Reply flood = postForm(port_, "/log", logForm(sealJson(many + "]}"), today()));
+  HttpReply flood = postForm(port_, "/log", logForm(sealJson(many + "]}"), today()));
   EXPECT_EQ(flood.status, 413);
   EXPECT_NE(flood.body.find("more than 10000 records"), std::string::npos);
   EXPECT_TRUE(nothingStored());
@@ -363,7 +320,7 @@ TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
 TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
   std::string form = logForm(sealJson(R"({"t":{"t_2":"d"},"a":[{"a_t":"2","a_1":"x"}]})"), today());
   for (int i = 0; i < 3; ++i) {
-    Reply reply = postForm(port_, "/log", form);
+    HttpReply reply = postForm(port_, "/log", form);
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.body, "{\"operate_code\":\"200\"}\n");
   }
@@ -373,11 +330,7 @@ TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
   EXPECT_EQ(collector_->store().records().size(), 1u);
   EXPECT_NE(get(port_, "/received").body.find("\"replays\":2"), std::string::npos);
   // Another day's token makes it another upload.
-  std::string yesterday = acceptedDayTokens(collector::SystemClock([clock = clock_] {
-    return std::chrono::system_clock::time_point(
-        std::chrono::milliseconds(static_cast<int64_t>(clock->wallSeconds() * 1000)));
-  })())[1];
-  EXPECT_EQ(postForm(port_, "/log", logForm(sealJson(R"({"t":{},"a":[]})"), yesterday)).status,
+  EXPECT_EQ(postForm(port_, "/log", logForm(sealJson(R"({"t":{},"a":[]})"), yesterday_)).status,
             200);
   EXPECT_EQ(collector_->store().delivered().uploads, 2);
 }

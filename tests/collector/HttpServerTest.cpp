@@ -1,9 +1,7 @@
 // The HTTP front against clients that hold connections: the limits per
 // client address and in all, and the deadline of a whole request, with small
 // limits so that the attacks are quick. Other clients are served throughout.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include <vector>
 
 #include "collector/http/HttpServer.h"
+#include "tests/support/HttpClient.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
@@ -21,33 +20,9 @@ namespace {
 using namespace std::chrono_literals;
 using collector::HttpServer;
 
-// A connection from `from` (a loopback address) to 127.0.0.1:port.
-int connectFrom(const char* from, int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  ::inet_pton(AF_INET, from, &local.sin_addr);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local);
-  sockaddr_in server{};
-  server.sin_family = AF_INET;
-  server.sin_port = htons(static_cast<uint16_t>(port));
-  server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof server) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 // The status of the answer to a whole GET sent from `from`, 0 for none.
 int statusOf(const char* from, int port) {
-  int fd = connectFrom(from, port);
-  if (fd < 0) return 0;
-  const std::string request = "GET /ping HTTP/1.1\r\nHost: x\r\n\r\n";
-  ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-  std::string reply = readToEnd(fd);
-  ::close(fd);
-  return reply.rfind("HTTP/1.1 ", 0) == 0 ? std::atoi(reply.c_str() + 9) : 0;
+  return roundTrip(port, "GET /ping HTTP/1.1\r\nHost: x\r\n\r\n", from).status;
 }
 
 class HttpServerTest : public ::testing::Test {

@@ -11,6 +11,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/serial/Json.h"
 #include "collector/server/LocalCollector.h"
+#include "tests/support/HttpClient.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
@@ -34,10 +35,8 @@ TEST_F(ToolsTest, DecodeReadsAnEnvelopeTheLibraryBuilt) {
   Finished compact = run(decode + "--compact '" + logData + "'");
   EXPECT_EQ(compact.status, 0) << compact.output;
   EXPECT_EQ(compact.output, plain + "\n");
-  // A whole form body on standard input, "+", "/" and "=" percent-encoded.
-  std::string form = "token=x&log_data=";
-  for (char c : logData)
-    form += c == '+' ? "%2B"s : c == '/' ? "%2F"s : c == '=' ? "%3D"s : std::string(1, c);
+  // A whole form body on standard input.
+  const std::string form = "token=x&log_data=" + formEncode(logData);
   EXPECT_EQ(run("printf %s '" + form + "' | " + decode + "--compact").output, plain + "\n");
   Finished pretty = run(decode + "'" + logData + "'");
   EXPECT_NE(pretty.output.find("\n  \"t\": {\n"), std::string::npos) << pretty.output;
