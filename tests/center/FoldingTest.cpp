@@ -44,20 +44,6 @@ TEST_F(FoldingTest, EachFoldCarriesOnlyTheRecordsSinceThePreviousOne) {
   EXPECT_EQ(actions(), R"({"a_t":"1","p":[{"p_2":"old"},{"p_2":"new"}]})");
 }
 
-TEST_F(FoldingTest, NothingToFoldChangesNothing) {
-  center().format().setLimitLogCount(1000);
-  center().makePlayLog();  // no header, empty queue
-  center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
-  center().makePlayLog();  // header, empty queue
-  EXPECT_TRUE(center().actionLog().empty());
-  center().setCurrentPlayHeader(std::nullopt);
-  center().storePlayLog(play("waiting"));
-  center().makePlayLog();  // queue, no header: the records stay
-  EXPECT_TRUE(center().actionLog().empty());
-  EXPECT_EQ(center().playActionLog().size(), 1u);
-  EXPECT_TRUE(console_->lines().empty());
-}
-
 TEST_F(FoldingTest, TheBatchSizeDecidesWhenAStoreFolds) {
   const struct {
     int64_t limit;
