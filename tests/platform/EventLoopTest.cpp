@@ -78,36 +78,13 @@ TEST_F(EventLoopTest, TheHostsSchedulerRunsDeferredReportsWhenItSays) {
   EXPECT_EQ(posts, 1);  // back on the built-in queue
 }
 
-TEST_F(EventLoopTest, EachUnknownPropertyIsNamedOnceAndIgnored) {
-  QXLogFormatSetString("pushLogUrl", "http://127.0.0.1:1/log");
-  QXLogFormatSetString("pushlogurl", "x");
-  QXLogFormatSetString("pushlogurl", "y");
-  QXLogFormatSetString("uidd", "z");
-  EXPECT_EQ(console_->lines(),
-            (std::vector<std::string>{"QXLog: unknown property \"pushlogurl\" ignored",
-                                      "QXLog: unknown property \"uidd\" ignored"}));
-  char* url = QXLogFormatCopyString("pushLogUrl");
-  EXPECT_STREQ(url, "http://127.0.0.1:1/log");
-  QXLogFree(url);
-}
-
 TEST(ConsoleRoutingTest, EnvironmentChoosesStderrSyslogOrNothing) {
   using platform::ConsoleDestination;
   EXPECT_EQ(platform::consoleDestinationFromEnvironment(nullptr), ConsoleDestination::kStderr);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("bogus"), ConsoleDestination::kStderr);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("syslog"), ConsoleDestination::kSyslog);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("off"), ConsoleDestination::kOff);
-  // The example C host's trace lines, with and without the variable.
-  char pattern[] = "/tmp/qxlog-console-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  std::string host = std::string(QXLOG_TEST_EXAMPLE_C_HOST) + " " + pattern;
-  Finished loud = run(host + "/loud");
-  Finished quiet = run("QXLOG_CONSOLE=off " + host + "/quiet");
-  EXPECT_EQ(loud.status, 0);
-  EXPECT_NE(loud.output.find("] Ostra->LogContent:"), std::string::npos) << loud.output;
-  EXPECT_EQ(quiet.status, 0);
-  EXPECT_EQ(quiet.output, "");
-  std::filesystem::remove_all(pattern);
+  // A process's trace lines with and without the variable: ToolsTest.
 }
 
 #ifdef QXLOG_TEST_GLIB_HOST

@@ -34,14 +34,20 @@ TEST(HostDictionaryTest, PutReplacesInPlaceAndOnlyJsonObjectsAreRead) {
 
 class CInterfaceTest : public qxlog::testing::LibraryTest {};
 
-TEST_F(CInterfaceTest, VersionAndNamedStringsNilUnknownOrSet) {
+TEST_F(CInterfaceTest, VersionAndNamedStringsEachUnknownNameSaidOnce) {
   EXPECT_EQ(QXLogVersionNumber, 1.0);
   EXPECT_STREQ(reinterpret_cast<const char*>(QXLogVersionString),
                "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n");
-  QXLogFormatSetString("uid", "7");
-  char* uid = QXLogFormatCopyString("uid");
-  EXPECT_STREQ(uid, "7");
-  QXLogFree(uid);
+  QXLogFormatSetString("pushLogUrl", "http://127.0.0.1:1/log");
+  QXLogFormatSetString("pushlogurl", "x");
+  QXLogFormatSetString("pushlogurl", "y");
+  QXLogFormatSetString("uidd", "z");
+  EXPECT_EQ(console_->lines(),
+            (std::vector<std::string>{"QXLog: unknown property \"pushlogurl\" ignored",
+                                      "QXLog: unknown property \"uidd\" ignored"}));
+  char* url = QXLogFormatCopyString("pushLogUrl");
+  EXPECT_STREQ(url, "http://127.0.0.1:1/log");
+  QXLogFree(url);
   EXPECT_EQ(QXLogFormatCopyString("phone"), nullptr);  // nil
   EXPECT_EQ(QXLogFormatCopyString("no such property"), nullptr);
 }
