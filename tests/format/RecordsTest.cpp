@@ -76,24 +76,10 @@ TEST_F(RecordsTest, SendTimeFollowsTheServerClock) {
   EXPECT_EQ(format().returnsSendTime(45500.0), "5500");
 }
 
-TEST_F(RecordsTest, DevelopmentModeFixesTheBatchSizeAtTwo) {
-  format().setLimitLogCount(50);
-  format().setIsDev(true);
-  EXPECT_EQ(format().limitLogCount(), 2);
-  format().setIsDev(false);
-  EXPECT_EQ(format().limitLogCount(), 50);
-}
-
-TEST_F(RecordsTest, InitialValuesAndNamedAccess) {
+TEST_F(RecordsTest, PackageNameAndNamedStringsOfNilAndOfNumbers) {
   EXPECT_EQ(format().packageName(), platform::programName());
-  EXPECT_EQ(format().uid(), std::nullopt);
-
-  EXPECT_TRUE(format().setStringProperty("pushLogUrl", "http://127.0.0.1/log"));
-  EXPECT_EQ(format().pushLogUrl(), "http://127.0.0.1/log");
   EXPECT_TRUE(format().setStringProperty("city", std::nullopt));
   EXPECT_EQ(format().stringProperty("city"), std::optional<NullableString>(NullableString()));
-  EXPECT_FALSE(format().setStringProperty("nonsense", "x"));
-  EXPECT_FALSE(format().stringProperty("nonsense").has_value());
   format().setCurrent_time(Value(int64_t{123}));
   EXPECT_EQ(format().stringProperty("current_time"), NullableString("123"));
 }
