@@ -49,19 +49,16 @@ std::string readAll(std::FILE* file) {
 }
 
 TEST(CollectorDayToken, AcceptsTodayAndYesterdayAcrossMonthAndYearEnds) {
+  ::setenv("TZ", "UTC0", 1);
+  ::tzset();
   EXPECT_EQ(dayToken(2024, 3, 1), *QXLogHelper::md5String("2024-03-01Rk4TqzWmLpVhNc7XsJdBfYoE"s));
-  auto at = [](int year, int month, int day, int hour) {
-    std::tm local{};
-    local.tm_year = year - 1900;
-    local.tm_mon = month - 1;
-    local.tm_mday = day;
-    local.tm_hour = hour;
-    local.tm_isdst = -1;
-    return acceptedDayTokens(std::chrono::system_clock::from_time_t(std::mktime(&local)));
+  auto at = [](std::time_t utc) {
+    return acceptedDayTokens(std::chrono::system_clock::from_time_t(utc));
   };
   using Tokens = std::vector<std::string>;
-  EXPECT_EQ(at(2024, 3, 1, 12), (Tokens{dayToken(2024, 3, 1), dayToken(2024, 2, 29)}));
-  EXPECT_EQ(at(2025, 1, 1, 0), (Tokens{dayToken(2025, 1, 1), dayToken(2024, 12, 31)}));
+  // 2024-03-01 12:00 and 2025-01-01 00:00.
+  EXPECT_EQ(at(1709294400), (Tokens{dayToken(2024, 3, 1), dayToken(2024, 2, 29)}));
+  EXPECT_EQ(at(1735689600), (Tokens{dayToken(2025, 1, 1), dayToken(2024, 12, 31)}));
 }
 
 TEST(EnvelopeDecoder, RejectsMalformedBase64BadBlocksAndAnythingButOneGzipMember) {
