@@ -1,3 +1,5 @@
+// The queues in memory and in their files: each store rewrites the file,
+// play records fold under their header, and a restart reads everything back.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -17,7 +19,7 @@ constexpr const char* kActionFile = "UserStatisticalLog.plist";
 constexpr const char* kPlayFile = "USERPlayActionStatisticalLog.plist";
 constexpr const char* kStartFile = "USERMovieStartTimeLog.plist";
 
-class QueueFilesTest : public LibraryTest {
+class QueuesTest : public LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
@@ -32,10 +34,11 @@ class QueueFilesTest : public LibraryTest {
     std::optional<Array> queue = readQueueFile(name);
     return queue ? serial::toJson(Value(*queue)) : "none";
   }
+  std::string memory() { return serial::toJson(Value(center().actionLog())); }
   void store(const char* item) { center().storeActionLog(strings({{"a_1", item}})); }
 };
 
-TEST_F(QueueFilesTest, FirstAccessCreatesEachFileEmptyAndEveryStoreRewritesTheQueue) {
+TEST_F(QueuesTest, FirstAccessCreatesEachFileEmptyAndEveryStoreRewritesTheQueue) {
   EXPECT_FALSE(platform::fileExists(documentsPath(kActionFile)));
   EXPECT_TRUE(center().actionLog().empty());
   EXPECT_TRUE(center().playActionLog().empty());
@@ -56,7 +59,7 @@ TEST_F(QueueFilesTest, FirstAccessCreatesEachFileEmptyAndEveryStoreRewritesTheQu
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(documents_), {}), 3);
 }
 
-TEST_F(QueueFilesTest, AStoreAfterTheQueueIsReplacedOrFoldedWritesWhatMemoryHolds) {
+TEST_F(QueuesTest, AStoreAfterTheQueueIsReplacedOrFoldedWritesWhatMemoryHolds) {
   store("old 1");
   store("old 2");
   // A replacement of the same size must not be written from the old records.
@@ -74,7 +77,7 @@ TEST_F(QueueFilesTest, AStoreAfterTheQueueIsReplacedOrFoldedWritesWhatMemoryHold
   EXPECT_EQ(file(kPlayFile), R"([{"p_2":"3"}])");
 }
 
-TEST_F(QueueFilesTest, QueuesAndStartTimesAreReadBackAfterARestart) {
+TEST_F(QueuesTest, QueuesAndStartTimesAreReadBackAfterARestart) {
   for (const char* item : {"0", "1", "2", "3", "4"}) store(item);
   center().storePlayLog(strings({{"p_2", "x"}}));
   clock_->setWallSeconds(1700000000.5);
@@ -93,7 +96,7 @@ TEST_F(QueueFilesTest, QueuesAndStartTimesAreReadBackAfterARestart) {
   EXPECT_EQ(center().actionStartTime().size(), 2u);
 }
 
-TEST_F(QueueFilesTest, DamagedFilesReadAsEmptyAndOtherWritersFilesAreRead) {
+TEST_F(QueuesTest, DamagedFilesReadAsEmptyAndOtherWritersFilesAreRead) {
   writeFile(kActionFile, "<?xml version=\"1.0\"?><plist><array><dict><key>a");
   writeFile(kPlayFile,
             "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>"
@@ -114,13 +117,68 @@ TEST_F(QueueFilesTest, DamagedFilesReadAsEmptyAndOtherWritersFilesAreRead) {
   EXPECT_EQ(serial::toJson(Value(center().actionLog())), R"([{"a_t":"0","a_1":"x & y"}])");
 }
 
-TEST_F(QueueFilesTest, RemovingAFileSaysSoOnlyWhenThereWasOne) {
+TEST_F(QueuesTest, RemovingAFileSaysSoOnlyWhenThereWasOne) {
   QXLogHelper::removePlist(kPlayFile);
   EXPECT_TRUE(console_->lines().empty());
   center().storePlayLog(strings({{"p_2", "1"}}));
   QXLogHelper::removePlist(kPlayFile);
   EXPECT_TRUE(console_->contains("文件删除成功 = USERPlayActionStatisticalLog.plist"));
   EXPECT_FALSE(platform::fileExists(documentsPath(kPlayFile)));
+}
+
+TEST_F(QueuesTest, EachFoldCarriesOnlyTheRecordsSinceThePreviousOne) {
+  center().setCurrentPlayHeader(strings({{"a_t", "1"}, {"a_7", "m1"}}));
+  center().storePlayLog(strings({{"p_2", "p1"}}));
+  center().storePlayLog(strings({{"p_2", "p2"}}));
+  center().makePlayLog();
+  center().storePlayLog(strings({{"p_2", "p3"}}));
+  center().makePlayLog();
+  EXPECT_EQ(memory(), R"([{"a_t":"1","a_7":"m1","p":[{"p_2":"p1"},{"p_2":"p2"}]},)"
+                      R"({"a_t":"1","a_7":"m1","p":[{"p_2":"p3"}]}])");
+  // The header itself is not changed by folding.
+  EXPECT_EQ(json(*center().currentPlayHeader()), R"({"a_t":"1","a_7":"m1"})");
+  EXPECT_TRUE(center().playActionLog().empty());
+  EXPECT_FALSE(platform::fileExists(documentsPath(kPlayFile)));
+
+  // A header that already holds actions is extended.
+  Dictionary header = strings({{"a_t", "1"}});
+  header.set("p", Value(Array{Value(strings({{"p_2", "old"}}))}));
+  center().setActionLog(Array());
+  center().setCurrentPlayHeader(header);
+  center().storePlayLog(strings({{"p_2", "new"}}));
+  center().makePlayLog();
+  EXPECT_EQ(memory(), R"([{"a_t":"1","p":[{"p_2":"old"},{"p_2":"new"}]}])");
+}
+
+TEST_F(QueuesTest, TheBatchSizeDecidesWhenAStoreFolds) {
+  const struct {
+    int64_t limit;
+    bool dev;
+    std::size_t pendingAfterOne, pendingAfterTwo;
+  } cases[] = {{1, false, 0, 0}, {-1, false, 1, 2}, {50, true, 1, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.limit);
+    TearDown();
+    SetUp();
+    center().format().setLimitLogCount(c.limit);
+    center().format().setIsDev(c.dev);  // fixes the batch size at two
+    center().setCurrentPlayHeader(strings({{"a_t", "5"}}));
+    center().storePlayLog(strings({{"p_2", "p1"}}));
+    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterOne);
+    center().storePlayLog(strings({{"p_2", "p2"}}));
+    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterTwo);
+  }
+  // At batch size 1 the play record's own store folds; the store of the
+  // folded header reaches the batch size again and submits it.
+  TearDown();
+  SetUp();
+  center().format().setLimitLogCount(1);
+  center().setCurrentPlayHeader(strings({{"a_t", "5"}}));
+  center().storePlayLog(strings({{"p_2", "p1"}}));
+  EXPECT_TRUE(center().actionLog().empty());
+  ASSERT_FALSE(console_->lines().empty());
+  EXPECT_NE(console_->lines().back().find(R"("a":[{"a_t":"5","p":[{"p_2":"p1"}]}])"),
+            std::string::npos);
 }
 
 }  // namespace
