@@ -26,8 +26,11 @@ class QueuesTest : public LibraryTest {
     center().format().setLimitLogCount(1000);  // no count-triggered submission
   }
   QXLogCenter& center() { return QXLogCenter::center(); }
-  void writeFile(const char* name, const std::string& contents) {
-    std::ofstream(documentsPath(name), std::ios::binary) << contents;
+  // A file of tests/fixtures/ in place of a queue file.
+  void place(const char* fixture, const char* name) {
+    std::filesystem::copy_file(std::string(QXLOG_TEST_FIXTURES) + "/" + fixture,
+                               documentsPath(name),
+                               std::filesystem::copy_options::overwrite_existing);
   }
   // A queue file read back by libplist, as JSON; "none" when it holds no array.
   std::string file(const char* name) {
@@ -97,11 +100,9 @@ TEST_F(QueuesTest, QueuesAndStartTimesAreReadBackAfterARestart) {
 }
 
 TEST_F(QueuesTest, DamagedFilesReadAsEmptyAndOtherWritersFilesAreRead) {
-  writeFile(kActionFile, "<?xml version=\"1.0\"?><plist><array><dict><key>a");
-  writeFile(kPlayFile,
-            "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>"
-            "<string>v</string></dict></plist>");
-  writeFile(kStartFile, "\x00\x01garbage");
+  place("torn-queue.plist", kActionFile);
+  place("dictionary-root.plist", kPlayFile);
+  place("garbage.plist", kStartFile);
   EXPECT_TRUE(center().actionLog().empty());
   EXPECT_TRUE(center().playActionLog().empty());
   EXPECT_TRUE(center().actionStartTime().empty());
@@ -109,10 +110,7 @@ TEST_F(QueuesTest, DamagedFilesReadAsEmptyAndOtherWritersFilesAreRead) {
   EXPECT_EQ(file(kActionFile), R"([{"a_1":"fresh"}])");
 
   // Laid out the way other property-list tools write them.
-  writeFile(kActionFile,
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
-            "<array><dict><key>a_t</key><string>0</string><key>a_1</key>"
-            "<string>x &amp; y</string></dict></array></plist>");
+  place("other-writer-queue.plist", kActionFile);
   restart();
   EXPECT_EQ(serial::toJson(Value(center().actionLog())), R"([{"a_t":"0","a_1":"x & y"}])");
 }
