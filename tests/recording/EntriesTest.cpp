@@ -245,7 +245,7 @@ TEST(HostDictionaryTest, PutReplacesInPlaceAndOnlyJsonObjectsAreRead) {
 
 class CInterfaceTest : public LibraryTest {};
 
-TEST_F(CInterfaceTest, VersionAndNamedStringsEachUnknownNameSaidOnce) {
+TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentMode) {
   EXPECT_EQ(QXLogVersionNumber, 1.0);
   EXPECT_STREQ(reinterpret_cast<const char*>(QXLogVersionString),
                "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n");
@@ -261,6 +261,8 @@ TEST_F(CInterfaceTest, VersionAndNamedStringsEachUnknownNameSaidOnce) {
   QXLogFree(url);
   EXPECT_EQ(QXLogFormatCopyString("phone"), nullptr);  // nil
   EXPECT_EQ(QXLogFormatCopyString("no such property"), nullptr);
+  QXLogFormatSetIsDev(true);
+  EXPECT_EQ(QXLogCenter::center().format().limitLogCount(), 2);
 }
 
 }  // namespace

@@ -71,11 +71,6 @@ pid_t spawn(const std::vector<std::string>& argv, int* output) {
   return pid;
 }
 
-void stop(pid_t pid, int signal) {
-  ::kill(pid, signal);
-  ::waitpid(pid, nullptr, 0);
-}
-
 class Collector {
  public:
   Collector(std::string program, fs::path database)
@@ -91,7 +86,7 @@ class Collector {
     }
   }
   void kill() {
-    if (pid_ > 0) stop(pid_, SIGKILL);
+    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
@@ -115,15 +110,12 @@ void runHost(const std::string& host, const fs::path& documents, const std::stri
       &output);
   uint64_t number = 0;
   bool killed = false;
-  while (::read(output, &number, sizeof number) == static_cast<ssize_t>(sizeof number)) {
-    if (!onAck(number)) {
-      stop(pid, SIGKILL);
-      killed = true;
-      break;
-    }
+  while (!killed && ::read(output, &number, sizeof number) == static_cast<ssize_t>(sizeof number)) {
+    killed = !onAck(number);
   }
+  if (killed) ::kill(pid, SIGKILL);
   ::close(output);
-  if (!killed) ::waitpid(pid, nullptr, 0);
+  ::waitpid(pid, nullptr, 0);
 }
 
 struct Counts {
