@@ -37,6 +37,15 @@ class DeliveryTest : public UploadTest {
         });
   }
   void atLeastOnce() { center().setDelivery(QXLogCenter::Delivery::kAtLeastOnce); }
+  // A new process over the same files, with the same context and delivery.
+  void restartAtLeastOnce() {
+    restart();
+    format().setPushLogUrl(server_->url("/log"));
+    format().setLogEncryptionKey(kTestKey);
+    format().setPush_interval_time(Value("60000"));
+    watchDeliveries();
+    atLeastOnce();
+  }
   std::vector<std::string> allSentItems() const {
     std::vector<std::string> all;
     for (std::size_t i = 0; i < server_->requestCount(); ++i) {
@@ -132,12 +141,7 @@ TEST_F(DeliveryTest, ARefusedBatchIsTriedThreeTimesThenDroppedAlone) {
 TEST_F(DeliveryTest, ABacklogGoesOutOldestFirstInBatchesOfFiveHundred) {
   format().setLimitLogCount(100000);
   for (int i = 0; i < 1200; ++i) recordActionLog(std::to_string(i).c_str(), "");
-  restart();  // a long offline period: the backlog is on disk
-  format().setPushLogUrl(server_->url("/log"));
-  format().setLogEncryptionKey(kTestKey);
-  format().setPush_interval_time(Value("60000"));
-  watchDeliveries();
-  atLeastOnce();
+  restartAtLeastOnce();  // a long offline period: the backlog is on disk
   recordActionLog("1200", "");
   settle();
   ASSERT_EQ(server_->requestCount(), 3u);
@@ -155,11 +159,7 @@ TEST_F(DeliveryTest, WhatWasQueuedDuringAnOutageArrivesAfterARestart) {
   recordActionLog("one", "");
   recordActionLog("two", "");
   settle();
-  restart();
-  atLeastOnce();
-  format().setPushLogUrl(server_->url("/log"));
-  format().setLogEncryptionKey(kTestKey);
-  format().setPush_interval_time(Value("60000"));
+  restartAtLeastOnce();
   recordActionLog("three", "");
   settle();
   EXPECT_EQ(allSentItems(), (std::vector<std::string>{"one", "two", "three"}));

@@ -1,8 +1,9 @@
 // The collector against what the library really sends, against an independent
-// encoder, and against every kind of bad input.
-#include <arpa/inet.h>
+// encoder, and against every kind of bad input; the report and the legend;
+// and its HTTP front against clients that hold connections: the limits per
+// client address and in all, and the deadline of a whole request, with small
+// limits so that the attacks are quick. Other clients are served throughout.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,7 +13,10 @@
 #include <ctime>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogHelper.h"
@@ -20,62 +24,28 @@
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Codecs.h"
 #include "collector/decode/EnvelopeDecoder.h"
+#include "collector/http/HttpServer.h"
+#include "collector/legend/FieldLegend.h"
 #include "collector/print/Report.h"
 #include "collector/server/LocalCollector.h"
+#include "tests/support/HttpClient.h"
 #include "tests/support/UploadFixture.h"
 
 namespace qxlog {
 namespace {
 
+using namespace std::chrono_literals;
 using namespace std::string_literals;
 using collector::acceptedDayTokens;
 using collector::dayToken;
+using collector::HttpServer;
+using testing::connectFrom;
+using testing::formEncode;
+using testing::get;
+using testing::HttpReply;
 using testing::kTestKey;
-
-struct Reply {
-  int status = 0;
-  std::string head;
-  std::string body;
-};
-
-// Sends raw bytes to 127.0.0.1:port and reads the answer to the end.
-Reply roundTrip(int port, const std::string& request) {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  std::string raw;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-    raw = testing::readToEnd(fd);
-  }
-  ::close(fd);
-  const std::size_t head = raw.find("\r\n\r\n");
-  if (raw.rfind("HTTP/1.1 ", 0) != 0 || head == std::string::npos) return {};
-  return {std::atoi(raw.c_str() + 9), raw.substr(0, head), raw.substr(head + 4)};
-}
-
-std::string formEncode(const std::string& text) {
-  std::string out;
-  char escaped[4];
-  for (unsigned char c : text) {
-    std::snprintf(escaped, sizeof escaped, "%%%02X", c);
-    out += std::isalnum(c) ? std::string(1, static_cast<char>(c)) : std::string(escaped);
-  }
-  return out;
-}
-
-Reply postForm(int port, const std::string& path, const std::string& form) {
-  return roundTrip(port, "POST " + path +
-                             " HTTP/1.1\r\nHost: x\r\nContent-Type: "
-                             "application/x-www-form-urlencoded\r\nContent-Length: " +
-                             std::to_string(form.size()) + "\r\n\r\n" + form);
-}
-
-Reply get(int port, const std::string& target) {
-  return roundTrip(port, "GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n");
-}
+using testing::postForm;
+using testing::roundTrip;
 
 // log_data as the library seals it, from a plain body text.
 std::string seal(const std::string& plain, const std::string& key = kTestKey) {
@@ -91,19 +61,16 @@ std::string readAll(std::FILE* file) {
 }
 
 TEST(CollectorDayToken, AcceptsTodayAndYesterdayAcrossMonthAndYearEnds) {
+  ::setenv("TZ", "UTC0", 1);
+  ::tzset();
   EXPECT_EQ(dayToken(2024, 3, 1), *QXLogHelper::md5String("2024-03-01Rk4TqzWmLpVhNc7XsJdBfYoE"s));
-  auto at = [](int year, int month, int day, int hour) {
-    std::tm local{};
-    local.tm_year = year - 1900;
-    local.tm_mon = month - 1;
-    local.tm_mday = day;
-    local.tm_hour = hour;
-    local.tm_isdst = -1;
-    return acceptedDayTokens(std::chrono::system_clock::from_time_t(std::mktime(&local)));
+  auto at = [](std::time_t utc) {
+    return acceptedDayTokens(std::chrono::system_clock::from_time_t(utc));
   };
   using Tokens = std::vector<std::string>;
-  EXPECT_EQ(at(2024, 3, 1, 12), (Tokens{dayToken(2024, 3, 1), dayToken(2024, 2, 29)}));
-  EXPECT_EQ(at(2025, 1, 1, 0), (Tokens{dayToken(2025, 1, 1), dayToken(2024, 12, 31)}));
+  // 2024-03-01 12:00 and 2025-01-01 00:00.
+  EXPECT_EQ(at(1709294400), (Tokens{dayToken(2024, 3, 1), dayToken(2024, 2, 29)}));
+  EXPECT_EQ(at(1735689600), (Tokens{dayToken(2025, 1, 1), dayToken(2024, 12, 31)}));
 }
 
 TEST(EnvelopeDecoder, RejectsMalformedBase64BadBlocksAndAnythingButOneGzipMember) {
@@ -142,6 +109,7 @@ class CollectorTest : public testing::UploadTest {
       return std::chrono::system_clock::time_point(
           std::chrono::milliseconds(static_cast<int64_t>(clock->wallSeconds() * 1000)));
     };
+    yesterday_ = acceptedDayTokens(options.collector.clock())[1];
     options.out = out_;
     options.log = log_;
     std::string error;
@@ -169,6 +137,7 @@ class CollectorTest : public testing::UploadTest {
   }
 
   std::unique_ptr<collector::LocalCollector> collector_;
+  std::string yesterday_;  // the other token the collector accepts
   int port_ = 0;
   std::FILE* log_ = nullptr;
   std::FILE* out_ = nullptr;
@@ -238,7 +207,7 @@ TEST_F(CollectorTest, ReadsAnEnvelopeSealedByAnIndependentEncoder) {
   if (sealed.status != 0) GTEST_SKIP() << "no openssl: " << sealed.output;
   start("short");
 
-  const Reply reply = postForm(port_, "/log", logForm(sealed.output, today()));
+  const HttpReply reply = postForm(port_, "/log", logForm(sealed.output, today()));
   EXPECT_EQ(reply.status, 200) << reply.body;
   EXPECT_NE(reply.head.find("\r\nContent-Type: application/json\r\n"), std::string::npos);
   EXPECT_EQ(reply.body, "{\"operate_code\":\"200\"}\n");
@@ -256,7 +225,7 @@ TEST_F(CollectorTest, RefusesEachBadInputWithAReasonAndStoresNothing) {
     return postForm(port_, "/log", logForm(data, token));
   };
   const struct {
-    Reply reply;
+    HttpReply reply;
     int status;
     const char* reason;
   } cases[] = {
@@ -290,9 +259,7 @@ TEST_F(CollectorTest, RefusesEachBadInputWithAReasonAndStoresNothing) {
   EXPECT_EQ(static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n')), std::size(cases))
       << log;
   EXPECT_NE(log.find("413 POST /log from 127.0.0.1:"), std::string::npos) << log;
-  const std::string yesterday = acceptedDayTokens(
-      std::chrono::system_clock::from_time_t(static_cast<std::time_t>(clock_->wallSeconds())))[1];
-  EXPECT_EQ(postForm(port_, "/log", logForm(good, yesterday)).status, 200);
+  EXPECT_EQ(postForm(port_, "/log", logForm(good, yesterday_)).status, 200);
   EXPECT_EQ(collector_->store().delivered().uploads, 1);
 }
 
@@ -336,18 +303,17 @@ TEST(CollectorReport, PrintsTheHeaderOnceAndEachRecordByName) {
 // What any client may send, with the limits set small so that the attacks
 // are quick: each gets its limit's answer, a log line, and nothing stored.
 TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
-  collector_.reset();
-  start(kTestKey);  // the defaults: 16 MiB inflated, 10 000 records
+  // The default limits: 16 MiB inflated, 10 000 records.
   // 32 MiB of zeros seal into less than the body limit, and inflate past 16 MiB.
   std::string bomb = sealJson("{\"t\":{},\"a\":[\"" + std::string(32 << 20, '0') + "\"]}");
   ASSERT_LT(bomb.size(), 64u << 10);
-  Reply inflated = postForm(port_, "/log", logForm(bomb, today()));
+  HttpReply inflated = postForm(port_, "/log", logForm(bomb, today()));
   EXPECT_EQ(inflated.status, 413);
   EXPECT_NE(inflated.body.find("inflates past 16777216 bytes"), std::string::npos);
 
   std::string many = "{\"t\":{},\"a\":[{}";
   for (int i = 0; i < 10000; ++i) many += ",{}";
-  Reply flood = postForm(port_, "/log", logForm(sealJson(many + "]}"), today()));
+  HttpReply flood = postForm(port_, "/log", logForm(sealJson(many + "]}"), today()));
   EXPECT_EQ(flood.status, 413);
   EXPECT_NE(flood.body.find("more than 10000 records"), std::string::npos);
   EXPECT_TRUE(nothingStored());
@@ -363,7 +329,7 @@ TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
 TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
   std::string form = logForm(sealJson(R"({"t":{"t_2":"d"},"a":[{"a_t":"2","a_1":"x"}]})"), today());
   for (int i = 0; i < 3; ++i) {
-    Reply reply = postForm(port_, "/log", form);
+    HttpReply reply = postForm(port_, "/log", form);
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.body, "{\"operate_code\":\"200\"}\n");
   }
@@ -373,11 +339,7 @@ TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
   EXPECT_EQ(collector_->store().records().size(), 1u);
   EXPECT_NE(get(port_, "/received").body.find("\"replays\":2"), std::string::npos);
   // Another day's token makes it another upload.
-  std::string yesterday = acceptedDayTokens(collector::SystemClock([clock = clock_] {
-    return std::chrono::system_clock::time_point(
-        std::chrono::milliseconds(static_cast<int64_t>(clock->wallSeconds() * 1000)));
-  })())[1];
-  EXPECT_EQ(postForm(port_, "/log", logForm(sealJson(R"({"t":{},"a":[]})"), yesterday)).status,
+  EXPECT_EQ(postForm(port_, "/log", logForm(sealJson(R"({"t":{},"a":[]})"), yesterday_)).status,
             200);
   EXPECT_EQ(collector_->store().delivered().uploads, 2);
 }
@@ -394,6 +356,144 @@ TEST_F(CollectorTest, FieldsThatAreNotUtf8AreStoredAndPrintedAsValidUtf8) {
       << diagnoses[0];
   EXPECT_EQ(serial::validUtf8(diagnoses[0]), diagnoses[0]);
   EXPECT_EQ(collector::printable("a\nb\x01\xff"), "a\\nb\\x01\xEF\xBF\xBD");
+}
+
+// The field legend against the records the library really builds: every key
+// of every record family, of the play actions and of the header has a
+// meaning, so the legend cannot fall behind the builders unnoticed.
+using collector::LegendTable;
+
+class LegendTest : public testing::LibraryTest {};
+
+void expectEveryKeyExplained(LegendTable table, const Dictionary& record) {
+  for (const auto& [key, value] : record) {
+    EXPECT_FALSE(collector::meaningOf(table, key).empty())
+        << "no meaning for " << key << " in table " << static_cast<int>(table);
+  }
+}
+
+TEST_F(LegendTest, EveryKeyOfEveryRecordFamilyHasAMeaning) {
+  QXLogCenter& center = QXLogCenter::center();
+  center.format().setLimitLogCount(1000);
+  logEnvReady(true);
+  recordLaunchLogWithPushId("cold", "push-1");
+  recordActionLog("home.open", "3");
+  recordNetworkLog("http://127.0.0.1/api", 120, "500");
+  QXLogCenterSaveActionStartTime("m1");
+  recordDownLog("m1", "http://127.0.0.1/m1.mp4", "film", "10", "/data/m1", "1");
+  recordMoviePlayLog("m1", "http://127.0.0.1/m1.m3u8", "home", false, nullptr);
+  recordPlayActionLog("5", "1", "1000", "2000", "0", "10", "1000");
+  center.makePlayLog();
+
+  const std::vector<LegendTable> expected = {LegendTable::kLaunch, LegendTable::kAction,
+                                             LegendTable::kNetwork, LegendTable::kDownload,
+                                             LegendTable::kPlay};
+  Array records = center.actionLog();
+  ASSERT_EQ(records.size(), expected.size());
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const Dictionary& record = *records[i].asDictionary();
+    EXPECT_EQ(collector::legendTableOf(record), expected[i]) << i;
+    expectEveryKeyExplained(expected[i], record);
+  }
+  const Value* actions = records.back().asDictionary()->find("p");
+  ASSERT_TRUE(actions != nullptr && actions->asArray() != nullptr);
+  expectEveryKeyExplained(LegendTable::kPlayAction, *(*actions->asArray())[0].asDictionary());
+  expectEveryKeyExplained(LegendTable::kHeader, center.format().publicLog());
+}
+
+TEST(LegendTextTest, ExplainsValuesBesideTheirMeaningAndListsEveryTable) {
+  Dictionary download = testing::strings({{"a_t", "3"}, {"a_13", "2048.00"}, {"zz", "odd"}});
+  EXPECT_EQ(collector::explainRecord(download, "  "),
+            "  a_t   3   # record type: 3 download\n"
+            "  a_13  2048.00   # average rate since the start, KB/s\n"
+            "  zz    odd\n");
+  std::string legend = collector::legendText();
+  for (const char* title : {"header", "launch record", "action record", "network record",
+                            "download record", "play header", "play action"}) {
+    EXPECT_NE(legend.find(title), std::string::npos) << title;
+  }
+}
+
+// The status of the answer to a whole GET sent from `from`, 0 for none.
+int statusOf(const char* from, int port) {
+  return roundTrip(port, "GET /ping HTTP/1.1\r\nHost: x\r\n\r\n", from).status;
+}
+// The status once the server has counted the connections opened before: it
+// counts them on its own thread, so asked again until `expected` or a second.
+int countedStatusOf(const char* from, int port, int expected) {
+  int status = statusOf(from, port);
+  for (int i = 0; i < 100 && status != expected; ++i) {
+    std::this_thread::sleep_for(10ms);
+    status = statusOf(from, port);
+  }
+  return status;
+}
+
+class HttpServerTest : public ::testing::Test {
+ protected:
+  void start(HttpServer::Options options) {
+    options.refused = [this](const collector::HttpServerRequest&, int status, const std::string&) {
+      std::lock_guard lock(mutex_);
+      refusals_.push_back(status);
+    };
+    server_ = std::make_unique<HttpServer>(options, [](const collector::HttpServerRequest&) {
+      return collector::HttpServerAnswer{200, "text/plain", "pong\n"};
+    });
+    ASSERT_TRUE(server_->start()) << server_->error();
+  }
+  std::vector<int> refusals() {
+    std::lock_guard lock(mutex_);
+    return refusals_;
+  }
+  std::unique_ptr<HttpServer> server_;
+  std::mutex mutex_;
+  std::vector<int> refusals_;
+};
+
+TEST_F(HttpServerTest, ConnectionsOverALimitAreAnswered503WhileOthersAreServed) {
+  HttpServer::Options options;
+  options.maxConnectionsPerClient = 2;
+  options.maxConnections = 4;
+  start(options);
+  int port = server_->port();
+  std::vector<int> held = {connectFrom("127.0.0.1", port), connectFrom("127.0.0.1", port)};
+  EXPECT_EQ(countedStatusOf("127.0.0.1", port, 503), 503);  // a third from the same address
+  EXPECT_EQ(statusOf("127.0.0.2", port), 200);              // another address is served
+  held.push_back(connectFrom("127.0.0.3", port));
+  held.push_back(connectFrom("127.0.0.4", port));
+  EXPECT_EQ(countedStatusOf("127.0.0.5", port, 503), 503);  // four open in all
+  // A connection over the limit that sends nothing is closed after its grace,
+  // so that it holds no place.
+  int idle = connectFrom("127.0.0.1", port);
+  std::string closed = testing::readToEnd(idle);
+  ::close(idle);
+  EXPECT_EQ(closed, "");
+  for (int fd : held) ::close(fd);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(statusOf("127.0.0.1", port), 200);  // served again once they are gone
+  EXPECT_EQ(refusals(), (std::vector<int>{503, 503, 503}));
+}
+
+TEST_F(HttpServerTest, ARequestThatTricklesPastTheDeadlineIsCutOff) {
+  HttpServer::Options options;
+  options.requestDeadline = 300ms;
+  start(options);
+  int fd = connectFrom("127.0.0.1", server_->port());
+  ASSERT_GE(fd, 0);
+  // One byte of headers every 50 ms keeps a per-read timeout from ever firing.
+  const auto started = std::chrono::steady_clock::now();
+  bool cut = false;
+  while (!cut && std::chrono::steady_clock::now() - started < 3s) {
+    cut = ::send(fd, "X", 1, MSG_NOSIGNAL) != 1;
+    char byte;
+    cut = cut || ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+    std::this_thread::sleep_for(50ms);
+  }
+  ::close(fd);
+  EXPECT_TRUE(cut);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 1500ms);
+  EXPECT_EQ(refusals(), std::vector<int>{408});
+  EXPECT_EQ(statusOf("127.0.0.1", server_->port()), 200);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/serial/Json.h"
 #include "collector/server/LocalCollector.h"
+#include "tests/support/HttpClient.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
@@ -34,10 +35,8 @@ TEST_F(ToolsTest, DecodeReadsAnEnvelopeTheLibraryBuilt) {
   Finished compact = run(decode + "--compact '" + logData + "'");
   EXPECT_EQ(compact.status, 0) << compact.output;
   EXPECT_EQ(compact.output, plain + "\n");
-  // A whole form body on standard input, "+", "/" and "=" percent-encoded.
-  std::string form = "token=x&log_data=";
-  for (char c : logData)
-    form += c == '+' ? "%2B"s : c == '/' ? "%2F"s : c == '=' ? "%3D"s : std::string(1, c);
+  // A whole form body on standard input.
+  const std::string form = "token=x&log_data=" + formEncode(logData);
   EXPECT_EQ(run("printf %s '" + form + "' | " + decode + "--compact").output, plain + "\n");
   Finished pretty = run(decode + "'" + logData + "'");
   EXPECT_NE(pretty.output.find("\n  \"t\": {\n"), std::string::npos) << pretty.output;
@@ -142,7 +141,7 @@ TEST_F(ToolsTest, EverythingTheDemoReportsArrivesInTheDatabase) {
   EXPECT_EQ(delivered.diagnoses, 1);
 }
 
-TEST_F(ToolsTest, TheExampleCHostReportsToACollector) {
+TEST_F(ToolsTest, TheExampleCHostReportsToACollectorAndTracesUnlessTheConsoleIsOff) {
   collector::LocalCollectorOptions options;
   options.database = documentsPath("collector.db");
   options.collector.key = "demo-key-0123456";
@@ -150,11 +149,16 @@ TEST_F(ToolsTest, TheExampleCHostReportsToACollector) {
   std::string error;
   auto collector = collector::LocalCollector::start(options, error);
   ASSERT_TRUE(collector) << error;
-  Finished host = run(std::string(QXLOG_TEST_EXAMPLE_C_HOST) + " '" + documentsPath("Documents") +
-                      "' " + collector->baseUrl());
-  EXPECT_EQ(host.status, 0) << host.output;
+  const std::string host = std::string(QXLOG_TEST_EXAMPLE_C_HOST) + " '" + documentsPath("");
+  Finished loud = run(host + "loud' " + collector->baseUrl());
+  EXPECT_EQ(loud.status, 0) << loud.output;
+  EXPECT_NE(loud.output.find("] Ostra->LogContent:"), std::string::npos) << loud.output;
   EXPECT_EQ(collector->store().delivered("c-host-device").records,
             (std::map<std::string, int64_t>{{"0", 1}, {"2", 1}}));
+  // The console off by the environment.
+  Finished quiet = run("QXLOG_CONSOLE=off " + host + "quiet'");
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.output, "");
 }
 
 }  // namespace

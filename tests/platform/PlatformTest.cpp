@@ -1,44 +1,44 @@
-// Platform edge cases that no test of the library reaches.
+// Platform edge cases that no test of the library reaches, and serving the
+// main queue from a host's event loop: the descriptor that is readable
+// exactly when a task is due, the host's own scheduler through the C
+// interface, a GLib host run for real, and the console's routing.
 #include <gtest/gtest.h>
+#include <poll.h>
 
+#include <chrono>
+#include <filesystem>
 #include <future>
 #include <limits>
 #include <vector>
 
+#include "QXLog/QXLog.h"
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/platform/Console.h"
 #include "QXLog/platform/GlobalQueue.h"
 #include "QXLog/platform/MainQueue.h"
 #include "QXLog/serial/Json.h"
-#include "QXLog/serial/PropertyList.h"
 #include "QXLog/serial/Text.h"
 #include "tests/support/TestPlatform.h"
+#include "tests/support/TestServer.h"
 
 namespace qxlog::platform {
 namespace {
 
 using namespace qxlog::serial;  // the serialisers are tested here too
 
+using namespace std::chrono_literals;
 using std::chrono::seconds;
+using Steady = std::chrono::steady_clock;
 const std::string kReplacement = "\xEF\xBF\xBD";
 
-TEST(TextTest, IntegersSaturateAndNonFiniteNumbersReadLowerCase) {
+TEST(TextTest, IntegersSaturateNonFiniteNumbersReadLowerCaseCodePointsEndAtU10FFFF) {
   EXPECT_EQ(longLongValue("99999999999999999999"), std::numeric_limits<int64_t>::max());
   EXPECT_EQ(longLongValue("-99999999999999999999"), std::numeric_limits<int64_t>::min());
   EXPECT_EQ(intValue("-2147483649"), std::numeric_limits<int32_t>::min());
   volatile double zero = 0.0;
   EXPECT_EQ(formatFixed(zero / zero, 2), "nan");  // a negative NaN on x86
   EXPECT_EQ(formatFixed(-1.0 / zero, 2), "-inf");
-}
-
-TEST(TextTest, InvalidUtf8IsReplacedByteByByte) {
-  EXPECT_EQ(validUtf8("\xE4\xB8\xAD\xF0\x9F\x98\x80"), "\xE4\xB8\xAD\xF0\x9F\x98\x80");
-  EXPECT_EQ(validUtf8("\xC0\xAF"), kReplacement + kReplacement);         // overlong
-  EXPECT_EQ(validUtf8("x\xE4\xB8"), "x" + kReplacement + kReplacement);  // truncated
-  EXPECT_EQ(validUtf8("\xF4\x90\x80\x80").substr(0, 3), kReplacement);   // past U+10FFFF
-}
-
-TEST(JsonTest, NestingIsLimited) {
-  EXPECT_FALSE(parseJson(std::string(10000, '[') + std::string(10000, ']')));
-  EXPECT_TRUE(parseJson(std::string(100, '[') + std::string(100, ']')));
+  EXPECT_EQ(validUtf8("\xF4\x90\x80\x80").substr(0, 3), kReplacement);  // past U+10FFFF
 }
 
 TEST(JsonTest, AppendsAfterWhatTheStringHoldsAcrossGrowthSteps) {
@@ -50,19 +50,6 @@ TEST(JsonTest, AppendsAfterWhatTheStringHoldsAcrossGrowthSteps) {
              Value(Array{Value(text), Value(int64_t{-9223372036854775807 - 1}), Value(1e300)}));
   EXPECT_EQ(out,
             "prefix:[\"" + std::string(10000, 'x') + "\\\"\\u0001\",-9223372036854775808,1e+300]");
-}
-
-TEST(PropertyListTest, XmlSpecialsSurviveControlsAreReplacedAndDamageReadsAsNothing) {
-  for (const char* text : {"<tag>", "a & b", "]]>", "lone\rCR", "crlf\r\n", "&amp; literal"}) {
-    Value value(Array{Value(makeStringDictionary({{"k<&>", text}}))});
-    EXPECT_EQ(parsePropertyList(toXmlPropertyList(value)), value) << text;
-  }
-  EXPECT_EQ(parsePropertyList(toXmlPropertyList(Value(Array{Value("a\x01")}))),
-            Value(Array{Value("a" + kReplacement)}));
-  std::string torn = toXmlPropertyList(Value(Array{Value("x"), Value("y")}));
-  torn.resize(torn.size() / 2);
-  EXPECT_FALSE(parsePropertyList(torn));
-  EXPECT_FALSE(parsePropertyList("not a plist at all"));
 }
 
 TEST(MainQueueTest, DrainRunsOnlyWhatIsDueInDueOrder) {
@@ -96,6 +83,96 @@ TEST(GlobalQueueTest, RunsTasksConcurrently) {
   EXPECT_EQ(done1.get_future().wait_for(seconds(10)), std::future_status::ready);
   EXPECT_EQ(done2.get_future().wait_for(seconds(10)), std::future_status::ready);
 }
+
+bool readableWithin(int fd, std::chrono::milliseconds wait) {
+  pollfd watched{fd, POLLIN, 0};
+  return ::poll(&watched, 1, static_cast<int>(wait.count())) == 1;
+}
+
+// Real clock, real descriptor: short delays only.
+TEST(MainQueueDescriptorTest, IsReadableExactlyWhenATaskIsDueAndDrainRearmsIt) {
+  platform::MainQueue queue;
+  int fd = queue.fileDescriptor();
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(queue.fileDescriptor(), fd);
+  EXPECT_FALSE(readableWithin(fd, 0ms));  // nothing scheduled
+
+  int ran = 0;
+  queue.async([&] { ++ran; });
+  EXPECT_TRUE(readableWithin(fd, 0ms));
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_FALSE(readableWithin(fd, 0ms));
+
+  // A later task first, then an earlier one: the earlier one re-arms it.
+  queue.post([&] { ++ran; }, 2s);
+  Steady::time_point posted = Steady::now();
+  queue.post([&] { ++ran; }, 30ms);
+  EXPECT_FALSE(readableWithin(fd, 10ms));
+  ASSERT_TRUE(readableWithin(fd, 1000ms));
+  EXPECT_GE(Steady::now() - posted, 30ms);
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_FALSE(readableWithin(fd, 0ms));  // armed again, for the 2 s task
+  EXPECT_EQ(ran, 2);
+  EXPECT_EQ(queue.pending(), 1u);
+}
+
+std::vector<uint64_t> g_delays;
+std::vector<std::pair<void (*)(void*), void*>> g_posted;
+void hostPost(void (*task)(void*), void* taskContext, uint64_t delayNanos, void* context) {
+  ++*static_cast<int*>(context);
+  g_delays.push_back(delayNanos);
+  g_posted.emplace_back(task, taskContext);
+}
+
+class EventLoopTest : public testing::LibraryTest {};
+
+TEST_F(EventLoopTest, TheHostsSchedulerRunsDeferredReportsWhenItSays) {
+  int posts = 0;
+  QXLogSetMainQueueExecutor(hostPost, &posts);
+  QXLogCenter::center().format().setLimitLogCount(100);
+  recordActionLog("deferred", "");  // not ready: retried in 5 s on the main queue
+  ASSERT_EQ(posts, 1);
+  EXPECT_EQ(g_delays[0], 5000000000u);
+  logEnvReady(true);
+  g_posted[0].first(g_posted[0].second);
+  EXPECT_EQ(testing::items(QXLogCenter::center().actionLog()),
+            std::vector<std::string>{"deferred"});
+  QXLogSetMainQueueExecutor(nullptr, nullptr);
+  logEnvReady(false);
+  recordActionLog("later", "");
+  EXPECT_EQ(posts, 1);  // back on the built-in queue
+}
+
+TEST(ConsoleRoutingTest, EnvironmentChoosesStderrSyslogOrNothing) {
+  EXPECT_EQ(platform::consoleDestinationFromEnvironment(nullptr), ConsoleDestination::kStderr);
+  EXPECT_EQ(platform::consoleDestinationFromEnvironment("bogus"), ConsoleDestination::kStderr);
+  EXPECT_EQ(platform::consoleDestinationFromEnvironment("syslog"), ConsoleDestination::kSyslog);
+  EXPECT_EQ(platform::consoleDestinationFromEnvironment("off"), ConsoleDestination::kOff);
+  // A process's trace lines with and without the variable: ToolsTest.
+}
+
+#ifdef QXLOG_TEST_GLIB_HOST
+TEST(GlibHostTest, AGlibLoopServesTheMainQueueThroughItsDescriptorWithoutPolling) {
+  testing::TestServer server;
+  char pattern[] = "/tmp/qxlog-glib-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  testing::Finished host =
+      testing::run(std::string(QXLOG_TEST_GLIB_HOST) + " " + server.url("") + " " + pattern);
+  EXPECT_EQ(host.status, 0) << host.output;
+  // Each of the two uploads wakes the loop for its answer, and the answer for
+  // the delivery report; a loop that polled would wake far more often.
+  int confirmed = 0, milliseconds = 0, wakeups = 0;
+  std::size_t at = host.output.rfind("\nconfirmed ");
+  ASSERT_NE(at, std::string::npos) << host.output;
+  ASSERT_EQ(std::sscanf(host.output.c_str() + at, "\nconfirmed %d records in %d ms, %d wake-ups",
+                        &confirmed, &milliseconds, &wakeups),
+            3);
+  EXPECT_EQ(confirmed, 3);
+  EXPECT_LE(wakeups, 8);
+  EXPECT_EQ(server.requestCount(), 2u);
+  std::filesystem::remove_all(pattern);
+}
+#endif
 
 }  // namespace
 }  // namespace qxlog::platform

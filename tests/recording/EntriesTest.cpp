@@ -1,5 +1,7 @@
-// The exported reporting functions: from the host's call, through the gate, to
-// the record in its queue.
+// The exported functions: from the host's call, through the gate, to the
+// record in its queue; and the C interface's own values (the host dictionary,
+// the version, the format's named strings). The C11 build against the public
+// header is the example C host, which ToolsTest runs.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -135,6 +137,132 @@ TEST_F(EntriesTest, DiagnosesBypassTheQueues) {
   recordDiagnosLog(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
   EXPECT_FALSE(readQueueFile("UserStatisticalLog.plist").has_value());
   EXPECT_FALSE(readQueueFile("USERPlayActionStatisticalLog.plist").has_value());
+}
+
+using std::chrono::seconds;
+
+class GateTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    QXLogCenter::center().format().setLimitLogCount(1000);  // keep records queued
+  }
+  Array queue() { return QXLogCenter::center().actionLog(); }
+  std::vector<std::string> queued() { return items(queue()); }
+};
+
+TEST_F(GateTest, ReportWaitsUntilTheFirstRetryAfterReadiness) {
+  recordActionLog("tap", "3");
+  EXPECT_EQ(dispatcher_->pending(), 1u);
+  dispatcher_->advance(seconds(5));  // first retry: still not ready
+  EXPECT_EQ(dispatcher_->pending(), 1u);
+  dispatcher_->advance(seconds(2));
+  logEnvReady(true);                 // at 7 s
+  dispatcher_->advance(seconds(2));  // 9 s
+  EXPECT_TRUE(queue().empty());
+  dispatcher_->advance(seconds(1));  // 10 s: the second retry runs the body
+  EXPECT_EQ(dispatcher_->pending(), 0u);
+  // The record carries the time at which it was built, not that of the call.
+  ASSERT_EQ(queue().size(), 1u);
+  EXPECT_EQ(json(*queue()[0].asDictionary()),
+            R"({"a_t":"2","a_0":"1700000010000","a_1":"tap","a_2":"1700000010000",)"
+            R"("a_3":"1700000010000","a_4":"0","a_5":"3"})");
+}
+
+TEST_F(GateTest, ReadyRunsAtOnceNotReadyAgainDefersAndTicksKeepTheirOrder) {
+  logEnvReady(true);
+  logEnvReady(true);  // idempotent
+  recordActionLog("first", nullptr);
+  EXPECT_EQ(queued(), std::vector<std::string>{"first"});
+  EXPECT_EQ(dispatcher_->pending(), 0u);
+  logEnvReady(false);
+  recordActionLog("early", "");
+  dispatcher_->advance(seconds(3));
+  char buffer[] = "late";
+  recordActionLog(buffer, buffer);
+  buffer[0] = 'X';  // deferred calls keep copies of their arguments
+  dispatcher_->advance(seconds(60));
+  EXPECT_EQ(dispatcher_->pending(), 2u);  // still retrying, one task per report
+  logEnvReady(true);
+  recordActionLog("ready", "");  // overtakes both deferred reports
+  dispatcher_->advance(seconds(10));
+  EXPECT_EQ(queued(), (std::vector<std::string>{"first", "ready", "early", "late"}));
+}
+
+TEST_F(GateTest, ReportsWithoutTheirKeyAreDroppedBeforeTheGate) {
+  for (bool ready : {false, true}) {
+    logEnvReady(ready);
+    recordNetworkLog(nullptr, 5, "e");
+    recordNetworkLog("", 5, "e");
+    recordDownLog("m1", nullptr, "name", "10", "/p", "1");
+    recordDownLog("m1", "", "name", "10", "/p", "1");
+    EXPECT_EQ(dispatcher_->pending(), 0u);
+    EXPECT_TRUE(queue().empty());
+  }
+  logEnvReady(false);
+  recordNetworkLog(" ", -5, "e");                // a blank is a value
+  recordDownLog("", "ftp://x", "", "", "", "");  // only the URL is tested
+  EXPECT_EQ(dispatcher_->pending(), 2u);
+  logEnvReady(true);
+  dispatcher_->advance(seconds(5));
+  ASSERT_EQ(queue().size(), 2u);
+  EXPECT_EQ(json(*queue()[0].asDictionary()),
+            R"({"a_t":"7","a_0":"1700000005000","a_1":"-5","a_2":"e","a_3":" "})");
+  EXPECT_EQ(field(queue()[1], "a_t"), "3");
+}
+
+TEST_F(GateTest, CurrentTimeTruncatesToTheMillisecond) {
+  for (auto [wall, text] :
+       {std::pair{1700000000.9999, "1700000000999"}, std::pair{1700000000.1239, "1700000000123"}}) {
+    clock_->setWallSeconds(wall);
+    char* now = currentTime();
+    EXPECT_STREQ(now, text);
+    QXLogFree(now);
+  }
+}
+
+std::string hostJson(const QXLogDictionary* dictionary) {
+  char* text = QXLogDictionaryCopyJSON(dictionary);
+  std::string copy = text != nullptr ? text : "<null>";
+  QXLogFree(text);
+  return copy;
+}
+
+TEST(HostDictionaryTest, PutReplacesInPlaceAndOnlyJsonObjectsAreRead) {
+  QXLogDictionary* dictionary = QXLogDictionaryCreateWithJSON(R"({"a":"1","n":5,"d":{"k":[]}})");
+  ASSERT_NE(dictionary, nullptr);
+  put(dictionary, "a", "2");
+  put(dictionary, nullptr, "ignored");
+  put(dictionary, "b", nullptr);
+  put(dictionary, "q", "\"quoted\"");
+  put(nullptr, "a", "no crash");
+  EXPECT_EQ(hostJson(dictionary), R"({"a":"2","n":5,"d":{"k":[]},"b":"","q":"\"quoted\""})");
+  QXLogDictionaryRelease(dictionary);
+  EXPECT_EQ(QXLogDictionaryCreateWithJSON("[1,2]"), nullptr);
+  EXPECT_EQ(QXLogDictionaryCreateWithJSON("{broken"), nullptr);
+  EXPECT_EQ(hostJson(nullptr), "<null>");
+}
+
+class CInterfaceTest : public LibraryTest {};
+
+TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentMode) {
+  EXPECT_EQ(QXLogVersionNumber, 1.0);
+  EXPECT_STREQ(reinterpret_cast<const char*>(QXLogVersionString),
+               "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n");
+  QXLogFormatSetString("pushLogUrl", "http://127.0.0.1:1/log");
+  QXLogFormatSetString("pushlogurl", "x");
+  QXLogFormatSetString("pushlogurl", "y");
+  QXLogFormatSetString("uidd", "z");
+  EXPECT_EQ(console_->lines(),
+            (std::vector<std::string>{"QXLog: unknown property \"pushlogurl\" ignored",
+                                      "QXLog: unknown property \"uidd\" ignored"}));
+  char* url = QXLogFormatCopyString("pushLogUrl");
+  EXPECT_STREQ(url, "http://127.0.0.1:1/log");
+  QXLogFree(url);
+  EXPECT_EQ(QXLogFormatCopyString("phone"), nullptr);  // nil
+  EXPECT_EQ(QXLogFormatCopyString("no such property"), nullptr);
+  QXLogFormatSetIsDev(true);
+  EXPECT_EQ(QXLogCenter::center().format().limitLogCount(), 2);
 }
 
 }  // namespace

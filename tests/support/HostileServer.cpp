@@ -72,21 +72,15 @@ void HostileServer::serve() {
 bool HostileServer::readRequest(int connection) {
   std::string received;
   char buffer[4096];
-  std::size_t headerEnd = std::string::npos;
-  std::size_t bodyLength = 0;
   for (;;) {
-    if (headerEnd == std::string::npos) {
-      headerEnd = received.find("\r\n\r\n");
-      if (headerEnd != std::string::npos) {
-        headerEnd += 4;
-        std::string head = received.substr(0, headerEnd);
-        for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        if (std::size_t at = head.find("content-length:"); at != std::string::npos) {
-          bodyLength = std::strtoull(head.c_str() + at + 15, nullptr, 10);
-        }
-      }
+    std::string head = received.substr(0, received.find("\r\n\r\n"));
+    if (head.size() < received.size()) {  // the head is whole: then the body's length
+      for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      const std::size_t at = head.find("content-length:");
+      const std::size_t body =
+          at == std::string::npos ? 0 : std::strtoull(&head[at + 15], nullptr, 10);
+      if (received.size() >= head.size() + 4 + body) return true;
     }
-    if (headerEnd != std::string::npos && received.size() >= headerEnd + bodyLength) return true;
     if (!waitFor(connection, POLLIN, stopping_)) return false;
     ssize_t got = ::recv(connection, buffer, sizeof buffer, 0);
     if (got <= 0) return false;

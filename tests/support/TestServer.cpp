@@ -19,15 +19,11 @@ std::string ReceivedRequest::header(const std::string& name) const {
 
 TestServer::TestServer() {
   auto handle = [this](const collector::HttpServerRequest& request) {
-    ScriptedAnswer answer;
-    {
-      std::lock_guard lock(mutex_);
-      requests_.push_back({request.method, request.path, request.query, request.headers,
-                           request.body, request.params});
-      answer = script_.empty() ? fallback_ : script_.front();
-      if (!script_.empty()) script_.pop_front();
-    }
-    arrived_.notify_all();
+    std::lock_guard lock(mutex_);
+    requests_.push_back(
+        {request.method, request.path, request.query, request.headers, request.params});
+    ScriptedAnswer answer = script_.empty() ? fallback_ : script_.front();
+    if (!script_.empty()) script_.pop_front();
     return collector::HttpServerAnswer{answer.status, answer.contentType, answer.body};
   };
   server_ = std::make_unique<collector::HttpServer>(collector::HttpServer::Options(), handle);
@@ -60,12 +56,6 @@ std::vector<ReceivedRequest> TestServer::requests() const {
 std::size_t TestServer::requestCount() const {
   std::lock_guard lock(mutex_);
   return requests_.size();
-}
-
-bool TestServer::waitForRequests(std::size_t count) const {
-  std::unique_lock lock(mutex_);
-  return arrived_.wait_for(lock, std::chrono::seconds(10),
-                           [&] { return requests_.size() >= count; });
 }
 
 std::string refusedUrl(const std::string& path) {

@@ -3,8 +3,6 @@
 #ifndef QXLOG_TESTS_SUPPORT_TESTSERVER_H_
 #define QXLOG_TESTS_SUPPORT_TESTSERVER_H_
 
-#include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
@@ -21,9 +19,8 @@ namespace qxlog::testing {
 struct ReceivedRequest {
   std::string method;
   std::string path;
-  std::string query;                           // the raw query string
-  std::map<std::string, std::string> headers;  // names in lower case
-  std::string body;
+  std::string query;                               // the raw query string
+  std::map<std::string, std::string> headers;      // names in lower case
   std::multimap<std::string, std::string> params;  // query and form fields, decoded
 
   std::string param(const std::string& name) const;
@@ -51,13 +48,10 @@ class TestServer {
   void setFallback(ScriptedAnswer answer);
   std::vector<ReceivedRequest> requests() const;
   std::size_t requestCount() const;
-  // Waits (briefly, in real time) until `count` requests have arrived.
-  bool waitForRequests(std::size_t count) const;
 
  private:
   std::unique_ptr<collector::HttpServer> server_;
   mutable std::mutex mutex_;
-  mutable std::condition_variable arrived_;
   std::deque<ScriptedAnswer> script_;
   ScriptedAnswer fallback_;
   std::vector<ReceivedRequest> requests_;

@@ -32,27 +32,20 @@ namespace {
 namespace fs = std::filesystem;
 constexpr const char* kKey = "0123456789abcdef";
 
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
-bool accepts(int port) {
+// Binds to 127.0.0.1:port (0: any free port) and returns the port bound, or
+// with `connect` connects there and returns 0 when nothing listens.
+int loopback(int port, bool connect) {
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  bool ok = connect ? ::connect(fd, raw, length) == 0
+                    : ::bind(fd, raw, length) == 0 && ::getsockname(fd, raw, &length) == 0;
   ::close(fd);
-  return connected;
+  return ok ? ntohs(address.sin_port) : 0;
 }
 
 // Starts `argv` with standard output on a pipe (when `output` is given) and
@@ -78,27 +71,22 @@ pid_t spawn(const std::vector<std::string>& argv, int* output) {
   return pid;
 }
 
-void stop(pid_t pid, int signal) {
-  ::kill(pid, signal);
-  ::waitpid(pid, nullptr, 0);
-}
-
 class Collector {
  public:
   Collector(std::string program, fs::path database)
-      : program_(std::move(program)), database_(std::move(database)), port_(freePort()) {}
+      : program_(std::move(program)), database_(std::move(database)), port_(loopback(0, false)) {}
   ~Collector() { kill(); }
   void start() {
     pid_ = spawn({program_, "--listen", "127.0.0.1:" + std::to_string(port_), "--key", kKey, "--db",
                   database_.string(), "--push-interval-time", "1000", "--push-interval-number",
                   "20", "--quiet"},
                  nullptr);
-    for (int i = 0; i < 500 && !accepts(port_); ++i) {
+    for (int i = 0; i < 500 && loopback(port_, true) == 0; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
   void kill() {
-    if (pid_ > 0) stop(pid_, SIGKILL);
+    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
@@ -122,24 +110,21 @@ void runHost(const std::string& host, const fs::path& documents, const std::stri
       &output);
   uint64_t number = 0;
   bool killed = false;
-  while (::read(output, &number, sizeof number) == static_cast<ssize_t>(sizeof number)) {
-    if (!onAck(number)) {
-      stop(pid, SIGKILL);
-      killed = true;
-      break;
-    }
+  while (!killed && ::read(output, &number, sizeof number) == static_cast<ssize_t>(sizeof number)) {
+    killed = !onAck(number);
   }
+  if (killed) ::kill(pid, SIGKILL);
   ::close(output);
-  if (!killed) ::waitpid(pid, nullptr, 0);
+  ::waitpid(pid, nullptr, 0);
 }
 
 struct Counts {
   std::size_t reported = 0, delivered = 0, lost = 0, duplicated = 0;
 };
 
-// The action names the collector stored, each with how often.
-std::map<uint64_t, std::size_t> stored(const fs::path& database) {
-  std::map<uint64_t, std::size_t> names;
+// The reported numbers against the action names the collector stored.
+Counts count(const std::set<uint64_t>& reported, const fs::path& database) {
+  std::map<uint64_t, std::size_t> names;  // each with how often it was stored
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
     sqlite3_stmt* query = nullptr;
@@ -152,13 +137,9 @@ std::map<uint64_t, std::size_t> stored(const fs::path& database) {
     sqlite3_finalize(query);
   }
   sqlite3_close(db);
-  return names;
-}
-
-Counts count(const std::set<uint64_t>& reported, const fs::path& database) {
   Counts counts;
   counts.reported = reported.size();
-  for (const auto& [number, times] : stored(database)) {
+  for (const auto& [number, times] : names) {
     if (reported.count(number) != 0) ++counts.delivered;
     counts.duplicated += times - 1;
   }

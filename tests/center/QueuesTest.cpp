@@ -1,0 +1,182 @@
+// The queues in memory and in their files: each store rewrites the file,
+// play records fold under their header, and a restart reads everything back.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/serial/Json.h"
+#include "tests/support/TestPlatform.h"
+
+namespace qxlog::testing {
+namespace {
+
+constexpr const char* kActionFile = "UserStatisticalLog.plist";
+constexpr const char* kPlayFile = "USERPlayActionStatisticalLog.plist";
+constexpr const char* kStartFile = "USERMovieStartTimeLog.plist";
+
+class QueuesTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    center().format().setLimitLogCount(1000);  // no count-triggered submission
+  }
+  QXLogCenter& center() { return QXLogCenter::center(); }
+  // A file of tests/fixtures/ in place of a queue file.
+  void place(const char* fixture, const char* name) {
+    std::filesystem::copy_file(std::string(QXLOG_TEST_FIXTURES) + "/" + fixture,
+                               documentsPath(name),
+                               std::filesystem::copy_options::overwrite_existing);
+  }
+  // A queue file read back by libplist, as JSON; "none" when it holds no array.
+  std::string file(const char* name) {
+    std::optional<Array> queue = readQueueFile(name);
+    return queue ? serial::toJson(Value(*queue)) : "none";
+  }
+  std::string memory() { return serial::toJson(Value(center().actionLog())); }
+  void store(const char* item) { center().storeActionLog(strings({{"a_1", item}})); }
+};
+
+TEST_F(QueuesTest, FirstAccessCreatesEachFileEmptyAndEveryStoreRewritesTheQueue) {
+  EXPECT_FALSE(files_->exists(documentsPath(kActionFile)));
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_TRUE(center().playActionLog().empty());
+  EXPECT_TRUE(center().actionStartTime().empty());
+  for (const char* name : {kActionFile, kPlayFile, kStartFile}) {
+    EXPECT_EQ(std::filesystem::file_size(documentsPath(name)), 0u) << name;
+  }
+  // Read back by libplist, XML specials, line ends and nesting included.
+  center().storeActionLog(strings({{"a_t", "2"}, {"a_1", "<&>]]>\r"}}));
+  EXPECT_EQ(file(kActionFile), R"([{"a_t":"2","a_1":"<&>]]>\r"}])");
+  Dictionary folded = strings({{"a_t", "1"}});
+  folded.set("p", Value(Array{Value(strings({{"p_2", "4"}}))}));
+  center().storeActionLog(folded);
+  center().storePlayLog(strings({{"p_2", "4"}}));
+  EXPECT_EQ(file(kActionFile), R"([{"a_t":"2","a_1":"<&>]]>\r"},{"a_t":"1","p":[{"p_2":"4"}]}])");
+  EXPECT_EQ(file(kPlayFile), R"([{"p_2":"4"}])");
+  // No temporary file is left beside the queue files.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(documents_), {}), 3);
+}
+
+TEST_F(QueuesTest, AStoreAfterTheQueueIsReplacedOrFoldedWritesWhatMemoryHolds) {
+  store("old 1");
+  store("old 2");
+  // A replacement of the same size must not be written from the old records.
+  center().setActionLog(
+      Array{Value(strings({{"a_1", "new 1"}})), Value(strings({{"a_1", "new 2"}}))});
+  store("new 3");
+  EXPECT_EQ(file(kActionFile), R"([{"a_1":"new 1"},{"a_1":"new 2"},{"a_1":"new 3"}])");
+
+  center().setCurrentPlayHeader(strings({{"a_t", "1"}}));
+  center().storePlayLog(strings({{"p_2", "1"}}));
+  center().storePlayLog(strings({{"p_2", "2"}}));
+  center().makePlayLog();
+  EXPECT_TRUE(center().playActionLog().empty());
+  center().storePlayLog(strings({{"p_2", "3"}}));
+  EXPECT_EQ(file(kPlayFile), R"([{"p_2":"3"}])");
+}
+
+TEST_F(QueuesTest, QueuesAndStartTimesAreReadBackAfterARestart) {
+  for (const char* item : {"0", "1", "2", "3", "4"}) store(item);
+  center().storePlayLog(strings({{"p_2", "x"}}));
+  clock_->setWallSeconds(1700000000.5);
+  center().saveActionStartTime("movie");
+  clock_->advance(std::chrono::seconds(3));
+  center().saveActionStartTime("movie");  // the later time wins
+  center().saveActionStartTime("other");
+  EXPECT_EQ(center().getActionStartTime("unknown"), std::nullopt);
+  const Array before = center().actionLog();
+
+  restart();
+  EXPECT_EQ(center().actionLog(), before);
+  EXPECT_EQ(serial::toJson(Value(center().playActionLog())), R"([{"p_2":"x"}])");
+  EXPECT_FALSE(center().currentPlayHeader().has_value());  // memory only
+  EXPECT_EQ(center().getActionStartTime("movie"), "1700000003500");
+  EXPECT_EQ(center().actionStartTime().size(), 2u);
+}
+
+TEST_F(QueuesTest, DamagedFilesReadAsEmptyAndOtherWritersFilesAreRead) {
+  place("torn-queue.plist", kActionFile);
+  place("dictionary-root.plist", kPlayFile);
+  place("garbage.plist", kStartFile);
+  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_TRUE(center().playActionLog().empty());
+  EXPECT_TRUE(center().actionStartTime().empty());
+  store("fresh");
+  EXPECT_EQ(file(kActionFile), R"([{"a_1":"fresh"}])");
+
+  // Laid out the way other property-list tools write them.
+  place("other-writer-queue.plist", kActionFile);
+  restart();
+  EXPECT_EQ(serial::toJson(Value(center().actionLog())), R"([{"a_t":"0","a_1":"x & y"}])");
+}
+
+TEST_F(QueuesTest, RemovingAFileSaysSoOnlyWhenThereWasOne) {
+  QXLogHelper::removePlist(kPlayFile);
+  EXPECT_TRUE(console_->lines().empty());
+  center().storePlayLog(strings({{"p_2", "1"}}));
+  QXLogHelper::removePlist(kPlayFile);
+  EXPECT_TRUE(console_->contains("文件删除成功 = USERPlayActionStatisticalLog.plist"));
+  EXPECT_FALSE(files_->exists(documentsPath(kPlayFile)));
+}
+
+TEST_F(QueuesTest, EachFoldCarriesOnlyTheRecordsSinceThePreviousOne) {
+  center().setCurrentPlayHeader(strings({{"a_t", "1"}, {"a_7", "m1"}}));
+  center().storePlayLog(strings({{"p_2", "p1"}}));
+  center().storePlayLog(strings({{"p_2", "p2"}}));
+  center().makePlayLog();
+  center().storePlayLog(strings({{"p_2", "p3"}}));
+  center().makePlayLog();
+  EXPECT_EQ(memory(), R"([{"a_t":"1","a_7":"m1","p":[{"p_2":"p1"},{"p_2":"p2"}]},)"
+                      R"({"a_t":"1","a_7":"m1","p":[{"p_2":"p3"}]}])");
+  // The header itself is not changed by folding.
+  EXPECT_EQ(json(*center().currentPlayHeader()), R"({"a_t":"1","a_7":"m1"})");
+  EXPECT_TRUE(center().playActionLog().empty());
+  EXPECT_FALSE(files_->exists(documentsPath(kPlayFile)));
+
+  // A header that already holds actions is extended.
+  Dictionary header = strings({{"a_t", "1"}});
+  header.set("p", Value(Array{Value(strings({{"p_2", "old"}}))}));
+  center().setActionLog(Array());
+  center().setCurrentPlayHeader(header);
+  center().storePlayLog(strings({{"p_2", "new"}}));
+  center().makePlayLog();
+  EXPECT_EQ(memory(), R"([{"a_t":"1","p":[{"p_2":"old"},{"p_2":"new"}]}])");
+}
+
+TEST_F(QueuesTest, TheBatchSizeDecidesWhenAStoreFolds) {
+  const struct {
+    int64_t limit;
+    bool dev;
+    std::size_t pendingAfterOne, pendingAfterTwo;
+  } cases[] = {{1, false, 0, 0}, {-1, false, 1, 2}, {50, true, 1, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.limit);
+    TearDown();
+    SetUp();
+    center().format().setLimitLogCount(c.limit);
+    center().format().setIsDev(c.dev);  // fixes the batch size at two
+    center().setCurrentPlayHeader(strings({{"a_t", "5"}}));
+    center().storePlayLog(strings({{"p_2", "p1"}}));
+    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterOne);
+    center().storePlayLog(strings({{"p_2", "p2"}}));
+    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterTwo);
+  }
+  // At batch size 1 the play record's own store folds; the store of the
+  // folded header reaches the batch size again and submits it.
+  TearDown();
+  SetUp();
+  center().format().setLimitLogCount(1);
+  center().setCurrentPlayHeader(strings({{"a_t", "5"}}));
+  center().storePlayLog(strings({{"p_2", "p1"}}));
+  EXPECT_TRUE(center().actionLog().empty());
+  ASSERT_FALSE(console_->lines().empty());
+  EXPECT_NE(console_->lines().back().find(R"("a":[{"a_t":"5","p":[{"p_2":"p1"}]}])"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace qxlog::testing
