@@ -52,7 +52,12 @@ void BusSession::handle(GstMessage* message) {
     case GST_MESSAGE_STATE_CHANGED:
       if (GST_MESSAGE_SRC(message) == GST_OBJECT(pipeline_)) stateChanged(message);
       return;
+    case GST_MESSAGE_RESET_TIME:
+      // A flush that resets the running time: the lost preroll was a seek.
+      if (play_ && lostPreroll_) play_->seekBegan(lostPreroll_->time, lostPreroll_->position);
+      return;
     case GST_MESSAGE_ASYNC_DONE:
+      lostPreroll_.reset();
       if (play_) play_->prerolled(now(), position());
       sample();
       return;
@@ -78,8 +83,9 @@ void BusSession::handle(GstMessage* message) {
 }
 
 // The pipeline's own state changes: a play begins when it leaves READY
-// upwards, ends when it returns to READY; PLAYING runs it; a change with a
-// pending state once prerolled is a flushing seek losing its preroll.
+// upwards, ends when it returns to READY; PLAYING runs it. A change with a
+// pending state once started is a lost preroll, which a reset of the running
+// time shows to be a flushing seek.
 void BusSession::stateChanged(GstMessage* message) {
   GstState old = GST_STATE_NULL, state = GST_STATE_NULL, pending = GST_STATE_VOID_PENDING;
   gst_message_parse_state_changed(message, &old, &state, &pending);
@@ -97,9 +103,8 @@ void BusSession::stateChanged(GstMessage* message) {
     play_->pausedByHost(now(), position());
   } else if (state == GST_STATE_PAUSED && old >= GST_STATE_PAUSED &&
              pending != GST_STATE_VOID_PENDING && play_->started()) {
-    const int64_t before = lastPosition_;
-    play_->running(false, now(), before);
-    play_->seekBegan(now(), before);
+    play_->running(false, now(), lastPosition_);
+    if (!lostPreroll_) lostPreroll_ = Moment{now(), lastPosition_};
   }
 }
 

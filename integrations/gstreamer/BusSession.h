@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "integrations/gstreamer/PlayTracker.h"
 
@@ -38,6 +39,11 @@ class BusSession {
   GSource* sampler_ = nullptr;
   PlayIdentity identity_;
   std::unique_ptr<PlayTracker> play_;
+  struct Moment {
+    int64_t time;
+    int64_t position;
+  };
+  std::optional<Moment> lostPreroll_;  // since the pipeline lost its preroll
   int64_t lastPosition_ = 0;
   int64_t wallAnchor_;
   int64_t monotonicAnchor_;

@@ -1,5 +1,6 @@
 #include "integrations/gstreamer/PlayReporter.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "QXLog/QXLog.h"
@@ -13,14 +14,6 @@ const char* orNull(const std::optional<std::string>& text) {
 
 std::string decimal(int64_t value) {
   return std::to_string(value);
-}
-
-void action(QXLogPlayOperation operation, QXLogPlayStatus status, const Span& span,
-            int64_t playTime) {
-  recordPlayActionLog(QXLogPlayOperationText(operation), QXLogPlayStatusText(status),
-                      decimal(span.startTime).c_str(), decimal(span.endTime).c_str(),
-                      decimal(span.startPosition).c_str(), decimal(span.endPosition).c_str(),
-                      decimal(playTime).c_str());
 }
 
 nlohmann::json playInfo(const PlayOutcome& outcome, bool ok, const std::string& cause) {
@@ -54,13 +47,29 @@ void PlayReporter::start(const std::string& url) const {
                 identity_.videoType ? identity_.videoType->c_str() : "1");
 }
 
+// The library drops a buffering record whose start time repeats the previous
+// record's, as the repeat of one span. A span that began in the millisecond
+// of the previous record (a first frame, say) is another span: it is
+// reported as beginning one millisecond later.
+void PlayReporter::action(QXLogPlayOperation operation, QXLogPlayStatus status, Span span,
+                          int64_t playTime) {
+  if (operation == QXLogPlayOperationBuffering && lastStartTime_ == span.startTime) {
+    ++span.startTime;
+    span.endTime = std::max(span.endTime, span.startTime);
+  }
+  lastStartTime_ = span.startTime;
+  recordPlayActionLog(QXLogPlayOperationText(operation), QXLogPlayStatusText(status),
+                      decimal(span.startTime).c_str(), decimal(span.endTime).c_str(),
+                      decimal(span.startPosition).c_str(), decimal(span.endPosition).c_str(),
+                      decimal(playTime).c_str());
+}
+
 void PlayReporter::instant(QXLogPlayOperation operation, QXLogPlayStatus status, int64_t time,
-                           int64_t position, int64_t playTime) const {
+                           int64_t position, int64_t playTime) {
   action(operation, status, Span{time, time, position, position}, playTime);
 }
 
-void PlayReporter::span(QXLogPlayOperation operation, QXLogPlayStatus status,
-                        const Span& span) const {
+void PlayReporter::span(QXLogPlayOperation operation, QXLogPlayStatus status, const Span& span) {
   action(operation, status, span, span.millis());
 }
 

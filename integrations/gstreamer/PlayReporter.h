@@ -37,15 +37,18 @@ class PlayReporter {
 
   void start(const std::string& url) const;
   void instant(QXLogPlayOperation operation, QXLogPlayStatus status, int64_t time, int64_t position,
-               int64_t playTime = 0) const;
-  void span(QXLogPlayOperation operation, QXLogPlayStatus status, const Span& span) const;
+               int64_t playTime = 0);
+  void span(QXLogPlayOperation operation, QXLogPlayStatus status, const Span& span);
   // recordDiagnosLog with the error's message as the cause.
   void error(const PlayOutcome& outcome, const std::string& cause) const;
   // One diagnosis with "play_info" and "play_summary" (decimal texts).
   void summary(const PlayOutcome& outcome, const PlaySummary& summary) const;
 
  private:
+  void action(QXLogPlayOperation operation, QXLogPlayStatus status, Span span, int64_t playTime);
+
   PlayIdentity identity_;
+  std::optional<int64_t> lastStartTime_;  // of the last play action reported
 };
 
 }  // namespace qxlog::gst

@@ -15,6 +15,7 @@ void PlayTracker::running(bool running, int64_t now, int64_t position) {
   if (!running) return;
   if (auto startup = measures_.firstFrame(now, position)) {
     reporter_.span(QXLogPlayOperationFirstFrame, status(), *startup);
+    resumeBuffering(now, position);
   } else if (paused_) {
     paused_ = false;
     reporter_.instant(QXLogPlayOperationResume, status(), now, position);
@@ -36,11 +37,13 @@ void PlayTracker::prerolled(int64_t now, int64_t position) {
   if (ended_) return;
   if (auto seek = measures_.seekEnded(now, position)) {
     reporter_.span(QXLogPlayOperationSeek, status(), *seek);
+    resumeBuffering(now, position);
   }
 }
 
 void PlayTracker::bufferingPercent(int percent, int64_t now, int64_t position) {
   if (ended_) return;
+  percent_ = percent;
   if (percent < 100) {
     measures_.bufferingBegan(now, position);
   } else {
@@ -84,6 +87,13 @@ QXLogPlayStatus PlayTracker::status() const {
 
 PlayOutcome PlayTracker::outcome(int64_t now) const {
   return PlayOutcome{url_, requestTime_, now, measures_.startupMillis(), definition_};
+}
+
+// The buffer may still be filling when the startup or a seek ends (its
+// messages arrive from other threads, in any order with the state's): the
+// waiting goes on as rebuffering.
+void PlayTracker::resumeBuffering(int64_t now, int64_t position) {
+  if (percent_ < 100) measures_.bufferingBegan(now, position);
 }
 
 void PlayTracker::closeBuffering(int64_t now, int64_t position) {

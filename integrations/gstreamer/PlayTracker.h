@@ -37,6 +37,7 @@ class PlayTracker {
  private:
   QXLogPlayStatus status() const;
   PlayOutcome outcome(int64_t now) const;
+  void resumeBuffering(int64_t now, int64_t position);
   void closeBuffering(int64_t now, int64_t position);
 
   PlayReporter reporter_;
@@ -46,6 +47,7 @@ class PlayTracker {
   bool running_ = false;
   bool paused_ = false;
   bool ended_ = false;
+  int percent_ = 100;  // the last buffering percentage
   std::string definition_;
 };
 
