@@ -263,7 +263,7 @@ TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
     SCOPED_TRACE(c.name);
     TearDown();
     SetUp();
-    StallingServer stalling("", 0);
+    StallingServer stalling(platform::readFile(clip_).value_or(""), 0);
     if (c.status) server_->script(ScriptedAnswer{c.status, "text/plain", "missing"});
     const std::string url = c.status ? server_->url("/missing.ogv") : stalling.url("/clip.ogv");
     play(url, false, {}, [&] { return c.status == 0 && stalling.stalled(); });
