@@ -1,5 +1,7 @@
 #include "integrations/gstreamer/BusSession.h"
 
+#include <algorithm>
+
 #include "integrations/gstreamer/PipelineProbe.h"
 
 namespace qxlog::gst {
@@ -22,10 +24,14 @@ BusSession::BusSession(GstElement* pipeline, PlayIdentity identity)
   sampler_ = g_timeout_source_new(kSampleMillis);
   g_source_set_callback(sampler_, onSample, this, nullptr);
   g_source_attach(sampler_, g_main_context_get_thread_default());
+  if (requestedState() >= GST_STATE_PAUSED) begin();
+}
+
+GstState BusSession::requestedState() const {
   GstState state = GST_STATE_NULL;
   GstState pending = GST_STATE_VOID_PENDING;
   gst_element_get_state(pipeline_, &state, &pending, 0);
-  if (state >= GST_STATE_PAUSED || pending >= GST_STATE_PAUSED) begin();
+  return std::max(state, pending);
 }
 
 BusSession::~BusSession() {
@@ -33,6 +39,8 @@ BusSession::~BusSession() {
   gst_bus_remove_signal_watch(bus_);
   g_source_destroy(sampler_);
   g_source_unref(sampler_);
+  // A play requested before the main context ran ends here, untold before.
+  if (!play_ && requestedState() >= GST_STATE_PAUSED) begin();
   if (play_) play_->ended(now(), position());
   gst_object_unref(bus_);
   gst_object_unref(pipeline_);

@@ -28,6 +28,8 @@ class BusSession {
   void stateChanged(GstMessage* message);
   void sample();
   void begin();
+  // The pipeline's state, or the one it is going to.
+  GstState requestedState() const;
   // Ms since 1970 on a steady clock: the wall clock at attach plus the
   // monotonic time since.
   int64_t now() const;
