@@ -25,8 +25,12 @@
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogPlayEvents.h"
 #include "collector/server/LocalCollector.h"
+#include "examples/ReceivedCounts.h"
 
 namespace {
+
+using qxlog::examples::count;
+using qxlog::examples::fetchJson;
 
 // Milliseconds since 1970 on the wall clock.
 int64_t nowMillis() {
@@ -84,37 +88,6 @@ void serveMainQueueFor(std::chrono::milliseconds period) {
     QXLogMainQueueDrain();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-}
-
-size_t appendBody(char* data, size_t size, size_t count, void* out) {
-  static_cast<std::string*>(out)->append(data, size * count);
-  return size * count;
-}
-
-// GET `url` and parse its JSON answer; nothing on any failure.
-std::optional<nlohmann::json> fetchJson(const std::string& url) {
-  std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
-  if (!curl) return std::nullopt;
-  std::string body;
-  curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, appendBody);
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
-  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, 2000L);
-  curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-  long status = 0;
-  if (curl_easy_perform(curl.get()) != CURLE_OK) return std::nullopt;
-  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
-  if (status != 200) return std::nullopt;
-  auto parsed = nlohmann::json::parse(body, nullptr, false);
-  if (parsed.is_discarded() || !parsed.is_object()) return std::nullopt;
-  return parsed;
-}
-
-int64_t count(const nlohmann::json& answer, const char* group, const std::string& key) {
-  const auto it = answer.find(group);
-  if (it == answer.end() || !it->is_object()) return 0;
-  const auto value = it->find(key);
-  return value != it->end() && value->is_number_integer() ? value->get<int64_t>() : 0;
 }
 
 bool everythingArrived(const nlohmann::json& received, const Expected& expected) {

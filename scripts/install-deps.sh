@@ -9,6 +9,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
   python3 openssl valgrind
   libglib2.0-dev libmicrohttpd-dev libjs-chart.js chromium
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good
 )
 if [[ "${QXLOG_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(clang libclang-rt-14-dev)

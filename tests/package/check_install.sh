@@ -42,4 +42,16 @@ cc -std=c11 $flags -o "$work/pkgconfig-static-consumer" "$consumer/consumer.c" \
 printf '#include <QXLog/QXLogCenter.h>\n#include <QXLog/QXLogHelper.h>\n#include <QXLog/QXLogExecutor.h>\nint main() { return 0; }\n' \
   >"$work/headers.cpp"
 c++ -std=c++20 -fsyntax-only $(pkg-config --cflags qxlog) "$work/headers.cpp"
+# The GStreamer adapter's component, when it was built: its pkg-config file
+# brings GStreamer and the library.
+if [[ -e "$build/integrations/gstreamer/libqxlog-gst.so" ]]; then
+  cmake --install "$build" --prefix "$prefix" --component gstreamer >/dev/null
+  # shellcheck disable=SC2046,SC2086
+  cc -std=c11 $flags -o "$work/gst-consumer" "$consumer/gst_consumer.c" \
+    $(pkg-config --cflags --libs qxlog-gst)
+  # libqxlog-gst finds libqxlog through the loader's path, as installed.
+  if [[ -z "$sanitize" ]]; then
+    LD_LIBRARY_PATH="$(pkg-config --variable=libdir qxlog)" "$work/gst-consumer"
+  fi
+fi
 echo "check_install: the installed package builds and links (CMake and pkg-config, shared and static)"

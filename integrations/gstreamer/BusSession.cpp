@@ -1,0 +1,139 @@
+#include "integrations/gstreamer/BusSession.h"
+
+#include <algorithm>
+
+#include "integrations/gstreamer/PipelineProbe.h"
+
+namespace qxlog::gst {
+namespace {
+
+// How often the position and the video's definition are read while playing:
+// the position before a seek is the last one read.
+constexpr guint kSampleMillis = 200;
+
+}  // namespace
+
+BusSession::BusSession(GstElement* pipeline, PlayIdentity identity)
+    : pipeline_(GST_ELEMENT(gst_object_ref(pipeline))),
+      bus_(gst_element_get_bus(pipeline)),
+      identity_(std::move(identity)),
+      wallAnchor_(g_get_real_time() / 1000),
+      monotonicAnchor_(g_get_monotonic_time() / 1000) {
+  gst_bus_add_signal_watch(bus_);
+  handler_ = g_signal_connect(bus_, "message", G_CALLBACK(onMessage), this);
+  sampler_ = g_timeout_source_new(kSampleMillis);
+  g_source_set_callback(sampler_, onSample, this, nullptr);
+  g_source_attach(sampler_, g_main_context_get_thread_default());
+  if (requestedState() >= GST_STATE_PAUSED) begin();
+}
+
+GstState BusSession::requestedState() const {
+  GstState state = GST_STATE_NULL;
+  GstState pending = GST_STATE_VOID_PENDING;
+  gst_element_get_state(pipeline_, &state, &pending, 0);
+  return std::max(state, pending);
+}
+
+BusSession::~BusSession() {
+  g_signal_handler_disconnect(bus_, handler_);
+  gst_bus_remove_signal_watch(bus_);
+  g_source_destroy(sampler_);
+  g_source_unref(sampler_);
+  // A play requested before the main context ran ends here, untold before.
+  if (!play_ && requestedState() >= GST_STATE_PAUSED) begin();
+  if (play_) play_->ended(now(), position());
+  gst_object_unref(bus_);
+  gst_object_unref(pipeline_);
+}
+
+void BusSession::onMessage(GstBus* /*bus*/, GstMessage* message, gpointer self) {
+  static_cast<BusSession*>(self)->handle(message);
+}
+
+gboolean BusSession::onSample(gpointer self) {
+  static_cast<BusSession*>(self)->sample();
+  return G_SOURCE_CONTINUE;
+}
+
+void BusSession::handle(GstMessage* message) {
+  switch (GST_MESSAGE_TYPE(message)) {
+    case GST_MESSAGE_STATE_CHANGED:
+      if (GST_MESSAGE_SRC(message) == GST_OBJECT(pipeline_)) stateChanged(message);
+      return;
+    case GST_MESSAGE_RESET_TIME:
+      // A flush that resets the running time: the lost preroll was a seek.
+      if (play_ && lostPreroll_) play_->seekBegan(lostPreroll_->time, lostPreroll_->position);
+      return;
+    case GST_MESSAGE_ASYNC_DONE:
+      lostPreroll_.reset();
+      if (play_) play_->prerolled(now(), position());
+      sample();
+      return;
+    case GST_MESSAGE_BUFFERING: {
+      gint percent = 100;
+      gst_message_parse_buffering(message, &percent);
+      if (play_) play_->bufferingPercent(percent, now(), position());
+      return;
+    }
+    case GST_MESSAGE_EOS:
+      if (play_) play_->ended(now(), position());
+      return;
+    case GST_MESSAGE_ERROR: {
+      GError* error = nullptr;
+      gst_message_parse_error(message, &error, nullptr);
+      if (play_) play_->failed(error != nullptr ? error->message : "", now(), position());
+      g_clear_error(&error);
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+// The pipeline's own state changes: a play begins when it leaves READY
+// upwards, ends when it returns to READY; PLAYING runs it. A change with a
+// pending state once started is a lost preroll, which a reset of the running
+// time shows to be a flushing seek.
+void BusSession::stateChanged(GstMessage* message) {
+  GstState old = GST_STATE_NULL, state = GST_STATE_NULL, pending = GST_STATE_VOID_PENDING;
+  gst_message_parse_state_changed(message, &old, &state, &pending);
+  const bool leavesReady = (state == GST_STATE_READY && pending >= GST_STATE_PAUSED) ||
+                           (old == GST_STATE_READY && state == GST_STATE_PAUSED);
+  if (leavesReady && (!play_ || play_->ended())) begin();
+  if (!play_) return;
+  if (state <= GST_STATE_READY && old >= GST_STATE_PAUSED) {
+    play_->ended(now(), position());
+  } else if (state == GST_STATE_PLAYING && pending == GST_STATE_VOID_PENDING) {
+    play_->running(true, now(), position());
+    sample();
+  } else if (old == GST_STATE_PLAYING && state == GST_STATE_PAUSED &&
+             pending == GST_STATE_VOID_PENDING) {
+    play_->pausedByHost(now(), position());
+  } else if (state == GST_STATE_PAUSED && old >= GST_STATE_PAUSED &&
+             pending != GST_STATE_VOID_PENDING && play_->started()) {
+    play_->running(false, now(), lastPosition_);
+    if (!lostPreroll_) lostPreroll_ = Moment{now(), lastPosition_};
+  }
+}
+
+void BusSession::sample() {
+  if (!play_ || play_->ended()) return;
+  position();
+  if (play_->started()) play_->definition(videoDefinition(pipeline_), now(), lastPosition_);
+}
+
+void BusSession::begin() {
+  lastPosition_ = 0;
+  play_ = std::make_unique<PlayTracker>(identity_, playedUri(pipeline_), now());
+}
+
+int64_t BusSession::now() const {
+  return wallAnchor_ + g_get_monotonic_time() / 1000 - monotonicAnchor_;
+}
+
+int64_t BusSession::position() {
+  if (auto position = mediaPosition(pipeline_)) lastPosition_ = *position;
+  return lastPosition_;
+}
+
+}  // namespace qxlog::gst

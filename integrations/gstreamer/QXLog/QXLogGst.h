@@ -1,0 +1,51 @@
+/*
+ * qxlog-gst: GStreamer playback reported through QXLog.
+ *
+ * Attach a session to a playbin (or any pipeline) before setting it to
+ * PAUSED or PLAYING. The session watches the pipeline's bus with a signal
+ * watch on the thread-default GLib main context of the attaching thread, so
+ * the host must serve that context; it starts no thread. Every report goes
+ * through the C interface of QXLog/QXLog.h, from that context:
+ *   - the play header (recordPlayLog, with the URI playbin plays) and a start,
+ *   - play actions (QXLog/QXLogPlayEvents.h): first frame (the startup
+ *     span), pause, resume, seek (span), rebuffering (span), quality change
+ *     (video height as "720p"), end, error,
+ *   - on an error, recordDiagnosLog with the error's message as the cause,
+ *   - at the end of each play, a diagnosis with "play_summary".
+ * A host that watches the bus too uses gst_bus_add_signal_watch and the
+ * "message" signals: GStreamer allows one gst_bus_add_watch per bus.
+ */
+#ifndef QXLOG_QXLOGGST_H_
+#define QXLOG_QXLOGGST_H_
+
+#include <gst/gst.h>
+#include <stdbool.h>
+
+#include "QXLog/QXLog.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct QXLogGstSession QXLogGstSession;
+
+/* Copied at attach; NULL fields are reported as NULL. */
+typedef struct {
+  const char* movie_id;
+  const char* view_source;
+  const char* video_type; /* "1" film, "5" short video, "6" channel; NULL: "1" */
+  bool is_download;
+  const char* is_pcdn;
+} QXLogGstOptions;
+
+/* NULL when pipeline is NULL or has no bus. The session holds a reference
+ * to the pipeline until it is detached. */
+QXLOG_EXPORT QXLogGstSession* QXLogGstAttach(GstElement* pipeline, const QXLogGstOptions* options);
+/* Reports the end if the play did not end; call on the attaching thread. */
+QXLOG_EXPORT void QXLogGstDetach(QXLogGstSession* session);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QXLOG_QXLOGGST_H_ */

@@ -1,0 +1,284 @@
+// The adapter on real playbin pipelines (fake sinks, no display), reporting to
+// the tests' log server: a generated clip from disk, over a stalling HTTP
+// server, with a pause, a resume and a seek, an HTTP 404, an early detach.
+#include <gst/gst.h>
+
+#include <chrono>
+#include <functional>
+
+#include "QXLog/QXLogGst.h"
+#include "QXLog/platform/Files.h"
+#include "QXLog/recording/Gate.h"
+#include "collector/decode/EnvelopeDecoder.h"
+#include "tests/integrations/gstreamer/StallingServer.h"
+#include "tests/support/UploadFixture.h"
+
+namespace qxlog::testing {
+namespace {
+
+using RealClock = std::chrono::steady_clock;
+
+// What the log server received for one play.
+struct Delivered {
+  Dictionary header;
+  std::vector<std::string> operations;  // "p_2" of each action, in order
+  Array actions;
+  std::vector<Value> diagnoses;  // decoded reports, in order
+
+  // A field of a diagnosis's object; the summary is the last diagnosis.
+  std::string text(const char* key, const char* object = "play_summary", int index = -1) const {
+    const Value& report = diagnoses.at(index < 0 ? diagnoses.size() - 1 : index);
+    return field(*report.asDictionary()->find(object), key);
+  }
+  int64_t figure(const char* key) const { return std::stoll(text(key)); }
+};
+
+// An action's play time, without the record's 2000 ms.
+int64_t playTime(const Value& action) {
+  return std::stoll(field(action, "p_8")) - 2000;
+}
+
+class GstAdapterTest : public UploadTest {
+ protected:
+  using OnMessage = std::function<void(GstElement*, GstMessage*)>;
+
+  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+
+  void SetUp() override {
+    UploadTest::SetUp();
+    format().setLimitLogCount(1000);  // everything waits for deliver()
+    recording::setEnvironmentReady(true);
+    clip_ = documents_ + "/clip.ogv";
+    makeClip();
+  }
+
+  // Two seconds of test pattern, 160x120 at 25 frames a second, Theora in Ogg.
+  void makeClip() {
+    const std::string description =
+        "videotestsrc num-buffers=50 ! video/x-raw,width=160,height=120,framerate=25/1 ! "
+        "theoraenc ! oggmux ! filesink location=" +
+        clip_;
+    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
+    ASSERT_NE(pipeline, nullptr);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    GstBus* bus = gst_element_get_bus(pipeline);
+    GstMessage* end = gst_bus_timed_pop_filtered(
+        bus, 10 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    ASSERT_NE(end, nullptr);
+    EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS);
+    gst_message_unref(end);
+    gst_object_unref(bus);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+  }
+
+  // Plays `uri` with the adapter attached until the end of stream, an error
+  // or `done`; `react` sees each message after the adapter. Real time,
+  // bounded by a guard.
+  void play(
+      const std::string& uri, bool sync, OnMessage react = {},
+      std::function<bool()> done = [] { return false; }) {
+    GstElement* playbin = gst_element_factory_make("playbin", nullptr);
+    ASSERT_NE(playbin, nullptr);
+    g_object_set(playbin, "uri", uri.c_str(), nullptr);
+    for (const char* sink : {"video-sink", "audio-sink"}) {
+      GstElement* fake = gst_element_factory_make("fakesink", nullptr);
+      g_object_set(fake, "sync", sync, nullptr);
+      g_object_set(playbin, sink, fake, nullptr);
+    }
+    QXLogGstOptions options{"movie-7", "test", "5", false, "1"};
+    QXLogGstSession* session = QXLogGstAttach(playbin, &options);
+    struct Host {
+      GstElement* playbin;
+      OnMessage react;
+      bool ended = false;
+    } host{playbin, std::move(react)};
+    GstBus* bus = gst_element_get_bus(playbin);
+    gst_bus_add_signal_watch(bus);
+    // The host plays on while the network buffer fills: no pause hides a span.
+    auto onMessage = +[](GstBus*, GstMessage* message, gpointer data) {
+      auto* host = static_cast<Host*>(data);
+      if (host->react) host->react(host->playbin, message);
+      host->ended |= GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS ||
+                     GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR;
+    };
+    const gulong handler = g_signal_connect(bus, "message", G_CALLBACK(onMessage), &host);
+    gst_element_set_state(playbin, GST_STATE_PLAYING);
+    const auto guard = RealClock::now() + std::chrono::seconds(15);
+    while (!host.ended && !done() && RealClock::now() < guard) {
+      g_main_context_iteration(nullptr, TRUE);
+    }
+    EXPECT_LT(RealClock::now(), guard) << "the play did not end";
+    QXLogGstDetach(session);
+    g_signal_handler_disconnect(bus, handler);
+    gst_bus_remove_signal_watch(bus);
+    gst_object_unref(bus);
+    gst_element_set_state(playbin, GST_STATE_NULL);
+    gst_object_unref(playbin);
+  }
+
+  // Sends the waiting records and reads back the play and the diagnoses.
+  Delivered deliver() {
+    center().makePlayLog();
+    center().submitAllLog();
+    settle();
+    Delivered delivered;
+    const std::vector<ReceivedRequest> requests = server_->requests();
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+      if (requests[i].path == "/diagnosis") {
+        auto report = collector::decodeLogData(requests[i].param("diagnosis_log"), kTestKey);
+        if (report) delivered.diagnoses.push_back(*report.value);
+        continue;
+      }
+      if (requests[i].path != "/log") continue;  // the 404 test's media request
+      for (const Value& record : records(i)) {
+        const Value* actions = record.asDictionary()->find("p");
+        if (actions == nullptr) continue;
+        delivered.header = *record.asDictionary();
+        for (const Value& action : *actions->asArray()) {
+          delivered.actions.push_back(action);
+          delivered.operations.push_back(field(action, "p_2"));
+        }
+      }
+    }
+    return delivered;
+  }
+
+  static void seek(GstElement* playbin, int64_t millis) {
+    gst_element_seek_simple(playbin, GST_FORMAT_TIME,
+                            static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
+                            millis * GST_MSECOND);
+  }
+
+  std::string clip_;
+};
+
+using Operations = std::vector<std::string>;
+
+TEST_F(GstAdapterTest, AFilePlayedToItsEnd) {
+  const auto started = RealClock::now();
+  play("file://" + clip_, false);
+  const int64_t elapsed =
+      std::chrono::duration_cast<std::chrono::milliseconds>(RealClock::now() - started).count();
+  const Delivered play = deliver();
+  EXPECT_EQ(play.operations, (Operations{"1", "7", "9", "2"}));  // start, first frame, 120p, end
+  EXPECT_EQ(field(play.header, "a_t"), "5");
+  EXPECT_EQ(field(play.header, "a_7"), "movie-7");
+  ASSERT_EQ(play.diagnoses.size(), 1u);
+  EXPECT_EQ(play.text("definition", "play_info"), "120p");
+  EXPECT_EQ(play.text("isPlayOK", "play_info"), "1");
+  EXPECT_EQ(play.text("exit_before_start"), "0");
+  EXPECT_EQ(play.figure("rebuffer_count") + play.figure("seek_count"), 0);
+  const int64_t startup = play.figure("startup_ms");
+  EXPECT_GE(startup, 0);
+  EXPECT_LE(startup + play.figure("played_ms"), elapsed);
+  // The first frame is the startup span; the end holds the position reached.
+  EXPECT_EQ(playTime(play.actions[1]), startup);
+  EXPECT_NEAR(std::stoll(field(play.actions[3], "p_6")), 2000, 100);
+}
+
+TEST_F(GstAdapterTest, PauseResumeAndSeekInRealTime) {
+  int step = 0;
+  play("file://" + clip_, true, [&](GstElement* playbin, GstMessage* message) {
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_STATE_CHANGED ||
+        GST_MESSAGE_SRC(message) != GST_OBJECT(playbin)) {
+      return;
+    }
+    GstState old, state, pending;
+    gst_message_parse_state_changed(message, &old, &state, &pending);
+    if (pending != GST_STATE_VOID_PENDING) return;
+    if (state == GST_STATE_PLAYING && step == 0) {
+      ++step;
+      gst_element_set_state(playbin, GST_STATE_PAUSED);
+    } else if (state == GST_STATE_PAUSED && step == 1) {
+      ++step;
+      gst_element_set_state(playbin, GST_STATE_PLAYING);
+    } else if (state == GST_STATE_PLAYING && step == 2) {
+      ++step;
+      seek(playbin, 1500);
+    }
+  });
+  const Delivered play = deliver();
+  // start, first frame, 120p, pause, resume, seek, end
+  ASSERT_EQ(play.operations, (Operations{"1", "7", "9", "3", "4", "6", "2"}));
+  const Value& seekAction = play.actions[5];
+  EXPECT_LT(std::stoll(field(seekAction, "p_6")), 500);
+  EXPECT_NEAR(std::stoll(field(seekAction, "p_7")), 1500, 50);
+  EXPECT_EQ(field(play.actions[3], "p_3"), "2");  // paused
+  ASSERT_EQ(play.diagnoses.size(), 1u);
+  EXPECT_EQ(play.figure("seek_count"), 1);
+  EXPECT_EQ(play.figure("seek_avg_ms"), playTime(seekAction));
+  // Half a second of clip after the seek, shown at the clock's pace.
+  EXPECT_NEAR(play.figure("played_ms"), 500, 250);
+}
+
+TEST_F(GstAdapterTest, AStallOverHttpIsRebuffering) {
+  const std::string bytes = platform::readFile(clip_).value_or("");
+  StallingServer server(bytes, bytes.size() / 2);
+  bool releasing = false;
+  play(server.url("/clip.ogv"), false, [&](GstElement* playbin, GstMessage* message) {
+    GstState old, state, pending;
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_STATE_CHANGED ||
+        GST_MESSAGE_SRC(message) != GST_OBJECT(playbin) || releasing) {
+      return;
+    }
+    gst_message_parse_state_changed(message, &old, &state, &pending);
+    if (state != GST_STATE_PLAYING) return;
+    // The buffer runs dry once playing: the stall lasts 300 ms from then.
+    releasing = true;
+    g_timeout_add(
+        300,
+        +[](gpointer server) {
+          static_cast<StallingServer*>(server)->release();
+          return G_SOURCE_REMOVE;
+        },
+        &server);
+  });
+  const Delivered play = deliver();
+  ASSERT_TRUE(releasing) << "the play did not begin";
+  // The buffer may also run dry briefly before the stall: one span or more,
+  // each one record, the stall's 300 ms in their total.
+  int64_t spans = 0, spanMillis = 0;
+  for (const Value& action : play.actions) {
+    if (field(action, "p_2") == "5") ++spans, spanMillis += playTime(action);
+  }
+  EXPECT_EQ(play.operations.back(), "2");
+  ASSERT_EQ(play.diagnoses.size(), 1u);
+  EXPECT_GE(spans, 1);
+  EXPECT_EQ(play.figure("rebuffer_count"), spans);
+  EXPECT_EQ(play.figure("rebuffer_ms"), spanMillis);
+  EXPECT_NEAR(spanMillis, 300, 100);
+  EXPECT_EQ(play.figure("seek_count"), 0);
+}
+
+TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
+  const struct {
+    const char* name;
+    int status;  // the answer to the play's request; 0: it stalls at once
+    Operations operations;
+    std::size_t diagnoses;
+    const char* failed;
+  } cases[] = {{"HTTP 404", 404, {"1", "8"}, 2, "1"}, {"detached", 0, {"1", "2"}, 1, "0"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TearDown();
+    SetUp();
+    StallingServer stalling(platform::readFile(clip_).value_or(""), 0);
+    if (c.status) server_->script(ScriptedAnswer{c.status, "text/plain", "missing"});
+    const std::string url = c.status ? server_->url("/missing.ogv") : stalling.url("/clip.ogv");
+    play(url, false, {}, [&] { return c.status == 0 && stalling.stalled(); });
+    const Delivered play = deliver();
+    EXPECT_EQ(play.operations, c.operations);
+    ASSERT_EQ(play.diagnoses.size(), c.diagnoses);
+    EXPECT_EQ(play.text("exit_before_start"), "1");
+    EXPECT_EQ(play.text("failed"), c.failed);
+    if (c.status == 0) continue;
+    EXPECT_EQ(play.text("playUrl", "play_info", 0), url);
+    EXPECT_NE(play.text("causeOfFailure", "play_info", 0).find("Not Found"), std::string::npos);
+    EXPECT_EQ(play.text("isPlayOK", "play_info", 0), "0");
+    EXPECT_EQ(play.text("prepareTime", "play_info", 0), "");
+  }
+}
+
+}  // namespace
+}  // namespace qxlog::testing
