@@ -7,7 +7,6 @@
 #include <functional>
 
 #include "QXLog/QXLogGst.h"
-#include "QXLog/platform/Files.h"
 #include "QXLog/recording/Gate.h"
 #include "collector/decode/EnvelopeDecoder.h"
 #include "tests/integrations/gstreamer/StallingServer.h"
@@ -213,7 +212,7 @@ TEST_F(GstAdapterTest, PauseResumeAndSeekInRealTime) {
 }
 
 TEST_F(GstAdapterTest, AStallOverHttpIsRebuffering) {
-  const std::string bytes = platform::readFile(clip_).value_or("");
+  const std::string bytes = files_->read(clip_).value_or("");
   StallingServer server(bytes, bytes.size() / 2);
   bool releasing = false;
   play(server.url("/clip.ogv"), false, [&](GstElement* playbin, GstMessage* message) {
@@ -263,7 +262,7 @@ TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
     SCOPED_TRACE(c.name);
     TearDown();
     SetUp();
-    StallingServer stalling(platform::readFile(clip_).value_or(""), 0);
+    StallingServer stalling(files_->read(clip_).value_or(""), 0);
     if (c.status) server_->script(ScriptedAnswer{c.status, "text/plain", "missing"});
     const std::string url = c.status ? server_->url("/missing.ogv") : stalling.url("/clip.ogv");
     play(url, false, {}, [&] { return c.status == 0 && stalling.stalled(); });
