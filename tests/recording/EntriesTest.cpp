@@ -33,6 +33,8 @@ TEST_F(EntriesTest, LaunchWithoutPushIdEqualsAnEmptyPushId) {
   recordLaunchLogWithPushId("warm", "p-9");
   Array queue = center().actionLog();
   ASSERT_EQ(queue.size(), 3u);
+  // The free disk space ("a_8") moves whenever anything on the machine writes.
+  for (Value& record : queue) record.asDictionary()->erase("a_8");
   EXPECT_EQ(queue[0], queue[1]);
   EXPECT_EQ(field(queue[0], "a_2"), "1700000000000");  // start time from the clock
   EXPECT_EQ(field(queue[2], "a_1") + field(queue[2], "a_3"), "warmp-9");
