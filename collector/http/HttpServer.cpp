@@ -259,6 +259,12 @@ bool HttpServer::start() {
   return true;
 }
 
+std::size_t HttpServer::openConnections() const {
+  if (!state_) return 0;
+  std::lock_guard lock(state_->mutex);
+  return state_->open.size();
+}
+
 void HttpServer::stop() {
   if (!state_) return;
   {

@@ -73,6 +73,8 @@ class HttpServer {
   void stop();
   int port() const { return port_; }
   const std::string& error() const { return error_; }
+  // The connections accepted and not yet closed, within the limits or not.
+  std::size_t openConnections() const;
 
   struct State;  // what libmicrohttpd's callbacks share
 

@@ -418,17 +418,6 @@ TEST(LegendTextTest, ExplainsValuesBesideTheirMeaningAndListsEveryTable) {
 int statusOf(const char* from, int port) {
   return roundTrip(port, "GET /ping HTTP/1.1\r\nHost: x\r\n\r\n", from).status;
 }
-// The status once the server has counted the connections opened before: it
-// counts them on its own thread, so asked again until `expected` or a second.
-int countedStatusOf(const char* from, int port, int expected) {
-  int status = statusOf(from, port);
-  for (int i = 0; i < 100 && status != expected; ++i) {
-    std::this_thread::sleep_for(10ms);
-    status = statusOf(from, port);
-  }
-  return status;
-}
-
 class HttpServerTest : public ::testing::Test {
  protected:
   void start(HttpServer::Options options) {
@@ -445,6 +434,15 @@ class HttpServerTest : public ::testing::Test {
     std::lock_guard lock(mutex_);
     return refusals_;
   }
+  // Waits up to two seconds for the server to have accepted `count`
+  // connections: it accepts them on its own threads, in any order, and a
+  // probe accepted before a held connection would take that one's place.
+  void awaitOpen(std::size_t count) {
+    for (int i = 0; i < 200 && server_->openConnections() != count; ++i) {
+      std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_EQ(server_->openConnections(), count);
+  }
   std::unique_ptr<HttpServer> server_;
   std::mutex mutex_;
   std::vector<int> refusals_;
@@ -457,11 +455,13 @@ TEST_F(HttpServerTest, ConnectionsOverALimitAreAnswered503WhileOthersAreServed) 
   start(options);
   int port = server_->port();
   std::vector<int> held = {connectFrom("127.0.0.1", port), connectFrom("127.0.0.1", port)};
-  EXPECT_EQ(countedStatusOf("127.0.0.1", port, 503), 503);  // a third from the same address
-  EXPECT_EQ(statusOf("127.0.0.2", port), 200);              // another address is served
+  awaitOpen(2);
+  EXPECT_EQ(statusOf("127.0.0.1", port), 503);  // a third from the same address
+  EXPECT_EQ(statusOf("127.0.0.2", port), 200);  // another address is served
   held.push_back(connectFrom("127.0.0.3", port));
   held.push_back(connectFrom("127.0.0.4", port));
-  EXPECT_EQ(countedStatusOf("127.0.0.5", port, 503), 503);  // four open in all
+  awaitOpen(4);
+  EXPECT_EQ(statusOf("127.0.0.5", port), 503);  // four open in all
   // A connection over the limit that sends nothing is closed after its grace,
   // so that it holds no place.
   int idle = connectFrom("127.0.0.1", port);
