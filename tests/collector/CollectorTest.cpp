@@ -434,9 +434,9 @@ class HttpServerTest : public ::testing::Test {
     std::lock_guard lock(mutex_);
     return refusals_;
   }
-  // Waits up to two seconds for the server to have accepted `count`
-  // connections: it accepts them on its own threads, in any order, and a
-  // probe accepted before a held connection would take that one's place.
+  // Waits up to two seconds until the server holds `count` connections: it
+  // accepts and closes them on its own threads, in any order, and a probe
+  // counted beside a held connection would change which one is over a limit.
   void awaitOpen(std::size_t count) {
     for (int i = 0; i < 200 && server_->openConnections() != count; ++i) {
       std::this_thread::sleep_for(10ms);
@@ -458,6 +458,7 @@ TEST_F(HttpServerTest, ConnectionsOverALimitAreAnswered503WhileOthersAreServed) 
   awaitOpen(2);
   EXPECT_EQ(statusOf("127.0.0.1", port), 503);  // a third from the same address
   EXPECT_EQ(statusOf("127.0.0.2", port), 200);  // another address is served
+  awaitOpen(2);                                 // the probes' places are free again
   held.push_back(connectFrom("127.0.0.3", port));
   held.push_back(connectFrom("127.0.0.4", port));
   awaitOpen(4);
@@ -469,7 +470,7 @@ TEST_F(HttpServerTest, ConnectionsOverALimitAreAnswered503WhileOthersAreServed) 
   ::close(idle);
   EXPECT_EQ(closed, "");
   for (int fd : held) ::close(fd);
-  std::this_thread::sleep_for(50ms);
+  awaitOpen(0);
   EXPECT_EQ(statusOf("127.0.0.1", port), 200);  // served again once they are gone
   EXPECT_EQ(refusals(), (std::vector<int>{503, 503, 503}));
 }
