@@ -27,15 +27,7 @@ bool PlayMeasures::bufferingBegan(int64_t now, int64_t position) {
 }
 
 std::optional<Span> PlayMeasures::bufferingEnded(int64_t now, int64_t position) {
-  if (!buffering_) return std::nullopt;
-  accumulate(now);
-  Span span = *buffering_;
-  buffering_.reset();
-  span.endTime = now;
-  span.endPosition = position;
-  ++rebufferCount_;
-  rebufferMillis_ += span.millis();
-  return span;
+  return close(buffering_, now, position, rebufferCount_, rebufferMillis_);
 }
 
 bool PlayMeasures::seekBegan(int64_t now, int64_t position) {
@@ -47,14 +39,19 @@ bool PlayMeasures::seekBegan(int64_t now, int64_t position) {
 }
 
 std::optional<Span> PlayMeasures::seekEnded(int64_t now, int64_t position) {
-  if (!seek_) return std::nullopt;
+  return close(seek_, now, position, seekCount_, seekMillis_);
+}
+
+std::optional<Span> PlayMeasures::close(std::optional<Span>& open, int64_t now, int64_t position,
+                                        int64_t& count, int64_t& millis) {
+  if (!open) return std::nullopt;
   accumulate(now);
-  Span span = *seek_;
-  seek_.reset();
+  Span span = *open;
+  open.reset();
   span.endTime = now;
   span.endPosition = position;
-  ++seekCount_;
-  seekMillis_ += span.millis();
+  ++count;
+  millis += span.millis();
   return span;
 }
 

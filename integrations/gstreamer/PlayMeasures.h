@@ -64,6 +64,10 @@ class PlayMeasures {
   bool framesMoving() const { return running_ && started() && !buffering_ && !seek_; }
   // Adds the time since the last change while frames moved; call before any change.
   void accumulate(int64_t now);
+  // Closes the open span at `now`, adds it to `count` and `millis`, and
+  // returns it; nothing when no span is open.
+  std::optional<Span> close(std::optional<Span>& open, int64_t now, int64_t position,
+                            int64_t& count, int64_t& millis);
 
   int64_t requestTime_;
   std::optional<int64_t> firstFrame_;
