@@ -19,8 +19,10 @@
 #include "QXLog/QXLogValue.h"
 
 namespace qxlog {
+namespace center {
 class CenterRegistry;
 class PendingQueue;
+}  // namespace center
 namespace platform {
 class Env;
 struct HttpResponse;
@@ -105,7 +107,7 @@ class QXLogCenter {
   void setDeliveryHandler(DeliveryHandler handler);
 
  private:
-  friend class qxlog::CenterRegistry;
+  friend class qxlog::center::CenterRegistry;
   struct OutgoingUpload;
   explicit QXLogCenter(std::shared_ptr<qxlog::platform::Env> env);
 
@@ -123,10 +125,10 @@ class QXLogCenter {
   void oldestBatchAnswered(const qxlog::platform::HttpResponse& response);
   void retryOldestBatch(const std::string& reason);
   void oldestBatchSettled(BatchOutcome outcome, const std::string& reason);
-  void storeBounded(qxlog::PendingQueue& queue, Dictionary record);
+  void storeBounded(qxlog::center::PendingQueue& queue, Dictionary record);
 
-  qxlog::PendingQueue& actionQueueLocked();
-  qxlog::PendingQueue& playQueueLocked();
+  qxlog::center::PendingQueue& actionQueueLocked();
+  qxlog::center::PendingQueue& playQueueLocked();
   Dictionary& startTimeTableLocked();
   std::size_t playCount();
   // Records in both queues together, the figure the batch size applies to.
@@ -135,8 +137,8 @@ class QXLogCenter {
   // Held while a queue is changed together with its file.
   mutable std::recursive_mutex lock_;
   std::unique_ptr<QXLogMessageFormat> format_;
-  std::unique_ptr<qxlog::PendingQueue> playQueue_;
-  std::unique_ptr<qxlog::PendingQueue> actionQueue_;
+  std::unique_ptr<qxlog::center::PendingQueue> playQueue_;
+  std::unique_ptr<qxlog::center::PendingQueue> actionQueue_;
   std::optional<Dictionary> currentPlayHeader_;
   std::optional<Dictionary> actionStartTime_;
 

@@ -48,7 +48,7 @@ void setUpHost(const std::string& directory) {
 }
 
 QXLogCenter& freshCenter(int64_t batchSize, std::shared_ptr<platform::Env> env) {
-  QXLogCenter& center = CenterRegistry::replaceForTesting(std::move(env));
+  QXLogCenter& center = center::CenterRegistry::replaceForTesting(std::move(env));
   setContext(center.format(), batchSize);
   return center;
 }
@@ -70,7 +70,7 @@ Array typicalRecords(std::size_t count) {
   records.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     records.emplace_back(format.actionLog(
-        actionName(i), qxlog::currentMillisText(format.env().clock()), movieIndex(i)));
+        actionName(i), qxlog::support::currentMillisText(format.env().clock()), movieIndex(i)));
   }
   return records;
 }

@@ -220,7 +220,7 @@ void StoreVsFloor(benchmark::State& state) {
   const qxlog::Array queue = qb::typicalRecords(held - 1);
   const std::string action = qb::actionName(7);
   const std::string movie = qb::movieIndex(7);
-  const std::string queuePath = center.env().documentsPath(qxlog::kActionQueueFile);
+  const std::string queuePath = center.env().documentsPath(qxlog::center::kActionQueueFile);
   center.setActionLog(queue);
   recordActionLog(action.c_str(), movie.c_str());
   recordActionLog(action.c_str(), movie.c_str());
@@ -400,7 +400,7 @@ const std::string& coldFile() {
     QXLogCenter& center = qb::freshCenter(INT64_MAX);
     center.setActionLog(qb::typicalRecords(kColdRecords - 1));
     recordActionLog(qb::actionName(1).c_str(), qb::movieIndex(1).c_str());
-    return center.env().documentsPath(qxlog::kActionQueueFile);
+    return center.env().documentsPath(qxlog::center::kActionQueueFile);
   }();
   return path;
 }

@@ -17,7 +17,7 @@ constexpr const char* kTable = "USERMovieStartTimeLog.plist";
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) std::abort();
-  qxlog::CenterRegistry::createWithEnv(
+  qxlog::center::CenterRegistry::createWithEnv(
       std::make_shared<qxlog::platform::Env>(qxlog::platform::Env::Parts{.documents = pattern}));
   return 0;
 }

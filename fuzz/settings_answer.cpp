@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) std::abort();
   g_tasks = std::make_shared<HeldTasks>();
-  qxlog::CenterRegistry::createWithEnv(std::make_shared<platform::Env>(
+  qxlog::center::CenterRegistry::createWithEnv(std::make_shared<platform::Env>(
       platform::Env::Parts{.mainQueue = g_tasks,
                            .globalQueue = g_tasks,
                            .http = std::make_shared<InputTransport>(),

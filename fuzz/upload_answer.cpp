@@ -21,8 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     response.contentType = "application/json";
     response.body = input;
   }
-  if (std::optional<qxlog::Value> answer = qxlog::acceptedAnswer(response)) {
-    (void)qxlog::confirmsBatch(*answer);
+  if (std::optional<qxlog::Value> answer = qxlog::center::acceptedAnswer(response)) {
+    (void)qxlog::center::confirmsBatch(*answer);
   }
   return 0;
 }

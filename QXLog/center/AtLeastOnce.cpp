@@ -37,24 +37,25 @@ void QXLogCenter::submitOldestBatch() {
   {
     std::lock_guard lock(lock_);
     if (batchOut_ || actionQueueLocked().empty()) return;
-    batchRecords_ = std::min(actionQueueLocked().size(), qxlog::kMaxBatchRecords);
+    batchRecords_ = std::min(actionQueueLocked().size(), qxlog::center::kMaxBatchRecords);
     envelope = format().combinationLogOfJson(actionQueueLocked().jsonOfFirst(batchRecords_));
     if (envelope.empty()) return;
     batchOut_ = true;
   }
   auto upload = std::make_shared<OutgoingUpload>();
-  upload->envelope = qxlog::traceEnvelopeText(env(), std::move(envelope));
+  upload->envelope = qxlog::center::traceEnvelopeText(env(), std::move(envelope));
   upload->url = format().pushLogUrl();
   upload->oldestBatch = true;
   send(std::move(upload));
 }
 
 void QXLogCenter::oldestBatchAnswered(const platform::HttpResponse& response) {
-  std::optional<qxlog::Value> answer = qxlog::acceptedAnswer(response);
-  if (!answer) return retryOldestBatch(qxlog::failureReason(response));
-  if (qxlog::confirmsBatch(*answer)) return oldestBatchSettled(BatchOutcome::kConfirmed, "");
+  std::optional<qxlog::Value> answer = qxlog::center::acceptedAnswer(response);
+  if (!answer) return retryOldestBatch(qxlog::center::failureReason(response));
+  if (qxlog::center::confirmsBatch(*answer))
+    return oldestBatchSettled(BatchOutcome::kConfirmed, "");
   // Another code refuses the content itself: a few more tries, then it goes.
-  std::string reason = qxlog::refusalReason(*answer);
+  std::string reason = qxlog::center::refusalReason(*answer);
   bool retry = false;
   {
     std::lock_guard lock(lock_);
@@ -102,7 +103,7 @@ void QXLogCenter::oldestBatchSettled(BatchOutcome outcome, const std::string& re
     reportBatch(outcome, settled, reason);
   }
   if (outcome == BatchOutcome::kConfirmed) {
-    startTime(qxlog::pushIntervalSeconds(format().push_interval_time()));
+    startTime(qxlog::center::pushIntervalSeconds(format().push_interval_time()));
   }
   // A backlog keeps going out, oldest first.
   conditionAndSubmitLog();

@@ -4,7 +4,7 @@
 #include <mutex>
 #include <vector>
 
-namespace qxlog {
+namespace qxlog::center {
 namespace {
 
 std::atomic<QXLogCenter*> g_center{nullptr};
@@ -48,8 +48,8 @@ QXLogCenter& CenterRegistry::replaceForTesting(std::shared_ptr<platform::Env> en
   return *fresh;
 }
 
-}  // namespace qxlog
+}  // namespace qxlog::center
 
 QXLogCenter& QXLogCenter::center() {
-  return qxlog::CenterRegistry::instance();
+  return qxlog::center::CenterRegistry::instance();
 }

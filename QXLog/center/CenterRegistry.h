@@ -11,7 +11,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/platform/Env.h"
 
-namespace qxlog {
+namespace qxlog::center {
 
 class CenterRegistry {
  public:
@@ -27,6 +27,6 @@ class CenterRegistry {
   static QXLogCenter* createdOn(std::shared_ptr<platform::Env> env);
 };
 
-}  // namespace qxlog
+}  // namespace qxlog::center
 
 #endif  // QXLOG_CENTER_CENTERREGISTRY_H_

@@ -6,7 +6,7 @@
 #include "QXLog/serial/Json.h"
 #include "QXLog/support/QueueFiles.h"
 
-namespace qxlog {
+namespace qxlog::center {
 
 PendingQueue::PendingQueue(const platform::Env& env, std::string_view fileName, bool keepsJson)
     : env_(env), fileName_(fileName), keepsJson_(keepsJson) {}
@@ -85,4 +85,4 @@ void PendingQueue::forgetCaches() {
   json_.invalidate();
 }
 
-}  // namespace qxlog
+}  // namespace qxlog::center

@@ -15,7 +15,7 @@
 #include "QXLog/support/QueueJson.h"
 #include "QXLog/support/QueueXml.h"
 
-namespace qxlog {
+namespace qxlog::center {
 
 class PendingQueue {
  public:
@@ -60,6 +60,6 @@ class PendingQueue {
   support::QueueJson json_;
 };
 
-}  // namespace qxlog
+}  // namespace qxlog::center
 
 #endif  // QXLOG_CENTER_PENDINGQUEUE_H_

@@ -14,7 +14,7 @@
 namespace platform = qxlog::platform;
 namespace serial = qxlog::serial;
 
-int32_t qxlog::pushIntervalSeconds(const Value& pushIntervalTime) {
+int32_t qxlog::center::pushIntervalSeconds(const Value& pushIntervalTime) {
   int64_t seconds = serial::integerValue(pushIntervalTime) / 1000;
   if (seconds > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
   if (seconds < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();

@@ -5,22 +5,23 @@
 #include "QXLog/platform/Env.h"
 #include "QXLog/support/QueueFiles.h"
 
-using qxlog::kActionQueueFile;
-using qxlog::kPlayQueueFile;
-using qxlog::kStartTimeFile;
+using qxlog::center::kActionQueueFile;
+using qxlog::center::kPlayQueueFile;
+using qxlog::center::kStartTimeFile;
 
 QXLogCenter::QXLogCenter(std::shared_ptr<qxlog::platform::Env> env)
     : format_(std::make_unique<QXLogMessageFormat>(std::move(env))),
-      playQueue_(std::make_unique<qxlog::PendingQueue>(this->env(), kPlayQueueFile, false)),
-      actionQueue_(std::make_unique<qxlog::PendingQueue>(this->env(), kActionQueueFile, true)) {}
+      playQueue_(std::make_unique<qxlog::center::PendingQueue>(this->env(), kPlayQueueFile, false)),
+      actionQueue_(
+          std::make_unique<qxlog::center::PendingQueue>(this->env(), kActionQueueFile, true)) {}
 
 QXLogCenter::~QXLogCenter() = default;
 
-qxlog::PendingQueue& QXLogCenter::actionQueueLocked() {
+qxlog::center::PendingQueue& QXLogCenter::actionQueueLocked() {
   return *actionQueue_;
 }
 
-qxlog::PendingQueue& QXLogCenter::playQueueLocked() {
+qxlog::center::PendingQueue& QXLogCenter::playQueueLocked() {
   return *playQueue_;
 }
 

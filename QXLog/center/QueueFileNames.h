@@ -5,12 +5,12 @@
 
 #include <string_view>
 
-namespace qxlog {
+namespace qxlog::center {
 
 inline constexpr std::string_view kActionQueueFile = "UserStatisticalLog.plist";
 inline constexpr std::string_view kPlayQueueFile = "USERPlayActionStatisticalLog.plist";
 inline constexpr std::string_view kStartTimeFile = "USERMovieStartTimeLog.plist";
 
-}  // namespace qxlog
+}  // namespace qxlog::center
 
 #endif  // QXLOG_CENTER_QUEUEFILENAMES_H_

@@ -40,7 +40,7 @@ void QXLogCenter::storePlayLog(Dictionary record) {
 
 // At least once, a queue never outgrows its limit: the oldest records make
 // room, and an in-flight batch that carried them now carries fewer.
-void QXLogCenter::storeBounded(qxlog::PendingQueue& queue, Dictionary record) {
+void QXLogCenter::storeBounded(qxlog::center::PendingQueue& queue, Dictionary record) {
   if (delivery() == Delivery::kAtLeastOnce) {
     std::size_t dropped = queue.makeRoom(queueLimit());
     if (dropped != 0) {
@@ -71,7 +71,7 @@ void QXLogCenter::makePlayLog() {
   Dictionary folded;
   {
     std::lock_guard lock(lock_);
-    qxlog::PendingQueue& queue = playQueueLocked();
+    qxlog::center::PendingQueue& queue = playQueueLocked();
     if (queue.empty() || !currentPlayHeader_) return;
     folded = *currentPlayHeader_;
     Array actions;

@@ -50,5 +50,5 @@ void QXLogCenter::settingsAnswered(const platform::HttpResponse& response) {
   settings.setLimitLogCount(serial::integerValue(resultField(answer, "push_interval_number")));
   settings.setCurrent_time(resultField(answer, "current_time"));
   settings.setServerInfoUpdateTime(env().wallSeconds() * 1000.0);
-  startTime(qxlog::pushIntervalSeconds(interval));
+  startTime(qxlog::center::pushIntervalSeconds(interval));
 }

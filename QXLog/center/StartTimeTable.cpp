@@ -7,11 +7,11 @@
 #include "QXLog/support/Time.h"
 
 void QXLogCenter::saveActionStartTime(const std::string& key) {
-  std::string now = qxlog::currentMillisText(env().clock());
+  std::string now = qxlog::support::currentMillisText(env().clock());
   std::lock_guard lock(lock_);
   Dictionary& table = startTimeTableLocked();
   table.set(key, qxlog::Value(std::move(now)));
-  qxlog::support::writeCollection(env(), table, qxlog::kStartTimeFile);
+  qxlog::support::writeCollection(env(), table, qxlog::center::kStartTimeFile);
 }
 
 QXLogCenter::NullableString QXLogCenter::getActionStartTime(const std::string& key) {

@@ -21,7 +21,7 @@ void QXLogCenter::submitAllLog() {
   // lock, so that a record stored meanwhile is either sent or still queued.
   std::lock_guard lock(lock_);
   if (actionQueueLocked().empty() && playQueueLocked().empty()) return;
-  if (actionQueueLocked().size() <= qxlog::kMaxBatchRecords) {
+  if (actionQueueLocked().size() <= qxlog::center::kMaxBatchRecords) {
     pushLog(combinationStatisticalLog(), std::string(), false);
   } else {
     reportBatch(BatchOutcome::kDropped, actionQueueLocked().size(), "backlog over 500 records");
@@ -56,7 +56,7 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
       }
     }
   }
-  upload->envelope = qxlog::traceEnvelopeText(env(), std::move(envelope));
+  upload->envelope = qxlog::center::traceEnvelopeText(env(), std::move(envelope));
   upload->diagnosis = diagnosis;
   if (url && url->empty()) {
     upload->url = format().pushLogUrl();
@@ -68,8 +68,8 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
 }
 
 void QXLogCenter::send(std::shared_ptr<const OutgoingUpload> upload) {
-  platform::HttpRequest request =
-      qxlog::makeUploadRequest(upload->envelope, upload->url.value_or(""), upload->announceGzip);
+  platform::HttpRequest request = qxlog::center::makeUploadRequest(
+      upload->envelope, upload->url.value_or(""), upload->announceGzip);
   env().globalQueue()->async([this, upload, request = std::move(request)] {
     platform::HttpResponse response = env().performHttp(request);
     // Answers are handled on the main queue, one at a time.
@@ -81,14 +81,15 @@ void QXLogCenter::send(std::shared_ptr<const OutgoingUpload> upload) {
 void QXLogCenter::uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
                                  const platform::HttpResponse& response) {
   if (upload->oldestBatch) return oldestBatchAnswered(response);
-  std::optional<qxlog::Value> answer = qxlog::acceptedAnswer(response);
-  if (!answer) return uploadFailed(*upload, qxlog::failureReason(response));
+  std::optional<qxlog::Value> answer = qxlog::center::acceptedAnswer(response);
+  if (!answer) return uploadFailed(*upload, qxlog::center::failureReason(response));
   pushLogging_ = false;
   hasRepeatSendLog_ = false;
   // Any code but "200" drops the batch: it left the queue when it was sent.
-  if (!qxlog::confirmsBatch(*answer)) {
+  if (!qxlog::center::confirmsBatch(*answer)) {
     if (upload->carriesQueue) {
-      reportBatch(BatchOutcome::kDropped, upload->snapshot.size(), qxlog::refusalReason(*answer));
+      reportBatch(BatchOutcome::kDropped, upload->snapshot.size(),
+                  qxlog::center::refusalReason(*answer));
     }
     return;
   }
@@ -102,7 +103,7 @@ void QXLogCenter::uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
     }
     clearActionQueueLocked();
   }
-  startTime(qxlog::pushIntervalSeconds(format().push_interval_time()));
+  startTime(qxlog::center::pushIntervalSeconds(format().push_interval_time()));
 }
 
 void QXLogCenter::uploadFailed(const OutgoingUpload& upload, const std::string& reason) {

@@ -10,7 +10,7 @@
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
 
-namespace qxlog {
+namespace qxlog::center {
 namespace {
 
 constexpr std::array<std::string_view, 6> kAcceptedContentTypes = {
@@ -82,4 +82,4 @@ std::string refusalReason(const Value& answer) {
   return "refused: operate_code " + serial::describe(*code);
 }
 
-}  // namespace qxlog
+}  // namespace qxlog::center

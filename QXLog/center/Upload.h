@@ -11,7 +11,7 @@
 #include "QXLog/platform/Env.h"
 #include "QXLog/platform/HttpTransport.h"
 
-namespace qxlog {
+namespace qxlog::center {
 
 // The most records one upload carries. In the described delivery a longer
 // backlog is discarded rather than sent; at least once it goes out in batches.
@@ -39,6 +39,6 @@ bool confirmsBatch(const Value& answer);
 std::string failureReason(const platform::HttpResponse& response);
 std::string refusalReason(const Value& answer);
 
-}  // namespace qxlog
+}  // namespace qxlog::center
 
 #endif  // QXLOG_CENTER_UPLOAD_H_

@@ -51,7 +51,8 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::launchLog(const NullableStrin
 QXLogMessageFormat::Dictionary QXLogMessageFormat::networkLog(
     const NullableString& networkLog, const NullableString& wasteTime,
     const NullableString& errorCode) const {
-  std::string sendTime = returnsSendTime(static_cast<double>(qxlog::currentMillis(env().clock())));
+  std::string sendTime =
+      returnsSendTime(static_cast<double>(qxlog::support::currentMillis(env().clock())));
   Dictionary record;
   record.reserve(5);
   record.setString("a_t", "7");
@@ -67,7 +68,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::actionLog(
     const NullableString& actionLog, const NullableString& actionTime,
     const NullableString& movie_index) const {
   // One clock reading gives both the server-corrected and the local time.
-  uint64_t now = qxlog::currentMillis(env().clock());
+  uint64_t now = qxlog::support::currentMillis(env().clock());
   Dictionary record;
   record.reserve(7);
   record.setString("a_t", "2");

@@ -50,14 +50,14 @@ Dictionary downloadRecord(const QXLogMessageFormat& format, const DownloadReport
   std::string hostAddress;
   std::string encodedUrl;
   if (!QXLogHelper::isEmptyOrNull(Value::fromNullable(movieUrl)) && movieUrl->starts_with("http")) {
-    encodedUrl = qxlog::percentEncodeQuery(*movieUrl);
+    encodedUrl = qxlog::support::percentEncodeQuery(*movieUrl);
     hostAddress = QXLogHelper::lookupHostIPAddressForURL(encodedUrl);
   }
 
   // The start time the host saved for this item; missing or non-numeric is 0.
   int64_t startMillis = downLog ? serial::longLongValue(savedStartTime) : 0;
   std::string start = format.returnsSendTime(static_cast<double>(startMillis));
-  uint64_t nowMillis = qxlog::currentMillis(format.env().clock());
+  uint64_t nowMillis = qxlog::support::currentMillis(format.env().clock());
   std::string now = format.returnsSendTime(static_cast<double>(nowMillis));
 
   // Elapsed whole seconds since the start, wrapping rather than overflowing.

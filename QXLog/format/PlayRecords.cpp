@@ -47,7 +47,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playLog(const NullableString&
     hostAddress = "localhost";
     recordedUrl = playLog.value_or("");
   } else if (playLog && playLog->starts_with("http")) {
-    recordedUrl = qxlog::percentEncodeQuery(*playLog);
+    recordedUrl = qxlog::support::percentEncodeQuery(*playLog);
     hostAddress = QXLogHelper::lookupHostIPAddressForURL(recordedUrl);
   }
   std::string deviceAddress = QXLogHelper::getIPAddress();
@@ -82,7 +82,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playActionLog(
     buffer_start_time_ = startTime;
   }
   std::string recordTime =
-      returnsSendTime(static_cast<double>(qxlog::currentMillis(env().clock())));
+      returnsSendTime(static_cast<double>(qxlog::support::currentMillis(env().clock())));
   // (The stored "play_total_time" default that used to be read here has no
   // effect on the record and is not read.)
 
@@ -108,7 +108,7 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playTrailerLog(
     const NullableString& start_position, const NullableString& end_position,
     const NullableString& play_total_time) const {
   std::string recordTime =
-      returnsSendTime(static_cast<double>(qxlog::currentMillis(env().clock())));
+      returnsSendTime(static_cast<double>(qxlog::support::currentMillis(env().clock())));
 
   // Seconds to milliseconds in 32 bits: the product wraps modulo 2^32.
   std::string total = "0";

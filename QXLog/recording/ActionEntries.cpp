@@ -21,15 +21,15 @@ void launchWithPushId(NullableString launchLog, NullableString push_id) {
   if (deferUntilReady(launchWithPushId, launchLog, push_id)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
   auto record =
-      format.launchLog(launchLog, qxlog::currentMillisText(format.env().clock()), push_id);
+      format.launchLog(launchLog, qxlog::support::currentMillisText(format.env().clock()), push_id);
   QXLogCenter::center().storeActionLog(std::move(record));
 }
 
 void action(NullableString actionLog, NullableString movie_index) {
   if (deferUntilReady(action, actionLog, movie_index)) return;
   QXLogMessageFormat& format = QXLogCenter::center().format();
-  auto record =
-      format.actionLog(actionLog, qxlog::currentMillisText(format.env().clock()), movie_index);
+  auto record = format.actionLog(actionLog, qxlog::support::currentMillisText(format.env().clock()),
+                                 movie_index);
   QXLogCenter::center().storeActionLog(std::move(record));
 }
 

@@ -16,5 +16,6 @@ void logEnvReady(bool ready) {
 }
 
 char* currentTime(void) {
-  return qxlog::recording::toHost(qxlog::currentMillisText(QXLogCenter::center().env().clock()));
+  return qxlog::recording::toHost(
+      qxlog::support::currentMillisText(QXLogCenter::center().env().clock()));
 }

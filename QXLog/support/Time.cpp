@@ -1,6 +1,6 @@
 #include "QXLog/support/Time.h"
 
-namespace qxlog {
+namespace qxlog::support {
 
 uint64_t currentMillis(const platform::Clock& clock) {
   double millis = clock.wallSeconds() * 1000.0;
@@ -14,4 +14,4 @@ std::string currentMillisText(const platform::Clock& clock) {
   return std::to_string(currentMillis(clock));
 }
 
-}  // namespace qxlog
+}  // namespace qxlog::support

@@ -7,13 +7,13 @@
 
 #include "QXLog/platform/Clock.h"
 
-namespace qxlog {
+namespace qxlog::support {
 
 // Milliseconds since 1970 on the clock's wall clock, truncated toward zero.
 uint64_t currentMillis(const platform::Clock& clock);
 // The same as "%llu" text.
 std::string currentMillisText(const platform::Clock& clock);
 
-}  // namespace qxlog
+}  // namespace qxlog::support
 
 #endif  // QXLOG_SUPPORT_TIME_H_

@@ -7,7 +7,7 @@
 
 #include "QXLog/serial/PercentEncoding.h"
 
-namespace qxlog {
+namespace qxlog::support {
 
 // The text with every byte outside the characters allowed in a URL query
 // (letters, digits, - . _ ~ ! $ & ' ( ) * + , ; = : / ? @) written as %XX,
@@ -16,6 +16,6 @@ inline std::string percentEncodeQuery(std::string_view text) {
   return serial::percentEncode(text, serial::kQueryPunctuation);
 }
 
-}  // namespace qxlog
+}  // namespace qxlog::support
 
 #endif  // QXLOG_SUPPORT_URLENCODING_H_

@@ -33,7 +33,7 @@ class UploadStressTest : public ::testing::Test {
     documents_ = pattern;
     env_ = std::make_shared<platform::Env>(
         platform::Env::Parts{.console = [](const std::string&) {}, .documents = documents_});
-    QXLogMessageFormat& format = CenterRegistry::replaceForTesting(env_).format();
+    QXLogMessageFormat& format = center::CenterRegistry::replaceForTesting(env_).format();
     format.setPushLogUrl(server_.url("/log"));
     format.setLogEncryptionKey(kKey);
     format.setUid("1");

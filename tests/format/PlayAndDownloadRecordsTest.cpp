@@ -160,14 +160,14 @@ TEST_F(PlayAndDownloadRecordsTest, TrailerRecordAndTrace) {
 
 TEST(QueryEncoding, KeepsTheQueryCharactersAndEncodesEverythingElse) {
   const std::string kept = "abcxyzABCXYZ0189-._~!$&'()*+,;=:/?@";
-  EXPECT_EQ(percentEncodeQuery(kept), kept);
-  EXPECT_EQ(percentEncodeQuery("a b"), "a%20b");
-  EXPECT_EQ(percentEncodeQuery("100%#frag"), "100%25%23frag");
-  EXPECT_EQ(percentEncodeQuery("[x]\"<>\\^`{|}"), "%5Bx%5D%22%3C%3E%5C%5E%60%7B%7C%7D");
+  EXPECT_EQ(support::percentEncodeQuery(kept), kept);
+  EXPECT_EQ(support::percentEncodeQuery("a b"), "a%20b");
+  EXPECT_EQ(support::percentEncodeQuery("100%#frag"), "100%25%23frag");
+  EXPECT_EQ(support::percentEncodeQuery("[x]\"<>\\^`{|}"), "%5Bx%5D%22%3C%3E%5C%5E%60%7B%7C%7D");
   // Multi-byte characters byte by byte, upper-case hex.
-  EXPECT_EQ(percentEncodeQuery("\xC3\xA9\xE4\xB8\xAD"), "%C3%A9%E4%B8%AD");
-  EXPECT_EQ(percentEncodeQuery(std::string("\x01\x7f\xff", 3)), "%01%7F%FF");
-  EXPECT_EQ(percentEncodeQuery(""), "");
+  EXPECT_EQ(support::percentEncodeQuery("\xC3\xA9\xE4\xB8\xAD"), "%C3%A9%E4%B8%AD");
+  EXPECT_EQ(support::percentEncodeQuery(std::string("\x01\x7f\xff", 3)), "%01%7F%FF");
+  EXPECT_EQ(support::percentEncodeQuery(""), "");
 }
 
 TEST_F(PlayAndDownloadRecordsTest, RecordHasNoA2AndRepeatsTheSendTime) {

@@ -95,7 +95,7 @@ TEST(QueueTortureTest, KilledHostsLeaveWholeFilesAndKeepAcknowledgedRecords) {
   const std::string documents = (base / "Documents").string();
   fs::remove_all(base);
   fs::create_directories(documents);
-  CenterRegistry::createWithEnv(
+  center::CenterRegistry::createWithEnv(
       std::make_shared<platform::Env>(platform::Env::Parts{.documents = documents}));
 
   std::set<uint64_t> acknowledged;  // since the directory was last emptied
@@ -113,12 +113,12 @@ TEST(QueueTortureTest, KilledHostsLeaveWholeFilesAndKeepAcknowledgedRecords) {
 
     // The three files as a fresh process finds them, then the library's own
     // loader, which also clears away interrupted writes.
-    torn += isTorn(kActionQueueFile, Value::Type::kArray) +
-            isTorn(kPlayQueueFile, Value::Type::kArray) +
-            isTorn(kStartTimeFile, Value::Type::kDictionary);
-    const Array queue = QXLogHelper::store(nullptr, kActionQueueFile).value_or(Array());
-    QXLogHelper::store(nullptr, kPlayQueueFile);
-    QXLogHelper::storeDict(nullptr, kStartTimeFile);
+    torn += isTorn(center::kActionQueueFile, Value::Type::kArray) +
+            isTorn(center::kPlayQueueFile, Value::Type::kArray) +
+            isTorn(center::kStartTimeFile, Value::Type::kDictionary);
+    const Array queue = QXLogHelper::store(nullptr, center::kActionQueueFile).value_or(Array());
+    QXLogHelper::store(nullptr, center::kPlayQueueFile);
+    QXLogHelper::storeDict(nullptr, center::kStartTimeFile);
     for (const fs::directory_entry& entry : fs::directory_iterator(documents)) {
       leftTemporaries += entry.path().filename().string().find(".tmp-") != std::string::npos;
     }

@@ -126,7 +126,7 @@ void LibraryTest::SetUp() {
   // Without a flush to the disk: it would be a task of its own on the timeline.
   files_ = std::make_shared<FaultyFileSystem>();
   recording::setEnvironmentReady(false);
-  CenterRegistry::replaceForTesting(std::make_shared<platform::Env>(platform::Env::Parts{
+  center::CenterRegistry::replaceForTesting(std::make_shared<platform::Env>(platform::Env::Parts{
       clock_, dispatcher_->mainQueue(), dispatcher_->globalQueue(),
       std::make_shared<platform::CurlTransport>(httpTimeLimit_), files_,
       [console = console_](const std::string& line) { console->add(line); }, documents_}));
@@ -139,7 +139,7 @@ void LibraryTest::TearDown() {
 }
 
 void LibraryTest::restart() {
-  CenterRegistry::replaceForTesting();
+  center::CenterRegistry::replaceForTesting();
 }
 
 std::string LibraryTest::documentsPath(const std::string& fileName) const {
