@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
@@ -33,6 +34,17 @@ bool waitFor(int fd, short events, const std::atomic<bool>& stopping) {
 }  // namespace
 
 HostileServer::HostileServer(Behaviour behaviour) : behaviour_(behaviour) {
+  listen();
+}
+
+HostileServer::HostileServer(std::string body, std::size_t stallAt)
+    : behaviour_(Behaviour::kStallMidBody),
+      body_(std::move(body)),
+      stallAt_(std::min(stallAt, body_.size())) {
+  listen();
+}
+
+void HostileServer::listen() {
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -143,7 +155,23 @@ void HostileServer::answer(int connection) {
       break;
     case Behaviour::kClose:
       break;
+    case Behaviour::kStallMidBody:
+      answerWithStall(connection);
+      break;
   }
+}
+
+void HostileServer::answerWithStall(int connection) {
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: video/ogg\r\nContent-Length: " +
+                           std::to_string(body_.size()) +
+                           "\r\nAccept-Ranges: none\r\nConnection: close\r\n\r\n";
+  if (!sendAll(connection, head.data(), head.size()) ||
+      !sendAll(connection, body_.data(), stallAt_)) {
+    return;
+  }
+  stalled_.store(true);
+  while (!released_.load() && !stopping_.load()) ::poll(nullptr, 0, kPollStepMs);
+  sendAll(connection, body_.data() + stallAt_, body_.size() - stallAt_);
 }
 
 }  // namespace qxlog::testing

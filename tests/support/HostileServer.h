@@ -1,5 +1,6 @@
 // A server on 127.0.0.1 that misbehaves on purpose, one way per instance, for
-// tests of how the library meets broken and hostile log servers. Connections
+// tests of how the library and the player adapter meet broken and hostile
+// servers. Connections
 // are served one at a time on the server's own thread; every wait polls in
 // short steps so that the destructor always returns promptly.
 #ifndef QXLOG_TESTS_SUPPORT_HOSTILESERVER_H_
@@ -22,9 +23,12 @@ class HostileServer {
     kStall,            // reads the request and then says nothing
     kRedirectLoop,     // every request is sent back to itself with a 302
     kClose,            // reads the request and closes without a word
+    kStallMidBody,     // serves a body, not seekable, held back after its first bytes
   };
 
   explicit HostileServer(Behaviour behaviour);
+  // kStallMidBody: `body`, held back after `stallAt` bytes until release().
+  HostileServer(std::string body, std::size_t stallAt);
   ~HostileServer();
   HostileServer(const HostileServer&) = delete;
   HostileServer& operator=(const HostileServer&) = delete;
@@ -34,15 +38,23 @@ class HostileServer {
   std::size_t requests() const { return requests_.load(); }
   // Answer bytes the client took before it went away.
   uint64_t bytesSent() const { return bytesSent_.load(); }
+  // kStallMidBody: whether an answer waits at the stall, and its release.
+  bool stalled() const { return stalled_.load(); }
+  void release() { released_.store(true); }
 
  private:
+  void listen();
   void serve();
   void answer(int connection);
+  void answerWithStall(int connection);
   bool readRequest(int connection);
   // Sends all of `bytes`; false once the client has gone or the server stops.
   bool sendAll(int connection, const char* bytes, std::size_t size);
 
   Behaviour behaviour_;
+  std::string body_;
+  std::size_t stallAt_ = 0;
+  std::atomic<bool> stalled_{false}, released_{false};
   int listener_ = -1;
   int port_ = 0;
   std::atomic<bool> stopping_{false};

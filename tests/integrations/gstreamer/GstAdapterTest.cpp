@@ -9,7 +9,7 @@
 #include "QXLog/QXLogGst.h"
 #include "QXLog/recording/Gate.h"
 #include "collector/decode/EnvelopeDecoder.h"
-#include "tests/integrations/gstreamer/StallingServer.h"
+#include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
 
 namespace qxlog::testing {
@@ -213,7 +213,7 @@ TEST_F(GstAdapterTest, PauseResumeAndSeekInRealTime) {
 
 TEST_F(GstAdapterTest, AStallOverHttpIsRebuffering) {
   const std::string bytes = files_->read(clip_).value_or("");
-  StallingServer server(bytes, bytes.size() / 2);
+  HostileServer server(bytes, bytes.size() / 2);
   bool releasing = false;
   play(server.url("/clip.ogv"), false, [&](GstElement* playbin, GstMessage* message) {
     GstState old, state, pending;
@@ -228,7 +228,7 @@ TEST_F(GstAdapterTest, AStallOverHttpIsRebuffering) {
     g_timeout_add(
         300,
         +[](gpointer server) {
-          static_cast<StallingServer*>(server)->release();
+          static_cast<HostileServer*>(server)->release();
           return G_SOURCE_REMOVE;
         },
         &server);
@@ -262,7 +262,7 @@ TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
     SCOPED_TRACE(c.name);
     TearDown();
     SetUp();
-    StallingServer stalling(files_->read(clip_).value_or(""), 0);
+    HostileServer stalling(files_->read(clip_).value_or(""), 0);
     if (c.status) server_->script(ScriptedAnswer{c.status, "text/plain", "missing"});
     const std::string url = c.status ? server_->url("/missing.ogv") : stalling.url("/clip.ogv");
     play(url, false, {}, [&] { return c.status == 0 && stalling.stalled(); });
