@@ -15,8 +15,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Outcome = QXLogCenter::BatchOutcome;
 
-constexpr const char* kActionFile = "UserStatisticalLog.plist";
-
 struct Report {
   Outcome outcome;
   std::size_t records;

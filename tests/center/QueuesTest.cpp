@@ -14,17 +14,12 @@
 namespace qxlog::testing {
 namespace {
 
-constexpr const char* kActionFile = "UserStatisticalLog.plist";
-constexpr const char* kPlayFile = "USERPlayActionStatisticalLog.plist";
-constexpr const char* kStartFile = "USERMovieStartTimeLog.plist";
-
 class QueuesTest : public LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
     center().format().setLimitLogCount(1000);  // no count-triggered submission
   }
-  QXLogCenter& center() { return QXLogCenter::center(); }
   // A file of tests/fixtures/ in place of a queue file.
   void place(const char* fixture, const char* name) {
     std::filesystem::copy_file(std::string(QXLOG_TEST_FIXTURES) + "/" + fixture,

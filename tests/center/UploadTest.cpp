@@ -11,8 +11,6 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr const char* kActionFile = "UserStatisticalLog.plist";
-
 Dictionary action(const std::string& item) {
   return strings({{"a_t", "2"}, {"a_1", item}});
 }

@@ -20,9 +20,6 @@ using namespace std::string_literals;
 
 class PlayAndDownloadRecordsTest : public LibraryTest {
  protected:
-  QXLogCenter& center() { return QXLogCenter::center(); }
-  QXLogMessageFormat& format() { return center().format(); }
-
   // A play-action record of the given type and start time.
   Dictionary action(const NullableString& type, const NullableString& start,
                     const NullableString& playTime = "0") {

@@ -21,7 +21,6 @@ using namespace std::string_literals;
 
 class RecordsTest : public LibraryTest {
  protected:
-  QXLogMessageFormat& format() { return QXLogCenter::center().format(); }
   // A sealed field of `body` opened with `key`, as JSON text.
   std::string opened(const Dictionary& body, const char* name, const NullableString& key) {
     auto decoded = collector::decodeLogDataText(field(body, name), key);

@@ -23,7 +23,6 @@ class EntriesTest : public LibraryTest {
     center().format().setLimitLogCount(1000);  // no batch is reached in these tests
     logEnvReady(true);
   }
-  QXLogCenter& center() { return QXLogCenter::center(); }
   std::string header() { return json(center().currentPlayHeader().value_or(Dictionary())); }
 };
 
@@ -147,9 +146,9 @@ class GateTest : public LibraryTest {
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
-    QXLogCenter::center().format().setLimitLogCount(1000);  // keep records queued
+    format().setLimitLogCount(1000);  // keep records queued
   }
-  Array queue() { return QXLogCenter::center().actionLog(); }
+  Array queue() { return center().actionLog(); }
   std::vector<std::string> queued() { return items(queue()); }
 };
 
@@ -264,7 +263,7 @@ TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentM
   EXPECT_EQ(QXLogFormatCopyString("phone"), nullptr);  // nil
   EXPECT_EQ(QXLogFormatCopyString("no such property"), nullptr);
   QXLogFormatSetIsDev(true);
-  EXPECT_EQ(QXLogCenter::center().format().limitLogCount(), 2);
+  EXPECT_EQ(format().limitLogCount(), 2);
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ class DiskTroubleTest : public LibraryTest, public ::testing::WithParamInterface
  protected:
   void SetUp() override {
     LibraryTest::SetUp();
-    QXLogCenter::center().format().setLimitLogCount(1000);  // nothing is uploaded
+    format().setLimitLogCount(1000);  // nothing is uploaded
     logEnvReady(true);
   }
   static void report(int from, int to) {
@@ -33,7 +33,7 @@ class DiskTroubleTest : public LibraryTest, public ::testing::WithParamInterface
     for (int i = from; i < to; ++i) result.push_back(std::to_string(i));
     return result;
   }
-  std::vector<std::string> inMemory() { return items(QXLogCenter::center().actionLog()); }
+  std::vector<std::string> inMemory() { return items(center().actionLog()); }
   std::vector<std::string> inFile() {
     return items(readQueueFile("UserStatisticalLog.plist").value_or(Array()));
   }
@@ -85,7 +85,7 @@ TEST_F(InterruptedWriteTest, LoadingAQueueClearsOnlyItsOwnInterruptedWrites) {
                         "UserStatisticalLog.plist.bak", "notes.txt"};
   for (const char* name : stale) std::ofstream(documentsPath(name)) << "<plist";
   for (const char* name : kept) std::ofstream(documentsPath(name)) << "x";
-  EXPECT_TRUE(QXLogCenter::center().actionLog().empty());
+  EXPECT_TRUE(center().actionLog().empty());
   for (const char* name : stale) EXPECT_FALSE(fs::exists(documentsPath(name))) << name;
   for (const char* name : kept) EXPECT_TRUE(fs::exists(documentsPath(name))) << name;
 }

@@ -12,7 +12,6 @@
 namespace qxlog::testing {
 namespace {
 
-constexpr const char* kActionFile = "UserStatisticalLog.plist";
 constexpr const char* kReplacement = "\xEF\xBF\xBD";
 
 class HostInputTest : public UploadTest {

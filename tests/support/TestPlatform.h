@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogExecutor.h"
 #include "QXLog/QXLogValue.h"
 #include "QXLog/platform/Clock.h"
@@ -22,6 +23,11 @@
 #include "tests/support/FaultyFileSystem.h"
 
 namespace qxlog::testing {
+
+// The queue files, by the names installations have on disk.
+inline constexpr const char* kActionFile = "UserStatisticalLog.plist";
+inline constexpr const char* kPlayFile = "USERPlayActionStatisticalLog.plist";
+inline constexpr const char* kStartFile = "USERMovieStartTimeLog.plist";
 
 class VirtualClock final : public platform::Clock {
  public:
@@ -91,6 +97,8 @@ class LibraryTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
+  QXLogCenter& center() { return QXLogCenter::center(); }
+  QXLogMessageFormat& format() { return center().format(); }
   // A new center over the same directory, as after a restart of the process.
   void restart();
   std::string documentsPath(const std::string& fileName) const;

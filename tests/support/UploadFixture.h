@@ -18,8 +18,6 @@ class UploadTest : public LibraryTest {
   void SetUp() override;
   void TearDown() override;
 
-  QXLogCenter& center() { return QXLogCenter::center(); }
-  QXLogMessageFormat& format() { return center().format(); }
   // Runs every task due now: requests go out and their answers are handled.
   void settle() { dispatcher_->runDue(); }
   // The upload body the server received in request `index`, decoded.
