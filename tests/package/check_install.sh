@@ -42,16 +42,20 @@ cc -std=c11 $flags -o "$work/pkgconfig-static-consumer" "$consumer/consumer.c" \
 printf '#include <QXLog/QXLogCenter.h>\n#include <QXLog/QXLogHelper.h>\n#include <QXLog/QXLogExecutor.h>\nint main() { return 0; }\n' \
   >"$work/headers.cpp"
 c++ -std=c++20 -fsyntax-only $(pkg-config --cflags qxlog) "$work/headers.cpp"
-# The GStreamer adapter's component, when it was built: its pkg-config file
-# brings GStreamer and the library.
+# The GStreamer adapter's component, when it was built: its CMake component
+# and its pkg-config file bring GStreamer and the library.
 if [[ -e "$build/integrations/gstreamer/libqxlog-gst.so" ]]; then
   cmake --install "$build" --prefix "$prefix" --component gstreamer >/dev/null
+  cmake -S "$consumer/gst" -B "$work/cmake-gst" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
+  cmake --build "$work/cmake-gst" >/dev/null
   # shellcheck disable=SC2046,SC2086
   cc -std=c11 $flags -o "$work/gst-consumer" "$consumer/gst_consumer.c" \
-    $(pkg-config --cflags --libs qxlog-gst)
-  # libqxlog-gst finds libqxlog through the loader's path, as installed.
+    $(pkg-config --cflags --libs qxlog-gst) -Wl,-rpath,"$(pkg-config --variable=libdir qxlog-gst)"
+  # libqxlog-gst finds libqxlog beside itself, in any prefix.
   if [[ -z "$sanitize" ]]; then
-    LD_LIBRARY_PATH="$(pkg-config --variable=libdir qxlog)" "$work/gst-consumer"
+    "$work/gst-consumer"
+    "$work/cmake-gst/gst-consumer"
   fi
 fi
 echo "check_install: the installed package builds and links (CMake and pkg-config, shared and static)"
