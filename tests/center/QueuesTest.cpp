@@ -8,7 +8,10 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/platform/PosixFileSystem.h"
 #include "QXLog/serial/Json.h"
+#include "QXLog/serial/PropertyList.h"
+#include "QXLog/support/QueueXml.h"
 #include "tests/support/TestPlatform.h"
 
 namespace qxlog::testing {
@@ -171,6 +174,100 @@ TEST_F(QueuesTest, TheBatchSizeDecidesWhenAStoreFolds) {
   ASSERT_FALSE(console_->lines().empty());
   EXPECT_NE(console_->lines().back().find(R"("a":[{"a_t":"5","p":[{"p_2":"p1"}]}])"),
             std::string::npos);
+}
+
+// The queue file's XML cache against the whole writer.
+std::string wholeXml(const Array& queue) {
+  std::string xml;
+  serial::appendXmlPropertyList(xml, queue);
+  return xml;
+}
+
+// Records with everything the writer treats specially: escapes, control
+// characters, nesting, empty containers, numbers, booleans and null.
+Value record(int i) {
+  Dictionary d = makeStringDictionary({{"a_t", "2"}, {"a_1", "<a & b> \r\x01 ü"}});
+  d.set("i", Value(int64_t{i}));
+  d.set("r", Value(0.5 * i));
+  d.set("b", Value(i % 2 == 0));
+  d.set("n", Value());
+  d.set("p",
+        Value(Array{Value(makeStringDictionary({{"p_1", std::to_string(i)}})), Value(Array())}));
+  d.set("e", Value(Dictionary()));
+  return Value(std::move(d));
+}
+
+TEST(QueueXmlTest, AGrowingQueueGivesTheWholeWritersBytesAtEveryStep) {
+  support::QueueXml cache;
+  Array queue;
+  EXPECT_EQ(cache.documentFor(queue), wholeXml(queue));
+  for (int i = 0; i < 6; ++i) {
+    queue.push_back(record(i));
+    ASSERT_EQ(cache.documentFor(queue), wholeXml(queue)) << "after record " << i;
+    EXPECT_EQ(cache.cachedCount(), queue.size());
+  }
+  std::optional<Value> parsed = serial::parsePropertyList(cache.documentFor(queue));
+  ASSERT_TRUE(parsed.has_value() && parsed->isArray());
+  // Property lists have no null and no C0 controls, so compare a plain field.
+  ASSERT_EQ(parsed->asArray()->size(), queue.size());
+  EXPECT_EQ(*parsed->asArray()->back().asDictionary()->find("i"), Value(int64_t{5}));
+}
+
+// Replacing a file whole: by exchange or by rename, the path always holds the
+// old or the new contents, nothing is left beside it, and the flush to the
+// disk follows off the writer's thread, coalesced.
+namespace fs = std::filesystem;
+using platform::DurableFlush;
+using platform::PosixFileSystem;
+
+class AtomicReplaceTest : public LibraryTest {
+ protected:
+  std::vector<std::string> directoryListing() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(documents_)) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+};
+
+TEST_F(AtomicReplaceTest, ExchangeAndRenameLeaveTheNewContentsAndNothingElse) {
+  for (bool exchange : {true, false}) {
+    SCOPED_TRACE(exchange);
+    PosixFileSystem files({nullptr, exchange});
+    std::string path = documentsPath(exchange ? "exchanged.plist" : "renamed.plist");
+    ASSERT_TRUE(files.replaceAtomically(path, "first"));  // nothing to exchange with
+    ASSERT_TRUE(files.replaceAtomically(path, std::string(100000, 'x')));
+    ASSERT_TRUE(files.replaceAtomically(path, "third"));
+    EXPECT_EQ(files.read(path), "third");
+  }
+  EXPECT_EQ(directoryListing(), (std::vector<std::string>{"exchanged.plist", "renamed.plist"}));
+  // A directory that is gone fails the write and leaves nothing behind.
+  EXPECT_FALSE(files_->replaceAtomically(documentsPath("missing/x.plist"), "x"));
+}
+
+TEST_F(AtomicReplaceTest, FlushesAreCoalescedIntoOneTaskAtATime) {
+  PosixFileSystem files({dispatcher_->globalQueue()});
+  int before = files.flushRounds();
+  for (int i = 0; i < 50; ++i) {
+    files.replaceAtomically(documentsPath(i % 2 ? "a.plist" : "b.plist"), "x");
+  }
+  EXPECT_EQ(dispatcher_->pending(), 1u);  // one flush gathers all fifty
+  dispatcher_->advance(DurableFlush::kGathering - std::chrono::milliseconds(1));
+  EXPECT_EQ(files.flushRounds(), before);
+  dispatcher_->advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(files.flushRounds(), before + 1);
+  EXPECT_EQ(dispatcher_->pending(), 0u);
+
+  files.replaceAtomically(documentsPath("a.plist"), "y");  // a new round
+  dispatcher_->advance(DurableFlush::kGathering);
+  EXPECT_EQ(files.flushRounds(), before + 2);
+  fs::remove(documentsPath("a.plist"));  // a file gone before its flush is fine
+  files.replaceAtomically(documentsPath("b.plist"), "z");
+  fs::remove(documentsPath("b.plist"));
+  dispatcher_->advance(DurableFlush::kGathering);
+  EXPECT_EQ(files.flushRounds(), before + 3);
 }
 
 }  // namespace
