@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <vector>
 
 namespace qxlog::platform {
@@ -23,8 +24,21 @@ PosixFileSystem::PosixFileSystem(Options options)
       flush_(options.flushExecutor ? std::make_shared<DurableFlush>(options.flushExecutor)
                                    : nullptr) {}
 
+// Like mkostemp, but created with the mode of the queue files (0644 less the
+// umask) instead of 0600, which spares every store a chmod: a metadata change
+// of its own in the file system's journal.
 int PosixFileSystem::createTemporary(char* pathPattern) {
-  return ::mkostemp(pathPattern, O_CLOEXEC);
+  static constexpr std::string_view kLetters =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  thread_local std::mt19937_64 random(std::random_device{}());
+  char* name = pathPattern + std::strlen(pathPattern) - 6;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    uint64_t bits = random();
+    for (int i = 0; i < 6; ++i, bits /= kLetters.size()) name[i] = kLetters[bits % kLetters.size()];
+    int fd = ::open(pathPattern, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return -1;
 }
 
 bool PosixFileSystem::writeAll(int fd, std::string_view bytes) {
@@ -74,7 +88,7 @@ bool PosixFileSystem::replaceAtomically(const std::string& path, std::string_vie
   temporary.push_back('\0');
   int fd = createTemporary(temporary.data());
   if (fd < 0) return false;
-  bool ok = ::fchmod(fd, 0644) == 0 && writeAll(fd, contents);
+  bool ok = writeAll(fd, contents);
   ok = (::close(fd) == 0) && ok;
   if (ok && putInPlace(temporary.data(), path.c_str())) return true;
   ::unlink(temporary.data());

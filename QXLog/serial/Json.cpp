@@ -26,10 +26,11 @@ constexpr std::array<char, 256> kEscapes = [] {
 }();
 
 // Writes JSON through a pointer into the string's own bytes. The string is
-// grown ahead of the writing in steps (zero-filled by the resize) and cut back
-// to what was written at the end: the values here are many short strings, and
-// one room check per piece costs far less than an append per character or per
-// piece.
+// grown ahead of the writing in steps, doubling from a small one (zero-filled by the
+// resize, so a one-record text must not start with a large step), and cut
+// back to what was written at the end: the values here are many short
+// strings, and one room check per piece costs far less than an append per
+// character or per piece.
 class JsonWriter {
  public:
   explicit JsonWriter(std::string& out) : out_(out), used_(out.size()) {}
@@ -76,13 +77,15 @@ class JsonWriter {
   }
 
  private:
-  static constexpr std::size_t kStep = 4096;
+  static constexpr std::size_t kFirstStep = 256;
+  static constexpr std::size_t kLargestStep = 4096;
 
   char* room(std::size_t n) {
     if (out_.size() - used_ < n) {
       // Stay within the capacity the caller reserved when it is enough.
-      std::size_t size = std::min(out_.capacity(), used_ + kStep);
-      if (size < used_ + n) size = used_ + n + kStep;
+      const std::size_t step = std::clamp(used_, kFirstStep, kLargestStep);
+      std::size_t size = std::min(out_.capacity(), used_ + step);
+      if (size < used_ + n) size = used_ + n + step;
       out_.resize(size);
     }
     return out_.data() + used_;

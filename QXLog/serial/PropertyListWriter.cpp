@@ -57,32 +57,32 @@ void appendIndent(std::string& out, int depth) {
   out.append(static_cast<std::size_t>(depth), '\t');
 }
 
-void appendElement(std::string& out, std::string_view tag, std::string_view escapedText) {
-  out += '<';
-  out += tag;
-  out += '>';
+// An element whose text needs no escaping. The tags are whole literals
+// ("<real>", "</real>\n"): three appends, where a record's keys and strings
+// are the bulk of every store's writing.
+void appendElement(std::string& out, std::string_view open, std::string_view escapedText,
+                   std::string_view close) {
+  out += open;
   out += escapedText;
-  out += "</";
-  out += tag;
-  out += ">\n";
+  out += close;
 }
 
-void appendString(std::string& out, std::string_view tag, std::string_view text) {
-  out += '<';
-  out += tag;
-  out += '>';
+void appendString(std::string& out, std::string_view open, std::string_view text,
+                  std::string_view close) {
+  out += open;
   appendEscaped(out, text);
-  out += "</";
-  out += tag;
-  out += ">\n";
+  out += close;
 }
 
 void appendReal(std::string& out, double value) {
-  if (std::isnan(value)) return appendElement(out, "real", "nan");
-  if (std::isinf(value)) return appendElement(out, "real", value > 0 ? "+infinity" : "-infinity");
+  if (std::isnan(value)) return appendElement(out, "<real>", "nan", "</real>\n");
+  if (std::isinf(value)) {
+    return appendElement(out, "<real>", value > 0 ? "+infinity" : "-infinity", "</real>\n");
+  }
   char text[32];
   auto result = std::to_chars(text, text + sizeof text, value);
-  appendElement(out, "real", std::string_view(text, static_cast<std::size_t>(result.ptr - text)));
+  appendElement(out, "<real>", std::string_view(text, static_cast<std::size_t>(result.ptr - text)),
+                "</real>\n");
 }
 
 void appendNode(std::string& out, const Value& value, int depth);
@@ -109,7 +109,7 @@ void appendDictionary(std::string& out, const Dictionary& dictionary, int depth)
   out += "<dict>\n";
   for (const auto& [key, element] : dictionary) {
     appendIndent(out, depth + 1);
-    appendString(out, "key", key);
+    appendString(out, "<key>", key, "</key>\n");
     appendIndent(out, depth + 1);
     appendNode(out, element, depth + 1);
   }
@@ -120,16 +120,16 @@ void appendDictionary(std::string& out, const Dictionary& dictionary, int depth)
 void appendNode(std::string& out, const Value& value, int depth) {
   switch (value.type()) {
     case Value::Type::kNull:
-      return appendElement(out, "string", "");
+      return appendElement(out, "<string>", "", "</string>\n");
     case Value::Type::kBool:
       out += *value.asBool() ? "<true/>\n" : "<false/>\n";
       return;
     case Value::Type::kInteger:
-      return appendElement(out, "integer", std::to_string(*value.asInteger()));
+      return appendElement(out, "<integer>", std::to_string(*value.asInteger()), "</integer>\n");
     case Value::Type::kReal:
       return appendReal(out, *value.asReal());
     case Value::Type::kString:
-      return appendString(out, "string", *value.asString());
+      return appendString(out, "<string>", *value.asString(), "</string>\n");
     case Value::Type::kArray:
       return appendArray(out, *value.asArray(), depth);
     case Value::Type::kDictionary:
