@@ -81,14 +81,16 @@ class JsonWriter {
   static constexpr std::size_t kLargestStep = 4096;
 
   char* room(std::size_t n) {
-    if (out_.size() - used_ < n) {
-      // Stay within the capacity the caller reserved when it is enough.
-      const std::size_t step = std::clamp(used_, kFirstStep, kLargestStep);
-      std::size_t size = std::min(out_.capacity(), used_ + step);
-      if (size < used_ + n) size = used_ + n + step;
-      out_.resize(size);
-    }
+    if (out_.size() - used_ < n) grow(n);
     return out_.data() + used_;
+  }
+  // Kept out of line: room() is on the path of every piece.
+  [[gnu::noinline]] void grow(std::size_t n) {
+    // Stay within the capacity the caller reserved when it is enough.
+    const std::size_t step = std::clamp(used_, kFirstStep, kLargestStep);
+    std::size_t size = std::min(out_.capacity(), used_ + step);
+    if (size < used_ + n) size = used_ + n + step;
+    out_.resize(size);
   }
   void commit(char* end) { used_ = static_cast<std::size_t>(end - out_.data()); }
   void put(char c) {
