@@ -95,7 +95,7 @@ TEST(QueueTortureTest, KilledHostsLeaveWholeFilesAndKeepAcknowledgedRecords) {
   const std::string documents = (base / "Documents").string();
   fs::remove_all(base);
   fs::create_directories(documents);
-  center::CenterRegistry::createWithEnv(
+  center::CenterRegistry::replaceForTesting(
       std::make_shared<platform::Env>(platform::Env::Parts{.documents = documents}));
 
   std::set<uint64_t> acknowledged;  // since the directory was last emptied
