@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs the reliability checks and prints one summary table:
 #   - the queue-file torture test (a host killed with SIGKILL at random moments),
-#   - the hostile-server, host-input and disk-trouble tests,
+#   - the hostile-server, host-input, disk-trouble and hostile-queue-file tests,
+#   - start-up against hostile queue files: time and peak memory per case,
 #   - every libFuzzer harness,
 #   - the delivery check: host processes report to a real collector while
 #     nothing goes wrong, while the collector is killed and restarted, and
@@ -25,7 +26,7 @@ fuzz_seconds="${QXLOG_FUZZ_SECONDS:-$fuzz_seconds}"
 scripts/install-deps.sh >&2
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog_tests \
-  qxlog_delivery_check qxlog_delivery_host qxlog-collector >&2
+  qxlog_delivery_check qxlog_delivery_host qxlog-collector qxlog_hostile_file_check >&2
 
 status=0
 torture_log=$(QXLOG_TORTURE_KILLS=$kills build/tests/qxlog_tests \
@@ -33,11 +34,13 @@ torture_log=$(QXLOG_TORTURE_KILLS=$kills build/tests/qxlog_tests \
 torture=$(grep -o 'queue torture:.*' <<<"$torture_log" || echo "queue torture: did not run")
 
 tests_log=$(build/tests/qxlog_tests \
-  --gtest_filter='HostileServerTest.*:HostInputTest.*:*DiskTroubleTest.*:InterruptedWriteTest.*' \
+  --gtest_filter='HostileServerTest.*:HostInputTest.*:*DiskTroubleTest.*:InterruptedWriteTest.*:*HostileQueueFileTest.*' \
   2>&1) || status=1
 passed=$(grep -c '^\[       OK \]' <<<"$tests_log" || true)
 failed=$(grep -c '^\[  FAILED  \].*(' <<<"$tests_log" || true)
 skipped=$(grep -c '^\[  SKIPPED \]' <<<"$tests_log" || true)
+
+files_table=$(build/tests/qxlog_hostile_file_check) || status=1
 
 fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
 
@@ -49,8 +52,10 @@ echo "Reliability summary ($([[ $kills == 300 ]] && echo long || echo short) run
 echo "----------------------------------------------------------------"
 echo "Queue-file torture"
 sed 's/^queue torture: /  /; s/, /\n  /g' <<<"$torture"
-echo "Hostile servers, host input, disk trouble"
+echo "Hostile servers, host input, disk trouble, hostile queue files"
 echo "  passed $passed, failed $failed, skipped $skipped"
+echo "Hostile queue files at start-up (goal: under 2 s and 64 MB each)"
+sed 's/^/  /' <<<"$files_table"
 echo "Fuzzing, $fuzz_seconds s per harness"
 sed 's/^/  /' <<<"$fuzz_table"
 echo "Delivery, batch size 20 (at least once must lose nothing)"

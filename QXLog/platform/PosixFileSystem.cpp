@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -76,8 +78,10 @@ bool PosixFileSystem::exists(const std::string& path) {
 }
 
 bool PosixFileSystem::createEmpty(const std::string& path) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
+  // Exclusive creation never follows a symbolic link: a link left at the
+  // path, even one that leads nowhere, is not used to create its target.
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
+  if (fd < 0) return errno == EEXIST;
   ::close(fd);
   return true;
 }
@@ -119,20 +123,63 @@ int PosixFileSystem::removeStaleTemporaries(const std::string& path) {
 }
 
 std::optional<std::string> PosixFileSystem::read(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  std::string contents;
-  char buffer[65536];
-  for (;;) {
-    ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      ::close(fd);
-      if (got < 0) return std::nullopt;
-      return contents;
-    }
-    contents.append(buffer, static_cast<std::size_t>(got));
+  RegularFileRead got = readRegularFile(path, std::numeric_limits<std::size_t>::max() - 1);
+  if (got.outcome != RegularFileRead::Outcome::kRead) return std::nullopt;
+  return std::move(got.contents);
+}
+
+// The path is looked at before it is opened, so that a device or a FIFO is
+// never opened at all (opening some devices has effects, and opening a FIFO
+// for reading waits for a writer). The descriptor is checked again, since
+// the path may have changed in between, and is opened without blocking in
+// case it became a FIFO.
+RegularFileRead PosixFileSystem::readRegularFile(const std::string& path, std::size_t maxBytes) {
+  using Outcome = RegularFileRead::Outcome;
+  RegularFileRead result;
+  auto kind = [&](const struct stat& info) {
+    if (!S_ISREG(info.st_mode)) return Outcome::kNotRegular;
+    result.size = static_cast<uint64_t>(info.st_size);
+    return result.size > maxBytes ? Outcome::kTooLarge : Outcome::kRead;
+  };
+  struct stat info;
+  if (::stat(path.c_str(), &info) != 0) {
+    result.outcome = errno == ENOENT || errno == ENOTDIR ? Outcome::kMissing : Outcome::kFailed;
+    return result;
   }
+  if ((result.outcome = kind(info)) != Outcome::kRead) return result;
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) {
+    result.outcome = errno == ENOENT ? Outcome::kMissing : Outcome::kFailed;
+    return result;
+  }
+  if (::fstat(fd, &info) != 0) {
+    result.outcome = Outcome::kFailed;
+  } else if ((result.outcome = kind(info)) == Outcome::kRead) {
+    // One byte past the bound tells a file that grew beyond it.
+    const std::size_t most = maxBytes + 1;
+    result.contents.resize(std::min<uint64_t>(result.size + 1, most));
+    std::size_t held = 0;
+    for (;;) {
+      if (held == result.contents.size()) {
+        if (held == most) break;
+        result.contents.resize(
+            std::min<std::size_t>(most, held + std::max<std::size_t>(held, 65536)));
+      }
+      ssize_t got = ::read(fd, result.contents.data() + held, result.contents.size() - held);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) result.outcome = Outcome::kFailed;
+      if (got <= 0) break;
+      held += static_cast<std::size_t>(got);
+    }
+    result.contents.resize(held);
+    if (held > maxBytes) {
+      result.outcome = Outcome::kTooLarge;
+      result.size = held;
+    }
+    if (result.outcome != Outcome::kRead) std::string().swap(result.contents);
+  }
+  ::close(fd);
+  return result;
 }
 
 bool PosixFileSystem::remove(const std::string& path) {

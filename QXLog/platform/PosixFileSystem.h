@@ -31,6 +31,7 @@ class PosixFileSystem : public FileSystem {
   bool replaceAtomically(const std::string& path, std::string_view contents) override;
   int removeStaleTemporaries(const std::string& path) override;
   std::optional<std::string> read(const std::string& path) override;
+  RegularFileRead readRegularFile(const std::string& path, std::size_t maxBytes) override;
   bool remove(const std::string& path) override;
 
   // Completed rounds of flushing, for tests and benchmarks.

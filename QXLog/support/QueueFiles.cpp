@@ -28,9 +28,17 @@ void write(const platform::Env& env, const Collection& root, std::string_view pl
 std::optional<Value> read(const platform::Env& env, std::string_view plist) {
   std::string path = ensureFile(env, plist);
   env.files().removeStaleTemporaries(path);
-  std::optional<std::string> bytes = env.files().read(path);
-  if (!bytes) return std::nullopt;
-  return serial::parsePropertyList(*bytes);
+  platform::RegularFileRead file = env.files().readRegularFile(path, kMaxQueueFileBytes);
+  using Outcome = platform::RegularFileRead::Outcome;
+  if (file.outcome == Outcome::kNotRegular) {
+    env.consoleWrite("QXLog: queue file " + std::string(plist) +
+                     " is not a regular file; read as damaged");
+  } else if (file.outcome == Outcome::kTooLarge) {
+    env.consoleWrite("QXLog: queue file " + std::string(plist) + " holds more than " +
+                     std::to_string(kMaxQueueFileBytes) + " bytes; read as damaged");
+  }
+  if (file.outcome != Outcome::kRead) return std::nullopt;
+  return serial::parsePropertyList(file.contents);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <limits>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/GlobalQueue.h"
 #include "QXLog/platform/MainQueue.h"
+#include "QXLog/platform/PosixFileSystem.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
 #include "tests/support/TestPlatform.h"
@@ -149,6 +151,39 @@ TEST(ConsoleRoutingTest, EnvironmentChoosesStderrSyslogOrNothing) {
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("syslog"), ConsoleDestination::kSyslog);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("off"), ConsoleDestination::kOff);
   // A process's trace lines with and without the variable: ToolsTest.
+}
+
+// The bounded read: the outcome by what lies at the path, the bound exact to
+// the byte, and a file that holds more than its size says (as /proc files do)
+// still stops one byte past the bound.
+TEST(RegularFileReadTest, OutcomeByWhatLiesAtThePathAndTheBoundExactToTheByte) {
+  using Outcome = RegularFileRead::Outcome;
+  char pattern[] = "/tmp/qxlog-read-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  const std::string dir = pattern, file = dir + "/five", link = dir + "/link";
+  std::ofstream(file) << "12345";
+  std::filesystem::create_symlink(file, link);
+  PosixFileSystem files({});
+  struct Row {
+    std::string path;
+    std::size_t bound;
+    Outcome outcome;
+    std::string contents;
+  };
+  for (const Row& row : std::vector<Row>{{file, 5, Outcome::kRead, "12345"},
+                                         {link, 5, Outcome::kRead, "12345"},
+                                         {file, 4, Outcome::kTooLarge, ""},
+                                         {dir + "/none", 5, Outcome::kMissing, ""},
+                                         {file + "/below", 5, Outcome::kMissing, ""},
+                                         {dir, 5, Outcome::kNotRegular, ""},
+                                         {"/dev/zero", 5, Outcome::kNotRegular, ""},
+                                         {"/proc/self/status", 10, Outcome::kTooLarge, ""}}) {
+    RegularFileRead got = files.readRegularFile(row.path, row.bound);
+    EXPECT_EQ(got.outcome, row.outcome) << row.path;
+    EXPECT_EQ(got.contents, row.contents) << row.path;
+  }
+  EXPECT_GT(files.read("/proc/self/status").value_or("").size(), 10u);
+  std::filesystem::remove_all(dir);
 }
 
 #ifdef QXLOG_TEST_GLIB_HOST
