@@ -88,7 +88,8 @@ class QXLogMessageFormat {
 
   // The common header "t_1" ... "t_12" that heads every upload.
   Dictionary publicLog() const;
-  // A local time in milliseconds on the server's clock, as "%lld" text.
+  // A local time in milliseconds on the server's clock, as "%lld" text. A
+  // server clock or elapsed time beyond 2^53 ms is left out: the local time.
   std::string returnsSendTime(double localMillis) const;
 
   // Launch, network and action records.

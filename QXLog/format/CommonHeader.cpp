@@ -26,10 +26,18 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::publicLog() const {
   return header;
 }
 
+// A server clock or an elapsed time beyond 2^53 ms (285 000 years either side
+// of 1970, and the last integer a double holds exactly) is no time a clock
+// keeps, and sums of such values can leave the 64-bit range: the correction is
+// then left out, as before any settings answer, and the send time is the local
+// time. Within the bound the sum is exact and cannot overflow.
 std::string QXLogMessageFormat::returnsSendTime(double localMillis) const {
+  constexpr int64_t kMostMillis = int64_t{1} << 53;
+  auto outOfBound = [](int64_t millis) { return millis > kMostMillis || millis < -kMostMillis; };
   int64_t elapsed = serial::truncateToInt64(localMillis - serverInfoUpdateTime());
   int64_t serverNow = serial::integerValue(current_time());
-  // Wrapping addition, done unsigned so that extreme values cannot overflow.
-  uint64_t sum = static_cast<uint64_t>(serverNow) + static_cast<uint64_t>(elapsed);
-  return serial::formatInteger(static_cast<int64_t>(sum));
+  if (outOfBound(serverNow) || outOfBound(elapsed)) {
+    return serial::formatInteger(serial::truncateToInt64(localMillis));
+  }
+  return serial::formatInteger(serverNow + elapsed);
 }

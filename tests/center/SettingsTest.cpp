@@ -91,6 +91,42 @@ TEST_F(SettingsTest, AnswersOfOtherShapesGiveTheirIntegerReadings) {
   }
 }
 
+// A server clock that is not a number keeps its reading (leading digits, else
+// 0); one beyond any clock (2^53 ms and more either way, saturated readings
+// included) is no answer for the correction: the send time is the local time.
+TEST_F(SettingsTest, AServerClockBeyondAnyClockLeavesTheSendTimeLocal) {
+  clock_->setWallSeconds(1700000000.0);
+  const std::string local = "1700000001500";
+  const struct {
+    std::string currentTime;  // as JSON
+    std::string sendTime;     // 1.5 s after the answer
+  } cases[] = {{R"("50000")", "51500"},
+               {R"("abc")", "1500"},
+               {"0", "1500"},
+               {R"("NaN")", "1500"},
+               {R"("-nan")", "1500"},
+               {R"("1e30")", "1501"},
+               {"9007199254740992", "9007199254742492"},
+               {"-9007199254740992", "-9007199254739492"},
+               {"9007199254740993", local},
+               {"-9223372036854775808", local},
+               {R"("-9223372036854775808")", local},
+               {"9223372036854775807", local},
+               {"9223372036854775808", local},
+               {R"("99999999999999999999")", local},
+               {"1e30", local},
+               {"-1e30", local}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.currentTime);
+    answerSettings(ScriptedAnswer::json(R"({"result":{"current_time":)" + c.currentTime + "}}"));
+    EXPECT_EQ(format().returnsSendTime(1700000001500.0), c.sendTime);
+  }
+  // A local time far from the answer's is left uncorrected too.
+  answerSettings(ScriptedAnswer::json(R"({"result":{"current_time":"50000"}})"));
+  EXPECT_EQ(format().returnsSendTime(1e30), "9223372036854775807");
+  EXPECT_EQ(format().returnsSendTime(-1e30), "-9223372036854775808");
+}
+
 TEST_F(SettingsTest, AFailedRequestIsRepeatedOnceInTheLifeOfTheProcess) {
   // A string that is not a URL ("(null)?token=...") fails as a closed connection does.
   for (bool url : {true, false}) {
