@@ -27,7 +27,7 @@ Env::Env(Parts parts)
       http_(orDefault<HttpTransport>(std::move(parts.http),
                                      [] { return std::make_shared<CurlTransport>(); })),
       files_(orDefault(std::move(parts.files), [this] { return systemFiles(globalQueue_); })),
-      ownConsole_(std::move(parts.console)),
+      ownConsole_(std::make_shared<const ConsoleSink>(std::move(parts.console))),
       ownDocuments_(std::move(parts.documents)),
       mainQueue_(ownMainQueue_),
       console_(ownConsole_) {
@@ -41,7 +41,7 @@ std::shared_ptr<Env> Env::Default() {
 }
 
 std::shared_ptr<Executor> Env::mainQueue() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mainQueue_;
 }
 
@@ -55,7 +55,7 @@ HttpResponse Env::performHttp(const HttpRequest& request) const {
 }
 
 std::string Env::documentsDirectory() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (documents_.empty()) {
     documents_ = documentsDirectoryFromEnvironment();
     files_->createDirectories(documents_);
@@ -71,28 +71,34 @@ std::string Env::documentsPath(std::string_view fileName) const {
 }
 
 void Env::consoleWrite(std::string_view line) const {
-  std::lock_guard lock(consoleMutex_);
-  if (console_) {
-    console_(std::string(line));
+  std::shared_ptr<const ConsoleSink> sink;
+  {
+    MutexLock lock(consoleMutex_);
+    sink = console_;
+  }
+  if (*sink) {
+    (*sink)(std::string(line));
   } else {
     writeToSystemConsole(*clock_, line);
   }
 }
 
 void Env::setMainQueue(std::shared_ptr<Executor> executor) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   mainQueue_ = executor ? std::move(executor) : ownMainQueue_;
 }
 
 void Env::setDocumentsDirectory(std::string path) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   documents_ = path.empty() ? ownDocuments_ : std::move(path);
   if (!documents_.empty()) files_->createDirectories(documents_);
 }
 
 void Env::setConsoleSink(ConsoleSink sink) {
-  std::lock_guard lock(consoleMutex_);
-  console_ = sink ? std::move(sink) : ownConsole_;
+  auto replacement = sink ? std::make_shared<const ConsoleSink>(std::move(sink)) : ownConsole_;
+  MutexLock lock(consoleMutex_);
+  console_.swap(replacement);
+  // The sink replaced is released after the lock, in case its end runs code.
 }
 
 }  // namespace qxlog::platform

@@ -8,7 +8,6 @@
 #define QXLOG_PLATFORM_ENV_H_
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -17,6 +16,7 @@
 #include "QXLog/platform/Console.h"
 #include "QXLog/platform/FileSystem.h"
 #include "QXLog/platform/HttpTransport.h"
+#include "QXLog/platform/Mutex.h"
 
 namespace qxlog::platform {
 
@@ -45,23 +45,26 @@ class Env {
   const Clock& clock() const { return *clock_; }
   std::shared_ptr<const Clock> sharedClock() const { return clock_; }
   double wallSeconds() const { return clock_->wallSeconds(); }
-  std::shared_ptr<Executor> mainQueue() const;
+  std::shared_ptr<Executor> mainQueue() const QXLOG_EXCLUDES(mutex_);
   std::shared_ptr<Executor> globalQueue() const { return globalQueue_; }
   // Exchanges the request over the transport; an invalid URL fails at once.
   HttpResponse performHttp(const HttpRequest& request) const;
   FileSystem& files() const { return *files_; }
   // The Documents directory, created with its parents the first time it is
   // resolved, and the path of a file in it.
-  std::string documentsDirectory() const;
+  std::string documentsDirectory() const QXLOG_EXCLUDES(mutex_);
   std::string documentsPath(std::string_view fileName) const;
-  // Lines are written one at a time.
-  void consoleWrite(std::string_view line) const;
+  // Hands the line to the console sink on the calling thread, with no lock of
+  // the library held: a sink may write lines of its own or call back into the
+  // library, and sinks on several threads may run at once. The system console
+  // writes each line whole.
+  void consoleWrite(std::string_view line) const QXLOG_EXCLUDES(consoleMutex_);
 
   // The host's choices, made through the public interface; an empty value
   // returns to the env's own part.
-  void setMainQueue(std::shared_ptr<Executor> executor);
-  void setDocumentsDirectory(std::string path);
-  void setConsoleSink(ConsoleSink sink);
+  void setMainQueue(std::shared_ptr<Executor> executor) QXLOG_EXCLUDES(mutex_);
+  void setDocumentsDirectory(std::string path) QXLOG_EXCLUDES(mutex_);
+  void setConsoleSink(ConsoleSink sink) QXLOG_EXCLUDES(consoleMutex_);
 
  private:
   const std::shared_ptr<const Clock> clock_;
@@ -69,14 +72,15 @@ class Env {
   const std::shared_ptr<Executor> globalQueue_;
   const std::shared_ptr<HttpTransport> http_;
   const std::shared_ptr<FileSystem> files_;
-  const ConsoleSink ownConsole_;
+  const std::shared_ptr<const ConsoleSink> ownConsole_;  // holds an empty sink when none
   const std::string ownDocuments_;
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<Executor> mainQueue_;
-  mutable std::string documents_;  // empty until resolved
-  mutable std::mutex consoleMutex_;
-  ConsoleSink console_;
+  mutable Mutex mutex_;
+  std::shared_ptr<Executor> mainQueue_ QXLOG_GUARDED_BY(mutex_);
+  mutable std::string documents_ QXLOG_GUARDED_BY(mutex_);  // empty until resolved
+  // Taken only to copy or replace the sink, never while it runs.
+  mutable Mutex consoleMutex_;
+  std::shared_ptr<const ConsoleSink> console_ QXLOG_GUARDED_BY(consoleMutex_);
 };
 
 }  // namespace qxlog::platform

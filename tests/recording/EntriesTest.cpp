@@ -266,5 +266,22 @@ TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentM
   EXPECT_EQ(format().limitLogCount(), 2);
 }
 
+// The console handler runs with no lock of the library held: it may call back
+// into the library, with a call that writes a console line of its own too.
+TEST_F(CInterfaceTest, TheConsoleHandlerMayCallBackIntoTheLibrary) {
+  std::vector<std::string> lines;
+  QXLogSetConsoleHandler(
+      [](const char* line, void* context) {
+        auto* seen = static_cast<std::vector<std::string>*>(context);
+        seen->push_back(line);
+        if (seen->size() == 1) QXLogFormatSetString("reenteredName", "x");
+      },
+      &lines);
+  QXLogFormatSetString("firstName", "x");
+  QXLogSetConsoleHandler(nullptr, nullptr);
+  EXPECT_EQ(lines, (std::vector<std::string>{"QXLog: unknown property \"firstName\" ignored",
+                                             "QXLog: unknown property \"reenteredName\" ignored"}));
+}
+
 }  // namespace
 }  // namespace qxlog::testing
