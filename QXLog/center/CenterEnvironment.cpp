@@ -1,5 +1,6 @@
 // The QXLogHelper methods whose described behaviour reads the operating
-// system (the clock, the queue files, the Documents directory): they read it
+// system (the clock, the queue files, the Documents directory, the device
+// facts): they read it
 // through the log center's environment, here in the center's layer, and hand
 // it down to the support code as an argument.
 #include "QXLog/QXLogCenter.h"
@@ -45,6 +46,19 @@ void QXLogHelper::removePlist(std::string_view plist) {
 double QXLogHelper::totalDiskSpace() {
   const qxlog::platform::Env& env = centerEnv();
   return qxlog::support::totalDiskSpaceOf(env, env.documentsDirectory());
+}
+
+// The free space is measured on "/var".
+double QXLogHelper::freeDiskSpace() {
+  return qxlog::support::freeDiskSpaceOf(centerEnv().facts(), "/var");
+}
+
+std::string QXLogHelper::lookupHostIPAddressForURL(const NullableString& url) {
+  return qxlog::support::ipv4AddressForUrl(centerEnv().facts(), url);
+}
+
+std::string QXLogHelper::getIPAddress() {
+  return qxlog::support::ipv4AddressOfInterface(centerEnv().facts(), "en0");
 }
 
 std::string QXLogHelper::obtainCurrentTime() {

@@ -4,6 +4,7 @@
 #include "QXLog/platform/CurlTransport.h"
 #include "QXLog/platform/DocumentsDirectory.h"
 #include "QXLog/platform/HttpUrl.h"
+#include "QXLog/platform/PosixDeviceFacts.h"
 #include "QXLog/platform/PosixFileSystem.h"
 
 namespace qxlog::platform {
@@ -27,6 +28,8 @@ Env::Env(Parts parts)
       http_(orDefault<HttpTransport>(std::move(parts.http),
                                      [] { return std::make_shared<CurlTransport>(); })),
       files_(orDefault(std::move(parts.files), [this] { return systemFiles(globalQueue_); })),
+      facts_(orDefault<const DeviceFacts>(std::move(parts.facts),
+                                          [] { return std::make_shared<PosixDeviceFacts>(); })),
       ownConsole_(std::make_shared<const ConsoleSink>(std::move(parts.console))),
       ownDocuments_(std::move(parts.documents)),
       mainQueue_(ownMainQueue_),

@@ -1,6 +1,6 @@
 // Everything the library takes from the operating system, in one object: the
 // clocks, the main and global queues, HTTP, files and the Documents
-// directory, and the console. The log center holds one and hands its parts to
+// directory, the console, and the device facts. The log center holds one and hands its parts to
 // the code below it. Env::Default() is the system's; tests and fuzzing build
 // one from parts of their own (a virtual clock, a deterministic dispatcher, a
 // transport without a network, a file system that fails on demand).
@@ -14,6 +14,7 @@
 #include "QXLog/QXLogExecutor.h"
 #include "QXLog/platform/Clock.h"
 #include "QXLog/platform/Console.h"
+#include "QXLog/platform/DeviceFacts.h"
 #include "QXLog/platform/FileSystem.h"
 #include "QXLog/platform/HttpTransport.h"
 #include "QXLog/platform/Mutex.h"
@@ -33,6 +34,7 @@ class Env {
     ConsoleSink console{};
     // Empty: chosen from the process environment (DocumentsDirectory.h).
     std::string documents{};
+    std::shared_ptr<const DeviceFacts> facts{};
   };
 
   explicit Env(Parts parts);
@@ -50,6 +52,7 @@ class Env {
   // Exchanges the request over the transport; an invalid URL fails at once.
   HttpResponse performHttp(const HttpRequest& request) const;
   FileSystem& files() const { return *files_; }
+  const DeviceFacts& facts() const { return *facts_; }
   // The Documents directory, created with its parents the first time it is
   // resolved, and the path of a file in it.
   std::string documentsDirectory() const QXLOG_EXCLUDES(mutex_);
@@ -72,6 +75,7 @@ class Env {
   const std::shared_ptr<Executor> globalQueue_;
   const std::shared_ptr<HttpTransport> http_;
   const std::shared_ptr<FileSystem> files_;
+  const std::shared_ptr<const DeviceFacts> facts_;
   const std::shared_ptr<const ConsoleSink> ownConsole_;  // holds an empty sink when none
   const std::string ownDocuments_;
 

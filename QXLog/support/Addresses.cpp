@@ -1,25 +1,11 @@
-// Network facts: the device's "en0" IPv4 address and a host's IPv4 address.
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <cstring>
+// Network facts: an interface's IPv4 address and a URL host's IPv4 address.
 #include <string>
 #include <string_view>
 
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/support/Facts.h"
 
 namespace qxlog::support {
 namespace {
-
-std::string dotted(const in_addr& address) {
-  char text[INET_ADDRSTRLEN] = {};
-  if (inet_ntop(AF_INET, &address, text, sizeof text) == nullptr) return std::string();
-  return text;
-}
 
 bool isSchemeChar(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '+' ||
@@ -28,19 +14,12 @@ bool isSchemeChar(char c) {
 
 }  // namespace
 
-std::string ipv4AddressOfInterface(std::string_view name) {
-  ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) return std::string();
+std::string ipv4AddressOfInterface(const platform::DeviceFacts& facts, std::string_view name) {
   std::string result;
-  for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr || entry->ifa_name == nullptr) continue;
-    if (entry->ifa_addr->sa_family != AF_INET || name != entry->ifa_name) continue;
-    // A later entry replaces an earlier one: the last address wins.
-    sockaddr_in address{};
-    std::memcpy(&address, entry->ifa_addr, sizeof address);
-    result = dotted(address.sin_addr);
+  // A later entry replaces an earlier one: the last address wins.
+  for (const platform::DeviceFacts::InterfaceAddress& entry : facts.interfaceAddresses()) {
+    if (entry.interface == name) result = entry.ipv4;
   }
-  freeifaddrs(list);
   return result;
 }
 
@@ -67,37 +46,11 @@ std::optional<std::string> hostOfUrl(std::string_view url) {
   return std::string(authority.substr(0, authority.find(':')));
 }
 
-std::string resolveIPv4(const std::string& host) {
-  if (host.empty()) return std::string();
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* answer = nullptr;
-  if (getaddrinfo(host.c_str(), nullptr, &hints, &answer) != 0 || answer == nullptr) {
-    return std::string();
-  }
-  std::string result;
-  if (answer->ai_addr != nullptr && answer->ai_addrlen >= sizeof(sockaddr_in)) {
-    sockaddr_in address{};
-    std::memcpy(&address, answer->ai_addr, sizeof address);
-    result = dotted(address.sin_addr);
-  }
-  freeaddrinfo(answer);
-  return result;
+std::string ipv4AddressForUrl(const platform::DeviceFacts& facts, const NullableString& url) {
+  if (!url) return std::string();
+  const std::optional<std::string> host = hostOfUrl(*url);
+  if (!host || host->empty() || host->front() == '[') return std::string();
+  return facts.resolveIPv4(*host);
 }
 
 }  // namespace qxlog::support
-
-namespace support = qxlog::support;
-
-std::string QXLogHelper::lookupHostIPAddressForURL(const NullableString& url) {
-  if (!url) return std::string();
-  const std::optional<std::string> host = support::hostOfUrl(*url);
-  // No host, or an IPv6 literal, which an IPv4 lookup cannot answer.
-  if (!host || host->empty() || host->front() == '[') return std::string();
-  return support::resolveIPv4(*host);
-}
-
-std::string QXLogHelper::getIPAddress() {
-  return support::ipv4AddressOfInterface("en0");
-}

@@ -1,5 +1,6 @@
 // Pieces of QXLogHelper's facts that take their inputs explicitly, so that
-// each can be exercised on paths, interfaces, URLs and moments of choice.
+// each can be exercised on paths, interfaces, URLs and moments of choice. The
+// facts come from the environment's DeviceFacts.
 #ifndef QXLOG_SUPPORT_FACTS_H_
 #define QXLOG_SUPPORT_FACTS_H_
 
@@ -7,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "QXLog/QXLogValue.h"
 #include "QXLog/platform/Env.h"
 
 namespace qxlog::support {
@@ -20,17 +22,19 @@ inline constexpr double kUnknownFreeSpace = 18446744073709551616.0;
 double totalDiskSpaceOf(const platform::Env& env, const std::string& path);
 // Bytes available to unprivileged users on the file system holding `path`;
 // kUnknownFreeSpace on failure.
-double freeDiskSpaceOf(const std::string& path);
+double freeDiskSpaceOf(const platform::DeviceFacts& facts, const std::string& path);
 
 // The dotted IPv4 address of the last IPv4 entry of the named interface, or "".
-std::string ipv4AddressOfInterface(std::string_view name);
+std::string ipv4AddressOfInterface(const platform::DeviceFacts& facts, std::string_view name);
 
 // The host part of an absolute URL ("scheme://[userinfo@]host[:port][/...]").
 // Nothing when the text has no scheme or no authority; "" when the authority
 // names no host. A bracketed IPv6 literal comes back with its brackets.
 std::optional<std::string> hostOfUrl(std::string_view url);
-// The first IPv4 address the resolver gives for a host name, dotted, or "".
-std::string resolveIPv4(const std::string& host);
+// The first IPv4 address the resolver gives for the URL's host, dotted; ""
+// for nil, a URL without a host, or an IPv6 literal, which an IPv4 lookup
+// cannot answer.
+std::string ipv4AddressForUrl(const platform::DeviceFacts& facts, const NullableString& url);
 
 }  // namespace qxlog::support
 

@@ -1,5 +1,6 @@
 #include "tests/support/TestPlatform.h"
 
+#include <arpa/inet.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,6 +96,32 @@ std::size_t VirtualDispatcher::pending() const {
   return schedule_.size();
 }
 
+platform::DeviceFacts::Space FixedDeviceFacts::fileSystemSpace(const std::string&) const {
+  std::lock_guard lock(mutex_);
+  return space_;
+}
+
+std::vector<platform::DeviceFacts::InterfaceAddress> FixedDeviceFacts::interfaceAddresses() const {
+  std::lock_guard lock(mutex_);
+  return addresses_;
+}
+
+std::string FixedDeviceFacts::resolveIPv4(const std::string& host) const {
+  in_addr address{};
+  if (host == "localhost") return "127.0.0.1";
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1 ? host : std::string();
+}
+
+void FixedDeviceFacts::setSpace(Space space) {
+  std::lock_guard lock(mutex_);
+  space_ = space;
+}
+
+void FixedDeviceFacts::setInterfaceAddresses(std::vector<InterfaceAddress> addresses) {
+  std::lock_guard lock(mutex_);
+  addresses_ = std::move(addresses);
+}
+
 void ConsoleCapture::add(const std::string& line) {
   std::lock_guard lock(mutex_);
   lines_.push_back(line);
@@ -125,11 +152,12 @@ void LibraryTest::SetUp() {
   console_ = std::make_shared<ConsoleCapture>();
   // Without a flush to the disk: it would be a task of its own on the timeline.
   files_ = std::make_shared<FaultyFileSystem>();
+  facts_ = std::make_shared<FixedDeviceFacts>();
   recording::setEnvironmentReady(false);
   center::CenterRegistry::replaceForTesting(std::make_shared<platform::Env>(platform::Env::Parts{
       clock_, dispatcher_->mainQueue(), dispatcher_->globalQueue(),
       std::make_shared<platform::CurlTransport>(httpTimeLimit_), files_,
-      [console = console_](const std::string& line) { console->add(line); }, documents_}));
+      [console = console_](const std::string& line) { console->add(line); }, documents_, facts_}));
 }
 
 void LibraryTest::TearDown() {

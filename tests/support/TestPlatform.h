@@ -78,6 +78,25 @@ class VirtualDispatcher {
   std::shared_ptr<platform::Executor> global_;
 };
 
+// Device facts of the test's choosing. At first: "lo" at 127.0.0.1 and no
+// "en0", as on a host without one; a file system of 64 GiB with 16 GiB free;
+// a resolver that knows "localhost" and answers a dotted IPv4 literal with
+// itself.
+class FixedDeviceFacts final : public platform::DeviceFacts {
+ public:
+  Space fileSystemSpace(const std::string& path) const override;
+  std::vector<InterfaceAddress> interfaceAddresses() const override;
+  std::string resolveIPv4(const std::string& host) const override;
+
+  void setSpace(Space space);
+  void setInterfaceAddresses(std::vector<InterfaceAddress> addresses);
+
+ private:
+  mutable std::mutex mutex_;
+  Space space_{0, 16777216, 4194304, 4096};
+  std::vector<InterfaceAddress> addresses_{{"lo", "127.0.0.1"}};
+};
+
 class ConsoleCapture {
  public:
   void add(const std::string& line);
@@ -109,6 +128,7 @@ class LibraryTest : public ::testing::Test {
   std::unique_ptr<VirtualDispatcher> dispatcher_;
   std::shared_ptr<ConsoleCapture> console_;
   std::shared_ptr<FaultyFileSystem> files_;
+  std::shared_ptr<FixedDeviceFacts> facts_;
   std::string documents_;
   // Positive: replaces every HTTP request's own time limit.
   std::chrono::milliseconds httpTimeLimit_{0};
