@@ -36,7 +36,8 @@ class QXLogCenter {
   using Array = qxlog::Array;
 
   // The single instance, created on first call on the system's environment
-  // (CenterRegistry gives it another before then).
+  // (CenterRegistry gives it another before then). Every member may be called
+  // from any thread; concurrent first callers all get the same object.
   static QXLogCenter& center();
 
   ~QXLogCenter();
@@ -48,8 +49,9 @@ class QXLogCenter {
   // files and the Documents directory, console.
   qxlog::platform::Env& env() const { return format_->env(); }
 
-  // The collections. Getters load a queue from its file on first use and
-  // return a snapshot; setters replace the collection in memory only.
+  // The collections. Getters load a queue from its file on first use (a
+  // bounded read that never blocks on the file) and return a snapshot;
+  // setters replace the collection in memory only.
   Array playActionLog();
   void setPlayActionLog(Array queue);
   Array actionLog();
@@ -59,8 +61,9 @@ class QXLogCenter {
   Dictionary actionStartTime();
   void setActionStartTime(Dictionary table);
 
-  // Appends a record to its queue, rewrites the queue file, then runs the
-  // count check.
+  // Appends a record to its queue and rewrites the queue file under the
+  // center's lock, before returning; then runs the count check outside the
+  // lock, which may submit.
   void storeActionLog(Dictionary record);
   void storePlayLog(Dictionary record);
   // The count check: at the batch size, folds pending play records or submits.
@@ -78,10 +81,14 @@ class QXLogCenter {
   void conditionAndSubmitLog();
   void submitAllLog();
   Dictionary combinationStatisticalLog();
-  // Posts an envelope to `url`, or to the log server when `url` is "".
+  // Posts an envelope to `url`, or to the log server when `url` is "". The
+  // envelope is traced on the calling thread; the exchange runs on the global
+  // queue and its answer is handled on the main queue.
   void pushLog(Dictionary envelope, const NullableString& url, bool diagnosis);
 
-  // Server settings and the push timer.
+  // Server settings and the push timer. The settings exchange runs on the
+  // global queue, which stores the answer; the timer fires on the global
+  // queue and submits on the main queue.
   void getLogServerInfo();
   void startTime(int32_t seconds);
 
@@ -103,7 +110,9 @@ class QXLogCenter {
   enum class BatchOutcome { kConfirmed = 0, kRetrying = 1, kDropped = 2 };
   using DeliveryHandler =
       std::function<void(BatchOutcome outcome, std::size_t records, const std::string& reason)>;
-  // An empty handler stops the reports.
+  // An empty handler stops the reports. The handler runs on the main queue,
+  // as a task of its own with no lock of the library held, and may call back
+  // into the library.
   void setDeliveryHandler(DeliveryHandler handler);
 
  private:

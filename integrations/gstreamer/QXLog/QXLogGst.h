@@ -12,6 +12,9 @@
  *     (video height as "720p"), end, error,
  *   - on an error, recordDiagnosLog with the error's message as the cause,
  *   - at the end of each play, a diagnosis with "play_summary".
+ * Each report runs on that context's thread and blocks it while the queue
+ * file is rewritten; the play header's report also while the name of a
+ * streamed URI's host is looked up.
  * A host that watches the bus too uses gst_bus_add_signal_watch and the
  * "message" signals: GStreamer allows one gst_bus_add_watch per bus.
  */
