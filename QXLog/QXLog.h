@@ -135,7 +135,8 @@ QXLOG_EXPORT void QXLogSetDocumentsDirectory(const char* path);
  * stderr, or what $QXLOG_CONSOLE says ("stderr", "syslog" or "off"). The
  * handler runs on the thread that writes the line, possibly on several
  * threads at once, and may call any function of this interface. `line` is
- * valid during the call only. */
+ * valid during the call only. A handler already running on another thread
+ * may still finish after its replacement is set. */
 QXLOG_EXPORT void QXLogSetConsoleHandler(void (*handler)(const char* line, void* context),
                                          void* context);
 
