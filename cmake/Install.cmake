@@ -6,7 +6,7 @@ include(CMakePackageConfigHelpers)
 
 set(QXLOG_PUBLIC_HEADERS
   QXLog/QXLog.h QXLog/QXLogCenter.h QXLog/QXLogMessageFormat.h QXLog/QXLogHelper.h
-  QXLog/QXLogValue.h QXLog/QXLogExecutor.h QXLog/QXLogPlayEvents.h)
+  QXLog/QXLogValue.h QXLog/QXLogExecutor.h QXLog/QXLogPlayEvents.h QXLog/QXLogPlay.h)
 set(QXLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QXLog)
 
 install(TARGETS qxlog qxlog_static EXPORT QXLogTargets

@@ -88,6 +88,15 @@ def main():
     row("4 cold start, 500 rec", f"{cold['real_time']:.0f} us",
         f"libplist {parse['real_time']:.0f} us", f"{ratio:.2f}", "(reported)", None)
 
+    p = suite.get("PlayEventVsAction")
+    if p:
+        ratio = p["play_event_us"] / p["play_action_us"]
+        row("7 play event (API)", f"{p['play_event_us']:.0f} us (p90 {p['play_event_p90_us']:.0f})",
+            f"recordPlayActionLog {p['play_action_us']:.0f} us", f"{ratio:.2f}", "<= 1.00",
+            ratio <= 1.0,
+            f"{p['play_event_cpu_us']:.0f} / {p['play_action_cpu_us']:.0f} us = "
+            f"{p['play_event_cpu_us'] / p['play_action_cpu_us']:.2f}")
+
     def runs(name):
         with open(os.path.join(out, name)) as f:
             return [json.loads(line) for line in f if line.strip()]

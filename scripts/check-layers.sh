@@ -3,7 +3,7 @@
 # the top: recording (the C interface and the reporting functions), center,
 # format, support, platform (what talks to the operating system) and serial
 # (the serialisers: JSON, property lists, text, form and percent encoding). A
-# file may include its own layer and those below. Public headers belong to the layer of what they declare: QXLog.h to
+# file may include its own layer and those below. Public headers belong to the layer of what they declare: QXLog.h and QXLogPlay.h to
 # recording, QXLogCenter.h to center, QXLogMessageFormat.h to format,
 # QXLogHelper.h to support, QXLogExecutor.h to platform, QXLogValue.h to serial.
 set -euo pipefail
@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 
 layer() {  # layer <path inside the repository>
   case "$1" in
-    QXLog/recording/* | QXLog/QXLog.h) echo 5 ;;
+    QXLog/recording/* | QXLog/QXLog.h | QXLog/QXLogPlay.h) echo 5 ;;
     QXLog/center/* | QXLog/QXLogCenter.h) echo 4 ;;
     QXLog/format/* | QXLog/QXLogMessageFormat.h) echo 3 ;;
     QXLog/support/* | QXLog/QXLogHelper.h) echo 2 ;;

@@ -11,6 +11,7 @@ packages=(
   libglib2.0-dev libmicrohttpd-dev libjs-chart.js chromium
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  gstreamer1.0-tools gstreamer1.0-plugins-bad gstreamer1.0-libav
 )
 if [[ "${QXLOG_WITH_FUZZ:-0}" == 1 ]]; then
   packages+=(clang libclang-rt-14-dev)

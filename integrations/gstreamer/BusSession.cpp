@@ -7,7 +7,7 @@
 namespace qxlog::gst {
 namespace {
 
-// How often the position and the video's definition are read while playing:
+// How often the position and the video's rendition are read while playing:
 // the position before a seek is the last one read.
 constexpr guint kSampleMillis = 200;
 
@@ -16,9 +16,7 @@ constexpr guint kSampleMillis = 200;
 BusSession::BusSession(GstElement* pipeline, PlayIdentity identity)
     : pipeline_(GST_ELEMENT(gst_object_ref(pipeline))),
       bus_(gst_element_get_bus(pipeline)),
-      identity_(std::move(identity)),
-      wallAnchor_(g_get_real_time() / 1000),
-      monotonicAnchor_(g_get_monotonic_time() / 1000) {
+      identity_(std::move(identity)) {
   gst_bus_add_signal_watch(bus_);
   handler_ = g_signal_connect(bus_, "message", G_CALLBACK(onMessage), this);
   sampler_ = g_timeout_source_new(kSampleMillis);
@@ -41,7 +39,7 @@ BusSession::~BusSession() {
   g_source_unref(sampler_);
   // A play requested before the main context ran ends here, untold before.
   if (!play_ && requestedState() >= GST_STATE_PAUSED) begin();
-  if (play_) play_->ended(now(), position());
+  if (play_) play_->ended(position());
   gst_object_unref(bus_);
   gst_object_unref(pipeline_);
 }
@@ -62,26 +60,29 @@ void BusSession::handle(GstMessage* message) {
       return;
     case GST_MESSAGE_RESET_TIME:
       // A flush that resets the running time: the lost preroll was a seek.
-      if (play_ && lostPreroll_) play_->seekBegan(lostPreroll_->time, lostPreroll_->position);
+      if (play_ && lostPreroll_) play_->seekBegan(*lostPreroll_);
       return;
     case GST_MESSAGE_ASYNC_DONE:
       lostPreroll_.reset();
-      if (play_) play_->prerolled(now(), position());
+      if (play_) play_->prerolled(requestedState() == GST_STATE_PLAYING, position());
       sample();
       return;
     case GST_MESSAGE_BUFFERING: {
       gint percent = 100;
       gst_message_parse_buffering(message, &percent);
-      if (play_) play_->bufferingPercent(percent, now(), position());
+      if (play_) play_->bufferingPercent(percent, position());
       return;
     }
     case GST_MESSAGE_EOS:
-      if (play_) play_->ended(now(), position());
+      if (play_) play_->ended(position());
+      return;
+    case GST_MESSAGE_ELEMENT:
+      if (auto bitrate = adaptiveBitrate(message)) bitrate_ = *bitrate;
       return;
     case GST_MESSAGE_ERROR: {
       GError* error = nullptr;
       gst_message_parse_error(message, &error, nullptr);
-      if (play_) play_->failed(error != nullptr ? error->message : "", now(), position());
+      if (play_) play_->failed(error != nullptr ? error->message : "", position());
       g_clear_error(&error);
       return;
     }
@@ -102,33 +103,30 @@ void BusSession::stateChanged(GstMessage* message) {
   if (leavesReady && (!play_ || play_->ended())) begin();
   if (!play_) return;
   if (state <= GST_STATE_READY && old >= GST_STATE_PAUSED) {
-    play_->ended(now(), position());
+    play_->ended(position());
   } else if (state == GST_STATE_PLAYING && pending == GST_STATE_VOID_PENDING) {
-    play_->running(true, now(), position());
-    sample();
+    sample();  // the rendition of the first frame, before it is shown
+    play_->running(position());
   } else if (old == GST_STATE_PLAYING && state == GST_STATE_PAUSED &&
              pending == GST_STATE_VOID_PENDING) {
-    play_->pausedByHost(now(), position());
+    play_->pausedByHost(position());
   } else if (state == GST_STATE_PAUSED && old >= GST_STATE_PAUSED &&
              pending != GST_STATE_VOID_PENDING && play_->started()) {
-    play_->running(false, now(), lastPosition_);
-    if (!lostPreroll_) lostPreroll_ = Moment{now(), lastPosition_};
+    if (!lostPreroll_) lostPreroll_ = lastPosition_;
   }
 }
 
 void BusSession::sample() {
   if (!play_ || play_->ended()) return;
   position();
-  if (play_->started()) play_->definition(videoDefinition(pipeline_), now(), lastPosition_);
+  play_->rendition(videoHeight(pipeline_), bitrate_);
 }
 
 void BusSession::begin() {
   lastPosition_ = 0;
-  play_ = std::make_unique<PlayTracker>(identity_, playedUri(pipeline_), now());
-}
-
-int64_t BusSession::now() const {
-  return wallAnchor_ + g_get_monotonic_time() / 1000 - monotonicAnchor_;
+  bitrate_ = 0;
+  play_.reset();  // an earlier play ended; its handle goes
+  play_ = std::make_unique<PlayTracker>(identity_, playedUri(pipeline_));
 }
 
 int64_t BusSession::position() {

@@ -30,9 +30,6 @@ class BusSession {
   void begin();
   // The pipeline's state, or the one it is going to.
   GstState requestedState() const;
-  // Ms since 1970 on a steady clock: the wall clock at attach plus the
-  // monotonic time since.
-  int64_t now() const;
   int64_t position();
 
   GstElement* pipeline_;
@@ -41,14 +38,9 @@ class BusSession {
   GSource* sampler_ = nullptr;
   PlayIdentity identity_;
   std::unique_ptr<PlayTracker> play_;
-  struct Moment {
-    int64_t time;
-    int64_t position;
-  };
-  std::optional<Moment> lostPreroll_;  // since the pipeline lost its preroll
+  std::optional<int64_t> lostPreroll_;  // the position when the pipeline lost its preroll
   int64_t lastPosition_ = 0;
-  int64_t wallAnchor_;
-  int64_t monotonicAnchor_;
+  int64_t bitrate_ = 0;  // the adaptive demuxer's last choice; 0 when none said
 };
 
 }  // namespace qxlog::gst

@@ -38,17 +38,28 @@ std::optional<int64_t> mediaPosition(GstElement* pipeline) {
   return position / GST_MSECOND;
 }
 
-std::string videoDefinition(GstElement* pipeline) {
-  if (g_signal_lookup("get-video-pad", G_OBJECT_TYPE(pipeline)) == 0) return "";
+int videoHeight(GstElement* pipeline) {
+  if (g_signal_lookup("get-video-pad", G_OBJECT_TYPE(pipeline)) == 0) return 0;
   gint stream = -1;
   g_object_get(pipeline, "current-video", &stream, nullptr);
-  if (stream < 0) return "";
+  if (stream < 0) return 0;
   GstPad* pad = nullptr;
   g_signal_emit_by_name(pipeline, "get-video-pad", stream, &pad);
-  if (pad == nullptr) return "";
+  if (pad == nullptr) return 0;
   const int height = heightOf(pad);
   gst_object_unref(pad);
-  return height > 0 ? std::to_string(height) + "p" : "";
+  return height;
+}
+
+std::optional<int64_t> adaptiveBitrate(GstMessage* message) {
+  if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ELEMENT) return std::nullopt;
+  const GstStructure* structure = gst_message_get_structure(message);
+  if (structure == nullptr || !gst_structure_has_name(structure, "adaptive-streaming-statistics")) {
+    return std::nullopt;
+  }
+  gint bitrate = 0;
+  if (!gst_structure_get_int(structure, "bitrate", &bitrate) || bitrate <= 0) return std::nullopt;
+  return bitrate;
 }
 
 }  // namespace qxlog::gst

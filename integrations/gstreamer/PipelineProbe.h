@@ -15,9 +15,12 @@ namespace qxlog::gst {
 std::string playedUri(GstElement* pipeline);
 // Milliseconds of media time; nothing while unknown (before preroll, in a flush).
 std::optional<int64_t> mediaPosition(GstElement* pipeline);
-// The definition of the video playbin shows, from its caps' height ("720p");
-// "" when there is no video (yet) or the pipeline is not a playbin.
-std::string videoDefinition(GstElement* pipeline);
+// The height of the video playbin shows, from its caps; 0 when there is no
+// video (yet) or the pipeline is not a playbin.
+int videoHeight(GstElement* pipeline);
+// The bitrate an adaptive demuxer (HLS, DASH) says it switched to, from its
+// "adaptive-streaming-statistics" message; nothing for other messages.
+std::optional<int64_t> adaptiveBitrate(GstMessage* message);
 
 }  // namespace qxlog::gst
 

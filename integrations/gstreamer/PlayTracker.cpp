@@ -1,105 +1,83 @@
 #include "integrations/gstreamer/PlayTracker.h"
 
 namespace qxlog::gst {
+namespace {
 
-PlayTracker::PlayTracker(PlayIdentity identity, std::string url, int64_t now)
-    : reporter_(std::move(identity)), url_(std::move(url)), requestTime_(now), measures_(now) {
-  reporter_.start(url_);
-  reporter_.instant(QXLogPlayOperationStart, QXLogPlayStatusBuffering, now, 0);
+const char* orNull(const std::optional<std::string>& text) {
+  return text ? text->c_str() : nullptr;
 }
 
-void PlayTracker::running(bool running, int64_t now, int64_t position) {
-  if (ended_ || running == running_) return;
-  running_ = running;
-  measures_.setRunning(running, now);
-  if (!running) return;
-  if (auto startup = measures_.firstFrame(now, position)) {
-    reporter_.span(QXLogPlayOperationFirstFrame, status(), *startup);
-    resumeBuffering(now, position);
-  } else if (paused_) {
-    paused_ = false;
-    reporter_.instant(QXLogPlayOperationResume, status(), now, position);
-  }
+}  // namespace
+
+PlayTracker::PlayTracker(const PlayIdentity& identity, const std::string& url) {
+  const QXLogPlayInfo info{orNull(identity.movieId),    url.c_str(),
+                           orNull(identity.viewSource), orNull(identity.videoType),
+                           identity.isDownload,         orNull(identity.isPcdn)};
+  play_ = QXLogPlayBegin(&info);
 }
 
-void PlayTracker::pausedByHost(int64_t now, int64_t position) {
-  running(false, now, position);
-  if (ended_ || !started() || measures_.buffering() || measures_.seeking() || paused_) return;
-  paused_ = true;
-  reporter_.instant(QXLogPlayOperationPause, status(), now, position);
+PlayTracker::~PlayTracker() {
+  if (play_ != nullptr) QXLogPlayEnd(play_);
 }
 
-void PlayTracker::seekBegan(int64_t now, int64_t position) {
-  if (!ended_) measures_.seekBegan(now, position);
-}
-
-void PlayTracker::prerolled(int64_t now, int64_t position) {
-  if (ended_) return;
-  if (auto seek = measures_.seekEnded(now, position)) {
-    reporter_.span(QXLogPlayOperationSeek, status(), *seek);
-    resumeBuffering(now, position);
-  }
-}
-
-void PlayTracker::bufferingPercent(int percent, int64_t now, int64_t position) {
-  if (ended_) return;
-  percent_ = percent;
-  if (percent < 100) {
-    measures_.bufferingBegan(now, position);
-  } else {
-    closeBuffering(now, position);
-  }
-}
-
-void PlayTracker::definition(const std::string& definition, int64_t now, int64_t position) {
-  if (ended_ || definition.empty() || definition == definition_) return;
-  definition_ = definition;
-  reporter_.instant(QXLogPlayOperationQualityChange, status(), now, position);
-}
-
-void PlayTracker::ended(int64_t now, int64_t position) {
-  if (ended_) return;
-  closeBuffering(now, position);
-  const PlaySummary summary = measures_.finish(now, false);
-  ended_ = true;
-  reporter_.instant(QXLogPlayOperationEnd, QXLogPlayStatusStopped, now, position,
-                    summary.playedMillis);
-  reporter_.summary(outcome(now), summary);
-}
-
-void PlayTracker::failed(const std::string& cause, int64_t now, int64_t position) {
-  if (ended_) return;
-  closeBuffering(now, position);
-  const PlaySummary summary = measures_.finish(now, true);
-  ended_ = true;
-  reporter_.instant(QXLogPlayOperationError, QXLogPlayStatusFailed, now, position,
-                    summary.playedMillis);
-  reporter_.error(outcome(now), cause);
-  reporter_.summary(outcome(now), summary);
-}
-
-QXLogPlayStatus PlayTracker::status() const {
-  if (ended_) return QXLogPlayStatusStopped;
-  if (measures_.buffering()) return QXLogPlayStatusBuffering;
-  if (paused_) return QXLogPlayStatusPaused;
-  return started() && running_ ? QXLogPlayStatusPlaying : QXLogPlayStatusBuffering;
-}
-
-PlayOutcome PlayTracker::outcome(int64_t now) const {
-  return PlayOutcome{url_, requestTime_, now, measures_.startupMillis(), definition_};
+void PlayTracker::set(QXLogPlayerState state, int64_t position) {
+  if (play_ == nullptr) return;
+  state_ = state;
+  if (state == QXLogPlayerPlaying) started_ = true;
+  QXLogPlaySetState(play_, state, position);
 }
 
 // The buffer may still be filling when the startup or a seek ends (its
-// messages arrive from other threads, in any order with the state's): the
-// waiting goes on as rebuffering.
-void PlayTracker::resumeBuffering(int64_t now, int64_t position) {
-  if (percent_ < 100) measures_.bufferingBegan(now, position);
+// messages arrive from other threads, in any order with the state's): once
+// frames were shown, the waiting goes on as rebuffering.
+void PlayTracker::running(int64_t position) {
+  if (state_ == QXLogPlayerSeeking) return;  // the seek ends at its preroll
+  set(QXLogPlayerPlaying, position);
+  if (percent_ < 100) set(QXLogPlayerBuffering, position);
 }
 
-void PlayTracker::closeBuffering(int64_t now, int64_t position) {
-  if (auto span = measures_.bufferingEnded(now, position)) {
-    reporter_.span(QXLogPlayOperationBuffering, status(), *span);
+void PlayTracker::pausedByHost(int64_t position) {
+  if (state_ == QXLogPlayerBuffering || state_ == QXLogPlayerSeeking) return;
+  set(QXLogPlayerPaused, position);
+}
+
+void PlayTracker::seekBegan(int64_t position) {
+  if (started_) set(QXLogPlayerSeeking, position);
+}
+
+void PlayTracker::prerolled(bool playing, int64_t position) {
+  if (state_ != QXLogPlayerSeeking) return;
+  set(playing ? QXLogPlayerPlaying : QXLogPlayerPaused, position);
+  if (playing && percent_ < 100) set(QXLogPlayerBuffering, position);
+}
+
+// Playback stops for data only while it was playing; a buffer that refills
+// while paused, starting or seeking is no rebuffering.
+void PlayTracker::bufferingPercent(int percent, int64_t position) {
+  percent_ = percent;
+  if (percent < 100 && state_ == QXLogPlayerPlaying) {
+    set(QXLogPlayerBuffering, position);
+  } else if (percent >= 100 && state_ == QXLogPlayerBuffering) {
+    set(QXLogPlayerPlaying, position);
   }
+}
+
+void PlayTracker::rendition(int height, int64_t bitrate) {
+  if (play_ != nullptr && height > 0) QXLogPlayRendition(play_, height, bitrate);
+}
+
+void PlayTracker::ended(int64_t position) {
+  if (play_ == nullptr) return;
+  QXLogPlaySetState(play_, state_, position);  // the position reached
+  QXLogPlayEnd(play_);
+  play_ = nullptr;
+}
+
+void PlayTracker::failed(const std::string& cause, int64_t position) {
+  if (play_ == nullptr) return;
+  QXLogPlaySetState(play_, state_, position);
+  QXLogPlayError(play_, cause.c_str());
+  ended(position);
 }
 
 }  // namespace qxlog::gst

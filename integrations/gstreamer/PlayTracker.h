@@ -1,54 +1,61 @@
-// One play from its request to its end: turns the player's events into play
-// actions and diagnoses, and keeps the measures for the summary. Plain C++:
-// the caller reads the time (ms since 1970, steady) and the media position.
+// One play from its request to its end, told to the library's play API
+// (QXLog/QXLogPlay.h) as player states: the API measures it and reports its
+// actions and summary. The pipeline's events arrive in GStreamer's terms;
+// this class keeps only what is needed to name the state they mean.
 #ifndef QXLOG_INTEGRATIONS_GSTREAMER_PLAYTRACKER_H_
 #define QXLOG_INTEGRATIONS_GSTREAMER_PLAYTRACKER_H_
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
-#include "integrations/gstreamer/PlayMeasures.h"
-#include "integrations/gstreamer/PlayReporter.h"
+#include "QXLog/QXLogPlay.h"
 
 namespace qxlog::gst {
 
+// The host's strings, copied; nothing stays nothing (NULL), apart from "".
+struct PlayIdentity {
+  std::optional<std::string> movieId;
+  std::optional<std::string> viewSource;
+  std::optional<std::string> videoType;  // "1" when not given
+  bool isDownload = false;
+  std::optional<std::string> isPcdn;
+};
+
 class PlayTracker {
  public:
-  // Reports the play header and its start.
-  PlayTracker(PlayIdentity identity, std::string url, int64_t now);
+  // Begins the play: its header and its start.
+  PlayTracker(const PlayIdentity& identity, const std::string& url);
+  ~PlayTracker();  // ends the play if it did not end
+  PlayTracker(const PlayTracker&) = delete;
+  PlayTracker& operator=(const PlayTracker&) = delete;
 
-  bool started() const { return measures_.started(); }
-  bool ended() const { return ended_; }
+  bool started() const { return started_; }
+  bool ended() const { return play_ == nullptr; }
 
-  // The pipeline runs (PLAYING) or not; the first time it runs is the first frame.
-  void running(bool running, int64_t now, int64_t position);
-  // The pipeline went from PLAYING to PAUSED by itself, not in a seek: a
-  // pause unless a rebuffering span explains it.
-  void pausedByHost(int64_t now, int64_t position);
-  void seekBegan(int64_t now, int64_t position);
-  void prerolled(int64_t now, int64_t position);  // ends a seek
-  void bufferingPercent(int percent, int64_t now, int64_t position);
-  // The video's definition as last read; a change is reported.
-  void definition(const std::string& definition, int64_t now, int64_t position);
-  // End of stream, or the host stopped the play.
-  void ended(int64_t now, int64_t position);
-  void failed(const std::string& cause, int64_t now, int64_t position);
+  // The pipeline reached PLAYING: frames are shown, unless the buffer is
+  // still filling after the startup or a seek.
+  void running(int64_t position);
+  // The pipeline went from PLAYING to PAUSED by itself, not in a seek.
+  void pausedByHost(int64_t position);
+  void seekBegan(int64_t position);
+  // The pipeline prerolled again; `playing` when it goes on to PLAYING.
+  void prerolled(bool playing, int64_t position);
+  void bufferingPercent(int percent, int64_t position);
+  // The rendition shown: the video's height, and the bitrate the adaptive
+  // demuxer last chose (0 when none said).
+  void rendition(int height, int64_t bitrate);
+  // End of stream, or the host stopped the play, at `position`.
+  void ended(int64_t position);
+  void failed(const std::string& cause, int64_t position);
 
  private:
-  QXLogPlayStatus status() const;
-  PlayOutcome outcome(int64_t now) const;
-  void resumeBuffering(int64_t now, int64_t position);
-  void closeBuffering(int64_t now, int64_t position);
+  void set(QXLogPlayerState state, int64_t position);
 
-  PlayReporter reporter_;
-  std::string url_;
-  int64_t requestTime_;
-  PlayMeasures measures_;
-  bool running_ = false;
-  bool paused_ = false;
-  bool ended_ = false;
+  QXLogPlay* play_;
+  QXLogPlayerState state_ = QXLogPlayerStarting;
+  bool started_ = false;
   int percent_ = 100;  // the last buffering percentage
-  std::string definition_;
 };
 
 }  // namespace qxlog::gst

@@ -155,8 +155,8 @@ void LibraryTest::SetUp() {
   facts_ = std::make_shared<FixedDeviceFacts>();
   recording::setEnvironmentReady(false);
   center::CenterRegistry::replaceForTesting(std::make_shared<platform::Env>(platform::Env::Parts{
-      clock_, dispatcher_->mainQueue(), dispatcher_->globalQueue(),
-      std::make_shared<platform::CurlTransport>(httpTimeLimit_), files_,
+      realClock_ ? platform::systemClock() : clock_, dispatcher_->mainQueue(),
+      dispatcher_->globalQueue(), std::make_shared<platform::CurlTransport>(httpTimeLimit_), files_,
       [console = console_](const std::string& line) { console->add(line); }, documents_, facts_}));
 }
 

@@ -132,6 +132,9 @@ class LibraryTest : public ::testing::Test {
   std::string documents_;
   // Positive: replaces every HTTP request's own time limit.
   std::chrono::milliseconds httpTimeLimit_{0};
+  // The library reads the system's clock, not clock_ (which still times the
+  // dispatcher's tasks): for tests against real players.
+  bool realClock_ = false;
 };
 
 // A dictionary of strings, for expectations.

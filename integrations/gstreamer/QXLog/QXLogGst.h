@@ -4,17 +4,13 @@
  * Attach a session to a playbin (or any pipeline) before setting it to
  * PAUSED or PLAYING. The session watches the pipeline's bus with a signal
  * watch on the thread-default GLib main context of the attaching thread, so
- * the host must serve that context; it starts no thread. Every report goes
- * through the C interface of QXLog/QXLog.h, from that context:
- *   - the play header (recordPlayLog, with the URI playbin plays) and a start,
- *   - play actions (QXLog/QXLogPlayEvents.h): first frame (the startup
- *     span), pause, resume, seek (span), rebuffering (span), quality change
- *     (video height as "720p"), end, error,
- *   - on an error, recordDiagnosLog with the error's message as the cause,
- *   - at the end of each play, a diagnosis with "play_summary".
- * Each report runs on that context's thread and blocks it while the queue
- * file is rewritten; the play header's report also while the name of a
- * streamed URI's host is looked up.
+ * the host must serve that context; it starts no thread. Each play is told,
+ * from that context, to the play API of QXLog/QXLogPlay.h (QXLogPlayBegin
+ * with the URI playbin plays, then player states, renditions from the video
+ * caps' height and the adaptive demuxer's bitrate, an error's message, the
+ * end), which reports its header, its actions (QXLog/QXLogPlayEvents.h),
+ * the error's diagnosis and the end-of-play summary. Each call runs on that
+ * context's thread and blocks it while the play's small file is written.
  * A host that watches the bus too uses gst_bus_add_signal_watch and the
  * "message" signals: GStreamer allows one gst_bus_add_watch per bus.
  */

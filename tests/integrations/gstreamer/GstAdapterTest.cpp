@@ -1,7 +1,7 @@
 // The adapter on real playbin pipelines (fake sinks, no display), reporting to
 // the tests' log server: a generated clip from disk, over a stalling HTTP
-// server, with a pause, a resume and a seek, an HTTP 404, an early detach;
-// and its measures on timelines of events.
+// server, with a pause, a resume and a seek, an HTTP 404, an early detach, and
+// an HLS stream of two renditions.
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
@@ -12,7 +12,6 @@
 #include "QXLog/QXLogGst.h"
 #include "QXLog/recording/Gate.h"
 #include "collector/decode/EnvelopeDecoder.h"
-#include "integrations/gstreamer/PlayMeasures.h"
 #include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
 
@@ -48,6 +47,7 @@ class GstAdapterTest : public UploadTest {
   static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
 
   void SetUp() override {
+    realClock_ = true;  // the players' spans are real time
     UploadTest::SetUp();
     format().setLimitLogCount(1000);  // everything waits for deliver()
     recording::setEnvironmentReady(true);
@@ -164,10 +164,15 @@ TEST_F(GstAdapterTest, AFilePlayedToItsEnd) {
   const int64_t elapsed =
       std::chrono::duration_cast<std::chrono::milliseconds>(RealClock::now() - started).count();
   const Delivered play = deliver();
-  EXPECT_EQ(play.operations, (Operations{"1", "7", "9", "2"}));  // start, first frame, 120p, end
+  EXPECT_EQ(play.operations, (Operations{"1", "7", "2"}));  // start, first frame, end
   EXPECT_EQ(field(play.header, "a_t"), "5");
   EXPECT_EQ(field(play.header, "a_7"), "movie-7");
   ASSERT_EQ(play.diagnoses.size(), 1u);
+  EXPECT_EQ(play.text("play_id"), field(play.header, "play_id"));
+  EXPECT_EQ(play.text("movie_id"), "movie-7");
+  EXPECT_EQ(play.text("url"), "file://" + clip_);
+  EXPECT_EQ(play.text("top_height"), "120");
+  EXPECT_EQ(play.text("rendition_switches"), "0");
   EXPECT_EQ(play.text("definition", "play_info"), "120p");
   EXPECT_EQ(play.text("isPlayOK", "play_info"), "1");
   EXPECT_EQ(play.text("exit_before_start"), "0");
@@ -177,7 +182,7 @@ TEST_F(GstAdapterTest, AFilePlayedToItsEnd) {
   EXPECT_LE(startup + play.figure("played_ms"), elapsed);
   // The first frame is the startup span; the end holds the position reached.
   EXPECT_EQ(playTime(play.actions[1]), startup);
-  EXPECT_NEAR(std::stoll(field(play.actions[3], "p_6")), 2000, 100);
+  EXPECT_NEAR(std::stoll(field(play.actions[2], "p_6")), 2000, 100);
 }
 
 TEST_F(GstAdapterTest, PauseResumeAndSeekInRealTime) {
@@ -202,12 +207,12 @@ TEST_F(GstAdapterTest, PauseResumeAndSeekInRealTime) {
     }
   });
   const Delivered play = deliver();
-  // start, first frame, 120p, pause, resume, seek, end
-  ASSERT_EQ(play.operations, (Operations{"1", "7", "9", "3", "4", "6", "2"}));
-  const Value& seekAction = play.actions[5];
+  // start, first frame, pause, resume, seek, end
+  ASSERT_EQ(play.operations, (Operations{"1", "7", "3", "4", "6", "2"}));
+  const Value& seekAction = play.actions[4];
   EXPECT_LT(std::stoll(field(seekAction, "p_6")), 500);
   EXPECT_NEAR(std::stoll(field(seekAction, "p_7")), 1500, 50);
-  EXPECT_EQ(field(play.actions[3], "p_3"), "2");  // paused
+  EXPECT_EQ(field(play.actions[2], "p_3"), "2");  // paused
   ASSERT_EQ(play.diagnoses.size(), 1u);
   EXPECT_EQ(play.figure("seek_count"), 1);
   EXPECT_EQ(play.figure("seek_avg_ms"), playTime(seekAction));
@@ -260,8 +265,8 @@ TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
     int status;  // the answer to the play's request; 0: it stalls at once
     Operations operations;
     std::size_t diagnoses;
-    const char* failed;
-  } cases[] = {{"HTTP 404", 404, {"1", "8"}, 2, "1"}, {"detached", 0, {"1", "2"}, 1, "0"}};
+    const char* failedAndExit;  // a failure is no exit before start
+  } cases[] = {{"HTTP 404", 404, {"1", "8"}, 2, "10"}, {"detached", 0, {"1", "2"}, 1, "01"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     TearDown();
@@ -273,9 +278,9 @@ TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
     const Delivered play = deliver();
     EXPECT_EQ(play.operations, c.operations);
     ASSERT_EQ(play.diagnoses.size(), c.diagnoses);
-    EXPECT_EQ(play.text("exit_before_start"), "1");
-    EXPECT_EQ(play.text("failed"), c.failed);
+    EXPECT_EQ(play.text("failed") + play.text("exit_before_start"), c.failedAndExit);
     if (c.status == 0) continue;
+    EXPECT_NE(play.text("cause").find("Not Found"), std::string::npos);
     EXPECT_EQ(play.text("playUrl", "play_info", 0), url);
     EXPECT_NE(play.text("causeOfFailure", "play_info", 0).find("Not Found"), std::string::npos);
     EXPECT_EQ(play.text("isPlayOK", "play_info", 0), "0");
@@ -283,53 +288,57 @@ TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
   }
 }
 
-// One play on a timeline of milliseconds against its summary. Events: 'R' the
-// pipeline runs (the first time, the first frame), 'S' it stops, 'B' / 'b'
-// buffering begins / reaches 100 %, 'K' / 'k' a seek begins / prerolls.
-TEST(PlayMeasuresTest, SummariesOfTimelines) {
-  using Summary = std::tuple<int64_t, int64_t, int64_t, int64_t, int64_t, int64_t, bool>;
-  const struct {
-    const char* name;
-    std::vector<std::pair<char, int64_t>> events;
-    int64_t end;
-    // startup, rebuffers, rebuffer ms, seeks, seek average, played, exit before start
-    Summary expected;
-  } cases[] = {
-      {"buffering before the first frame is startup",
-       {{'B', 100}, {'b', 200}, {'R', 300}},
-       1300,
-       {300, 0, 0, 0, 0, 1000, false}},
-      {"two spans; a repeat of an open span changes nothing",
-       {{'R', 0}, {'B', 100}, {'B', 150}, {'b', 300}, {'B', 500}, {'b', 600}},
-       1000,
-       {0, 2, 300, 0, 0, 700, false}},
-      {"seeks average; buffering inside a seek is the seek's",
-       {{'R', 0}, {'K', 100}, {'B', 120}, {'k', 200}, {'K', 400}, {'k', 700}},
-       1000,
-       {0, 0, 0, 2, 200, 600, false}},
-      {"a pause stops the played time", {{'R', 0}, {'S', 400}}, 1000, {0, 0, 0, 0, 0, 400, false}},
-      {"a span open at the end counts",
-       {{'R', 0}, {'B', 600}},
-       1000,
-       {0, 1, 400, 0, 0, 600, false}},
-      {"no first frame: the wait is the startup", {{'B', 100}}, 900, {900, 0, 0, 0, 0, 0, true}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    gst::PlayMeasures measures(0);
-    for (const auto& [event, at] : c.events) {
-      if (event == 'R') measures.firstFrame(at, 0);
-      if (event == 'R' || event == 'S') measures.setRunning(event == 'R', at);
-      if (event == 'B') measures.bufferingBegan(at, 0);
-      if (event == 'b') measures.bufferingEnded(at, 0);
-      if (event == 'K') measures.seekBegan(at, 0);
-      if (event == 'k') measures.seekEnded(at, 0);
-    }
-    const gst::PlaySummary got = measures.finish(c.end, false);
-    EXPECT_EQ(Summary(got.startupMillis, got.rebufferCount, got.rebufferMillis, got.seekCount,
-                      got.seekAverageMillis, got.playedMillis, got.exitBeforeStart),
-              c.expected);
+// Two renditions of three seconds, 240 and 480 lines, MPEG-4 in MPEG-TS
+// segments of about a second, under a master playlist that lists 240 first.
+// The adaptive demuxer begins with it and switches up at once on a local file.
+TEST_F(GstAdapterTest, AnHlsPlayIsReportedWithItsRenditions) {
+  for (const char* element : {"hlssink2", "avenc_mpeg4", "hlsdemux"}) {
+    GstElementFactory* factory = gst_element_factory_find(element);
+    if (factory == nullptr) GTEST_SKIP() << element << " is missing: scripts/install-deps.sh";
+    gst_object_unref(factory);
   }
+  const std::string hls = documents_ + "/hls";
+  for (int height : {240, 480}) {
+    const std::string dir = hls + "/v" + std::to_string(height);
+    ASSERT_TRUE(files_->createDirectories(dir));
+    const std::string description =
+        "videotestsrc num-buffers=75 ! video/x-raw,width=" + std::to_string(height * 4 / 3) +
+        ",height=" + std::to_string(height) +
+        ",framerate=25/1 ! avenc_mpeg4 bitrate=" + std::to_string(height * 1000) +
+        " ! mpeg4videoparse ! hlssink2 target-duration=1 max-files=0 playlist-length=0 "
+        "location=" +
+        dir + "/seg%05d.ts playlist-location=" + dir + "/index.m3u8";
+    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
+    ASSERT_NE(pipeline, nullptr);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    GstBus* bus = gst_element_get_bus(pipeline);
+    GstMessage* end = gst_bus_timed_pop_filtered(
+        bus, 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    ASSERT_NE(end, nullptr);
+    EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS);
+    gst_message_unref(end);
+    gst_object_unref(bus);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+  }
+  ASSERT_TRUE(files_->replaceAtomically(hls + "/master.m3u8",
+                                        "#EXTM3U\n"
+                                        "#EXT-X-STREAM-INF:BANDWIDTH=300000,RESOLUTION=320x240\n"
+                                        "v240/index.m3u8\n"
+                                        "#EXT-X-STREAM-INF:BANDWIDTH=600000,RESOLUTION=640x480\n"
+                                        "v480/index.m3u8\n"));
+  play("file://" + hls + "/master.m3u8", true);
+  const Delivered play = deliver();
+  ASSERT_EQ(play.operations, (Operations{"1", "7", "9", "2"}));
+  const Value& change = play.actions[2];
+  EXPECT_EQ(field(change, "from_height"), "240");
+  EXPECT_EQ(field(change, "to_height"), "480");
+  EXPECT_EQ(field(change, "bitrate_bps"), "600000");
+  ASSERT_EQ(play.diagnoses.size(), 1u);
+  EXPECT_EQ(play.text("rendition_switches"), "1");
+  EXPECT_EQ(play.text("top_height"), "480");
+  EXPECT_EQ(play.text("failed"), "0");
+  EXPECT_NEAR(play.figure("played_ms"), 3000, 400);
 }
 
 }  // namespace

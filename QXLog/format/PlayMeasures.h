@@ -1,14 +1,14 @@
 // The measures of one play, apart from any player: startup, rebuffering
-// spans, seeks and the time frames were shown. Times are milliseconds on one
-// steady clock, positions milliseconds of media time; the caller tells what
-// happened and when.
-#ifndef QXLOG_INTEGRATIONS_GSTREAMER_PLAYMEASURES_H_
-#define QXLOG_INTEGRATIONS_GSTREAMER_PLAYMEASURES_H_
+// spans, seeks, the time frames were shown and the renditions shown. Times
+// are milliseconds on one steady clock, positions milliseconds of media time;
+// the caller tells what happened and when. Not thread-safe: the owner locks.
+#ifndef QXLOG_FORMAT_PLAYMEASURES_H_
+#define QXLOG_FORMAT_PLAYMEASURES_H_
 
 #include <cstdint>
 #include <optional>
 
-namespace qxlog::gst {
+namespace qxlog::format {
 
 // A finished span: a rebuffering, a seek, the startup.
 struct Span {
@@ -26,9 +26,12 @@ struct PlaySummary {
   int64_t rebufferMillis = 0;
   int64_t seekCount = 0;
   int64_t seekAverageMillis = 0;
-  int64_t playedMillis = 0;  // frames moving: playing, not buffering nor seeking
-  bool exitBeforeStart = false;
+  int64_t playedMillis = 0;      // frames moving: playing, not buffering nor seeking
+  bool exitBeforeStart = false;  // ended by the host before the first frame, not failed
   bool failed = false;
+  int64_t renditionSwitches = 0;
+  int64_t averageBitrate = 0;  // bits/s, weighted by the time each was played; 0 unknown
+  int topHeight = 0;           // the highest rendition shown; 0 unknown
 };
 
 class PlayMeasures {
@@ -40,22 +43,30 @@ class PlayMeasures {
   bool started() const { return firstFrame_.has_value(); }
   std::optional<int64_t> startupMillis() const;
 
-  // Whether the pipeline runs; frames move when it does, once started,
+  // Whether the player runs; frames move when it does, once started,
   // outside rebuffering and seeks.
   void setRunning(bool running, int64_t now);
 
   // A rebuffering span opens after the first frame and outside a seek (the
   // startup and a seek include their own waiting); repeats while it is open
-  // change nothing. True when a span opened.
+  // change nothing. True when a span opened. A span that ends in the
+  // millisecond it began stopped nothing: it is neither counted nor returned.
   bool bufferingBegan(int64_t now, int64_t position);
   std::optional<Span> bufferingEnded(int64_t now, int64_t position);
   bool buffering() const { return buffering_.has_value(); }
 
-  // A seek after the first frame, from its request until the pipeline
-  // prerolled again; an open rebuffering span ends in it uncounted.
+  // A seek after the first frame, from its request until the player showed
+  // frames again; an open rebuffering span ends in it uncounted.
   bool seekBegan(int64_t now, int64_t position);
   std::optional<Span> seekEnded(int64_t now, int64_t position);
   bool seeking() const { return seek_.has_value(); }
+
+  // The rendition shown from `now`; heights and bitrates below 1 are unknown.
+  // A change of either after the first frame, from a rendition already
+  // known, is a switch: true then.
+  bool rendition(int height, int64_t bitrate, int64_t now);
+  int height() const { return height_; }
+  int64_t bitrate() const { return bitrate_; }
 
   // Closes what is open and sums up; an open rebuffering span counts.
   PlaySummary finish(int64_t now, bool failed);
@@ -64,10 +75,6 @@ class PlayMeasures {
   bool framesMoving() const { return running_ && started() && !buffering_ && !seek_; }
   // Adds the time since the last change while frames moved; call before any change.
   void accumulate(int64_t now);
-  // Closes the open span at `now`, adds it to `count` and `millis`, and
-  // returns it; nothing when no span is open.
-  std::optional<Span> close(std::optional<Span>& open, int64_t now, int64_t position,
-                            int64_t& count, int64_t& millis);
 
   int64_t requestTime_;
   std::optional<int64_t> firstFrame_;
@@ -80,8 +87,15 @@ class PlayMeasures {
   int64_t rebufferMillis_ = 0;
   int64_t seekCount_ = 0;
   int64_t seekMillis_ = 0;
+  bool hasRendition_ = false;
+  int height_ = 0;
+  int64_t bitrate_ = 0;
+  int topHeight_ = 0;
+  int64_t switches_ = 0;
+  double bitMillis_ = 0;       // bitrate x ms played at a known bitrate
+  int64_t bitrateMillis_ = 0;  // ms played at a known bitrate
 };
 
-}  // namespace qxlog::gst
+}  // namespace qxlog::format
 
-#endif  // QXLOG_INTEGRATIONS_GSTREAMER_PLAYMEASURES_H_
+#endif  // QXLOG_FORMAT_PLAYMEASURES_H_

@@ -1,0 +1,115 @@
+#include "QXLog/recording/PlaySessions.h"
+
+#include <algorithm>
+
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/format/PlaySessionRecords.h"
+#include "QXLog/platform/Env.h"
+#include "QXLog/recording/Gate.h"
+#include "QXLog/recording/PlaySession.h"
+#include "QXLog/serial/PropertyList.h"
+
+namespace qxlog::recording {
+namespace {
+
+bool isPlayId(std::string_view text) {
+  return text.size() == 32 && std::all_of(text.begin(), text.end(), [](char c) {
+           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+         });
+}
+
+}  // namespace
+
+PlaySessions& PlaySessions::instance() {
+  static PlaySessions* sessions = new PlaySessions();
+  return *sessions;
+}
+
+std::string PlaySessions::newId() {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::lock_guard lock(mutex_);
+  std::string id;
+  id.reserve(32);
+  for (int half = 0; half < 2; ++half) {
+    uint64_t bits = random_();
+    for (int i = 0; i < 16; ++i, bits >>= 4) id.push_back(kDigits[bits & 15]);
+  }
+  return id;
+}
+
+void PlaySessions::opened(const std::string& playId) {
+  std::vector<std::pair<std::string, Dictionary>> leftovers;
+  {
+    std::lock_guard lock(mutex_);
+    QXLogCenter& center = QXLogCenter::center();
+    if (recoveredFor_ != &center) {
+      recoveredFor_ = &center;
+      leftovers = recoverLocked(center);
+    }
+    listed_.push_back(playId);
+    writeIndexLocked(center);
+  }
+  for (auto& [id, record] : leftovers) storePlayPart(std::move(record), id, true);
+}
+
+void PlaySessions::closed(const std::string& playId) {
+  std::lock_guard lock(mutex_);
+  auto found = std::find(listed_.begin(), listed_.end(), playId);
+  if (found == listed_.end()) return;
+  listed_.erase(found);
+  writeIndexLocked(QXLogCenter::center());
+}
+
+// Each listed play with a readable file is sent under its own header; the
+// others, and files that do not hold their play, are removed.
+std::vector<std::pair<std::string, Dictionary>> PlaySessions::recoverLocked(QXLogCenter& center) {
+  platform::Env& env = center.env();
+  platform::FileSystem& files = env.files();
+  listed_.clear();
+  std::vector<std::pair<std::string, Dictionary>> leftovers;
+  std::optional<std::string> bytes = files.read(env.documentsPath(kIndexFile));
+  if (!bytes || bytes->empty() || bytes->size() > format::kMaxPlayFileBytes) return leftovers;
+  std::optional<Value> index = serial::parsePropertyList(*bytes);
+  if (!index || !index->isArray()) return leftovers;
+  for (const Value& entry : *index->asArray()) {
+    const std::string* id = entry.asString();
+    if (id == nullptr || !isPlayId(*id)) continue;
+    if (leftovers.size() >= kMaxRecovered) break;
+    const std::string path = env.documentsPath(PlaySession::fileName(*id));
+    std::optional<std::string> contents = files.read(path);
+    std::optional<Dictionary> record =
+        contents ? format::recoveredPlay(*contents, *id) : std::nullopt;
+    if (!record) {
+      files.remove(path);
+      continue;
+    }
+    listed_.push_back(*id);
+    leftovers.emplace_back(*id, std::move(*record));
+  }
+  return leftovers;
+}
+
+void PlaySessions::writeIndexLocked(QXLogCenter& center) {
+  platform::Env& env = center.env();
+  const std::string path = env.documentsPath(kIndexFile);
+  if (listed_.empty()) {
+    env.files().remove(path);
+    return;
+  }
+  Array ids(listed_.begin(), listed_.end());
+  env.files().replaceAtomically(path, serial::toXmlPropertyList(Value(std::move(ids))));
+}
+
+void storePlayPart(Dictionary record, std::string playId, bool last) {
+  if (deferUntilReady(storePlayPart, record, playId, last)) return;
+  QXLogCenter& center = QXLogCenter::center();
+  const Value* actions = record.find("p");
+  if (actions != nullptr && actions->isArray() && !actions->asArray()->empty()) {
+    center.storeActionLog(std::move(record));
+  }
+  if (!last) return;
+  center.env().files().remove(center.env().documentsPath(PlaySession::fileName(playId)));
+  PlaySessions::instance().closed(playId);
+}
+
+}  // namespace qxlog::recording
