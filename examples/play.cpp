@@ -1,5 +1,6 @@
 // qxlog-play URI: a headless player that reports its play through the
-// GStreamer adapter (qxlog-gst) and checks that the log server received it.
+// GStreamer adapter (qxlog-gst), or with --player mpv through the libmpv
+// adapter (qxlog-mpv), and checks that the log server received it.
 //
 // playbin plays the URI into fake sinks that keep the clock (--fast: as fast
 // as it decodes; --show: the real audio and video sinks). As in qxlog-demo, a
@@ -13,6 +14,7 @@
 #include <gst/gst.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -26,6 +28,9 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogGst.h"
+#ifdef QXLOG_PLAY_WITH_MPV
+#include "QXLog/QXLogMpv.h"
+#endif
 #include "collector/server/LocalCollector.h"
 #include "examples/ReceivedCounts.h"
 
@@ -35,6 +40,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kUsage = R"(usage: qxlog-play [options] URI
 
+  --player P       gstreamer (default) or mpv (when built with libmpv)
   --show           real audio and video sinks (default: fake sinks)
   --fast           fake sinks that do not wait for the clock
   --type T         video type: 1 film (default), 5 short video, 6 channel
@@ -47,6 +53,8 @@ constexpr const char* kUsage = R"(usage: qxlog-play [options] URI
 
 struct Settings {
   std::string uri;
+  std::string given;  // the URI or path as given, for players that take either
+  std::string player = "gstreamer";
   bool show = false;
   bool fast = false;
   std::string videoType = "1";
@@ -63,8 +71,8 @@ struct Player {
   bool failed = false;
 };
 
-// Every stored play action writes one "Play-log:" console line: how the
-// player knows how many actions to wait for.
+// Every play action stored through recordPlayActionLog writes one "Play-log:"
+// console line; plays through the play API fold their actions themselves.
 struct Console {
   bool trace = false;
   std::atomic<int64_t> playActions{0};
@@ -148,6 +156,47 @@ bool play(const Settings& settings, bool& failed) {
   return true;
 }
 
+#ifdef QXLOG_PLAY_WITH_MPV
+// Plays the file or URL headless in an mpv core with the adapter attached, to
+// its end or its error, serving the library's main queue meanwhile.
+bool playWithMpv(const Settings& settings, bool& failed) {
+  mpv_handle* mpv = mpv_create();
+  if (mpv == nullptr) {
+    std::fprintf(stderr, "qxlog-play: mpv_create failed\n");
+    return false;
+  }
+  mpv_set_option_string(mpv, "vo", settings.show ? "gpu" : "null");
+  mpv_set_option_string(mpv, "ao", settings.show ? "auto" : "null");
+  if (settings.fast) mpv_set_option_string(mpv, "untimed", "yes");
+  mpv_set_option_string(mpv, "idle", "yes");
+  if (mpv_initialize(mpv) < 0) {
+    std::fprintf(stderr, "qxlog-play: mpv_initialize failed\n");
+    mpv_terminate_destroy(mpv);
+    return false;
+  }
+  QXLogMpvOptions options{"qxlog-play", "command line", settings.videoType.c_str(), false, "0"};
+  QXLogMpvSession* session = QXLogMpvAttach(mpv, &options);
+  const char* load[] = {"loadfile", settings.given.c_str(), nullptr};
+  mpv_command(mpv, load);
+  for (bool ended = false; !ended;) {
+    const mpv_event* event = mpv_wait_event(mpv, 0.01);
+    if (event->event_id == MPV_EVENT_END_FILE) {
+      const auto* end = static_cast<const mpv_event_end_file*>(event->data);
+      if (end->reason == MPV_END_FILE_REASON_ERROR) {
+        std::fprintf(stderr, "qxlog-play: %s\n", mpv_error_string(end->error));
+        failed = true;
+      }
+      ended = true;
+    }
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+  }
+  QXLogMpvDetach(session);
+  mpv_terminate_destroy(mpv);
+  return true;
+}
+#endif
+
 // Runs the default main context (the bus and the main queue) for a while.
 void serveFor(std::chrono::milliseconds period) {
   const auto until = Clock::now() + period;
@@ -169,28 +218,29 @@ bool waitForSettings(const std::string& base, Clock::time_point deadline) {
   }
 }
 
-// Waits until the collector holds the play header, `actions` play actions
-// and `diagnoses` diagnoses for this device.
+// Waits until the collector holds the play's header, its actions (at least a
+// start and an end, and at least `actions` when the library's console counted
+// them) and `diagnoses` diagnoses for this device.
 bool waitForDelivery(const std::string& receivedUrl, const std::string& type, int64_t actions,
                      int64_t diagnoses, Clock::time_point deadline) {
   using qxlog::examples::count;
+  const int64_t least = std::max<int64_t>(actions, 2);
   std::optional<nlohmann::json> received;
+  const auto complete = [&] {
+    return received && count(*received, "records", type) >= 1 &&
+           count(*received, "play_actions", type) >= least &&
+           received->value("diagnoses", int64_t{0}) == diagnoses;
+  };
   for (;;) {
     serveFor(std::chrono::milliseconds(200));
     received = qxlog::examples::fetchJson(receivedUrl);
-    const bool complete = received && count(*received, "records", type) >= 1 &&
-                          count(*received, "play_actions", type) == actions &&
-                          received->value("diagnoses", int64_t{0}) == diagnoses;
-    if (complete || Clock::now() > deadline) break;
+    if (complete() || Clock::now() > deadline) break;
   }
-  std::printf(
-      "\nplay actions reported %lld, received %lld; diagnoses reported %lld, received %lld\n",
-      static_cast<long long>(actions),
-      static_cast<long long>(received ? count(*received, "play_actions", type) : 0),
-      static_cast<long long>(diagnoses),
-      static_cast<long long>(received ? received->value("diagnoses", int64_t{0}) : 0));
-  return received && count(*received, "play_actions", type) == actions &&
-         received->value("diagnoses", int64_t{0}) == diagnoses;
+  std::printf("\nplay actions received %lld; diagnoses reported %lld, received %lld\n",
+              static_cast<long long>(received ? count(*received, "play_actions", type) : 0),
+              static_cast<long long>(diagnoses),
+              static_cast<long long>(received ? received->value("diagnoses", int64_t{0}) : 0));
+  return complete();
 }
 
 std::unique_ptr<qxlog::collector::LocalCollector> startCollector(
@@ -262,7 +312,15 @@ int run(const Settings& settings) {
   if (!waitForSettings(base, Clock::now() + timeout)) return 1;
 
   bool failed = false;
+#ifdef QXLOG_PLAY_WITH_MPV
+  if (settings.player == "mpv") {
+    if (!playWithMpv(settings, failed)) return 1;
+  } else if (!play(settings, failed)) {
+    return 1;
+  }
+#else
   if (!play(settings, failed)) return 1;
+#endif
   std::printf("play %s\n", failed ? "failed" : "ended");
   const int64_t diagnoses = failed ? 2 : 1;  // the error's, and the summary
   const bool arrived = waitForDelivery(base + "/received?uid=" + device, settings.videoType,
@@ -290,6 +348,8 @@ int main(int argc, char** argv) {
       settings.quiet = true;
     } else if (arg == "--trace") {
       settings.trace = true;
+    } else if (arg == "--player" && hasValue) {
+      settings.player = argv[++i];
     } else if (arg == "--type" && hasValue) {
       settings.videoType = argv[++i];
     } else if (arg == "--server" && hasValue) {
@@ -309,6 +369,16 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stderr);
     return 2;
   }
+#ifdef QXLOG_PLAY_WITH_MPV
+  const bool mpvBuilt = true;
+#else
+  const bool mpvBuilt = false;
+#endif
+  if (settings.player != "gstreamer" && !(settings.player == "mpv" && mpvBuilt)) {
+    std::fprintf(stderr, "qxlog-play: no player %s in this build\n", settings.player.c_str());
+    return 2;
+  }
+  settings.given = settings.uri;
   if (gst_uri_is_valid(settings.uri.c_str()) == FALSE) {
     gchar* uri = gst_filename_to_uri(settings.uri.c_str(), nullptr);  // a file path
     if (uri != nullptr) settings.uri = uri;

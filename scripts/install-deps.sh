@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
   python3 openssl valgrind
   libglib2.0-dev libmicrohttpd-dev libjs-chart.js chromium
-  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libmpv-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-tools gstreamer1.0-plugins-bad gstreamer1.0-libav
 )

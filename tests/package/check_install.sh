@@ -58,4 +58,18 @@ if [[ -e "$build/integrations/gstreamer/libqxlog-gst.so" ]]; then
     "$work/cmake-gst/gst-consumer"
   fi
 fi
+# The libmpv adapter's component, likewise.
+if [[ -e "$build/integrations/mpv/libqxlog-mpv.so" ]]; then
+  cmake --install "$build" --prefix "$prefix" --component mpv >/dev/null
+  cmake -S "$consumer/mpv" -B "$work/cmake-mpv" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
+  cmake --build "$work/cmake-mpv" >/dev/null
+  # shellcheck disable=SC2046,SC2086
+  cc -std=c11 $flags -o "$work/mpv-consumer" "$consumer/mpv_consumer.c" \
+    $(pkg-config --cflags --libs qxlog-mpv) -Wl,-rpath,"$(pkg-config --variable=libdir qxlog-mpv)"
+  if [[ -z "$sanitize" ]]; then
+    "$work/mpv-consumer"
+    "$work/cmake-mpv/mpv-consumer"
+  fi
+fi
 echo "check_install: the installed package builds and links (CMake and pkg-config, shared and static)"
