@@ -151,6 +151,8 @@ _FUNCTIONS = {
     "QXLogPlayError": (None, [_ptr, _str]),
     "QXLogPlayEnd": (None, [_ptr]),
     "QXLogPlayId": (_str, [_ptr]),
+    "QXLogPlayOperationString": (_str, [ctypes.c_int]),
+    "QXLogPlayStatusString": (_str, [ctypes.c_int]),
 }
 
 # Format properties that configure() sets as text; anything else by name
