@@ -36,3 +36,14 @@ configure_file(cmake/qxlog.pc.in ${PROJECT_BINARY_DIR}/qxlog.pc @ONLY)
 configure_file(cmake/qxlog-static.pc.in ${PROJECT_BINARY_DIR}/qxlog-static.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qxlog.pc ${PROJECT_BINARY_DIR}/qxlog-static.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
+
+# The Python module (component "python"): pure ctypes over libqxlog.so. The
+# install step writes where the library went beside the module.
+set(QXLOG_PYTHON_DIR lib/python3/dist-packages)
+install(DIRECTORY python/qxlog DESTINATION ${QXLOG_PYTHON_DIR} COMPONENT python
+  PATTERN __pycache__ EXCLUDE)
+install(CODE "
+  set(qxlog_prefix \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
+  file(WRITE \"\${qxlog_prefix}/${QXLOG_PYTHON_DIR}/qxlog/_location.py\"
+    \"LIBRARY = '\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/libqxlog.so.1'\\n\")
+  " COMPONENT python)
