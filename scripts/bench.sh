@@ -16,7 +16,8 @@ build=build-release
 jobs="$(nproc 2>/dev/null || echo 2)"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQXLOG_BUILD_BENCH=ON -DQXLOG_BUILD_TESTS=OFF \
   >/dev/null
-cmake --build "$build" -j "$jobs" --target qxlog_bench qxlog_bench_host >/dev/null
+cmake --build "$build" -j "$jobs" --target qxlog_bench qxlog_bench_host qxlog_bench_c_report qxlog \
+  >/dev/null
 
 data="${QXLOG_BENCH_DIR:-$PWD/$build/bench-data}"
 mkdir -p "$data"
@@ -52,6 +53,12 @@ host throughput.jsonl 5000 100
 echo "bench: loopback host, peak memory at $((records / 10)) and $records reports, batch 20"
 host memory.jsonl "$((records / 10))" 20
 host memory.jsonl "$records" 20
+
+echo "bench: one report from C and from Python, at least once, server unreachable"
+rm -rf "$data/c-report" "$data/python-report"
+QXLOG_CONSOLE=off "$build/bench/qxlog_bench_c_report" "$data/c-report" >>"$out/languages.jsonl"
+QXLOG_CONSOLE=off python3 bench/python_report_cost.py "$(ls "$build"/libqxlog.so.1)" \
+  "$data/python-report" >>"$out/languages.jsonl"
 
 leaks() {  # leaks <records>
   QXLOG_BENCH_DIR="$data/valgrind" valgrind --leak-check=full --show-leak-kinds=definite \

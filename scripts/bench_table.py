@@ -126,6 +126,15 @@ def main():
             row(f"6 throughput, batch {batch}", f"{h['reports_per_second']:.0f} reports/s",
                 f"{h['records']} rep, {h['uploads']} uploads", "", "(context)", None)
 
+    if os.path.exists(os.path.join(out, "languages.jsonl")):
+        with open(os.path.join(out, "languages.jsonl")) as f:
+            hosts_by_language = {h["host"]: h for h in map(json.loads, filter(str.strip, f))}
+        c, py = hosts_by_language.get("c"), hosts_by_language.get("python")
+        if c and py:
+            ratio = py["report_us"] / c["report_us"]
+            row("8 report from Python", f"{py['report_us']:.1f} us", f"from C {c['report_us']:.1f} us",
+                f"{ratio:.2f}", "<= 3.00", ratio <= 3.0)
+
     rows = [r if len(r) == 7 else r + ("",) for r in rows]
     header = ("figure", "median", "limit (same run)", "ratio", "goal", "", "thread CPU (context)")
     widths = [max(len(str(r[i])) for r in rows + [header]) for i in range(7)]
