@@ -45,6 +45,7 @@ const char* __tsan_default_suppressions() {
          "mutex:libgst\n"
          "mutex:libglib-2.0.so\n"
          "mutex:libgio\n"
+         "mutex:libsoup-\n"
          "race_top:libgio\n"
          "race_top:libproxy\n"
          "called_from_lib:/libproxy.so.1\n"
