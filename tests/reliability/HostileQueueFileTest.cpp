@@ -92,11 +92,18 @@ TEST_P(HostileQueueFileTest, TheHostReportsAndDeliversAndARegularFileTakesThePat
   }
 }
 
+std::string nameOf(const ::testing::TestParamInfo<Case>& info) {
+  static const char* const names[] = {"Fifo",       "Device",         "DanglingLink",
+                                      "LinkToZero", "SparseGigabyte", "LinkToQueue"};
+  return names[static_cast<int>(info.param.planted)];
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Planted, HostileQueueFileTest,
     ::testing::Values(Case{Planted::kFifo, kNotRegular}, Case{Planted::kDevice, kNotRegular},
                       Case{Planted::kDanglingLink, ""}, Case{Planted::kLinkToZero, kNotRegular},
-                      Case{Planted::kSparseGigabyte, kTooLarge}, Case{Planted::kLinkToQueue, ""}));
+                      Case{Planted::kSparseGigabyte, kTooLarge}, Case{Planted::kLinkToQueue, ""}),
+    nameOf);
 
 }  // namespace
 }  // namespace qxlog::testing
