@@ -3,6 +3,8 @@
 // together; a 503 is sent again after a short pause, as the library would.
 // Prints one line: uploads, records, seconds, uploads/s, records/s, 503s.
 //   qxlog_collector_load PORT PROCESSES UPLOADS RECORDS KEY [TAG]
+// With RECORDS 0 each "upload" is a settings request of a distinct uid
+// instead (GET /settings?token=...&uid=TAG-P-N).
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -36,8 +38,8 @@ std::string formEncode(const std::string& text) {
   return out;
 }
 
-// The status of one POST, 0 when no answer came.
-int post(int port, const std::string& body) {
+// The status of one request, 0 when no answer came.
+int exchange(int port, const std::string& request) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -47,10 +49,6 @@ int post(int port, const std::string& body) {
     ::close(fd);
     return 0;
   }
-  const std::string request =
-      "POST /log HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\nContent-Type: "
-      "application/x-www-form-urlencoded\r\nContent-Length: " +
-      std::to_string(body.size()) + "\r\n\r\n" + body;
   for (std::size_t sent = 0; sent < request.size();) {
     const ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
     if (n <= 0) break;
@@ -61,6 +59,12 @@ int post(int port, const std::string& body) {
   for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, n);
   ::close(fd);
   return reply.size() > 12 ? std::atoi(reply.c_str() + 9) : 0;
+}
+
+std::string postLog(const std::string& body) {
+  return "POST /log HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\nContent-Type: "
+         "application/x-www-form-urlencoded\r\nContent-Length: " +
+         std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
 }  // namespace
@@ -83,7 +87,12 @@ int main(int argc, char** argv) {
   for (int p = 0; p < processes; ++p) {
     if (::fork() != 0) continue;
     std::vector<std::string> bodies;
-    for (int u = 0; u < uploads; ++u) {
+    for (int u = 0; u < uploads && records == 0; ++u) {
+      bodies.push_back("GET /settings?token=" + token + "&uid=" + tag + "-" + std::to_string(p) +
+                       "-" + std::to_string(u) +
+                       " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    }
+    for (int u = 0; u < uploads && records > 0; ++u) {
       std::string json = R"({"t":{"t_2":"load-)" + std::to_string(p) + R"("},"a":[)";
       for (int r = 0; r < records; ++r) {
         json += (r ? "," : "") + std::string(R"({"a_t":"2","a_1":")") + tag + "-" +
@@ -92,7 +101,7 @@ int main(int argc, char** argv) {
       json += "]}";
       const std::string sealed = qxlog::support::base64Encode(
           *QXLogHelper::data_AES256(*QXLogHelper::gzipDeflate(json), key));
-      bodies.push_back("log_data=" + formEncode(sealed) + "&token=" + token);
+      bodies.push_back(postLog("log_data=" + formEncode(sealed) + "&token=" + token));
     }
     char byte = 1;
     if (::write(ready[1], &byte, 1) != 1 || ::read(go[0], &byte, 1) != 1) _exit(1);
@@ -100,7 +109,7 @@ int main(int argc, char** argv) {
     for (const std::string& body : bodies) {
       int status = 0;
       for (int attempt = 0; attempt < 50; ++attempt) {
-        status = post(port, body);
+        status = exchange(port, body);
         if (status != 503) break;
         ++busy;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));

@@ -4,7 +4,9 @@
 #     four collectors on one PostgreSQL behind nginx, under the same load
 #     (sealed uploads of 20 records sent from several processes at once);
 #   - every dashboard query on a store of 1 million records, SQLite and
-#     PostgreSQL (best and worst of five, in ms).
+#     PostgreSQL (best and worst of five, in ms);
+#   - the collector's resident memory before and after settings requests of
+#     120 000 distinct uids.
 # PostgreSQL runs as a throwaway server with fsync on, like SQLite's WAL.
 #   scripts/bench-collector.sh
 # Environment:
@@ -14,6 +16,7 @@
 #   QXLOG_BENCH_PROCESSES      load processes (default 8)
 #   QXLOG_BENCH_UPLOADS        uploads per process (default 250)
 #   QXLOG_BENCH_QUERY_RECORDS  records of the query runs (default 1000000)
+#   QXLOG_BENCH_UIDS           distinct uids of the memory run (default 120000)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -37,7 +40,7 @@ pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
-  [[ -f "$work/nginx.pid" ]] && kill "$(cat "$work/nginx.pid")" 2>/dev/null || true
+  scripts/nginx-collectors.sh stop "$work/nginx" || true
   scripts/pg-test-server.sh stop "$work/pg" >/dev/null 2>&1 || true
 }
 trap cleanup EXIT
@@ -71,37 +74,9 @@ start_collector() {
 
 # nginx on a free port in front of the given collector ports; its port in $port.
 start_nginx() {
-  local servers=""
+  scripts/nginx-collectors.sh stop "$work/nginx"
   port=$(free_port)
-  for p in "$@"; do servers+="    server 127.0.0.1:$p max_fails=0;"$'\n'; done
-  cat >"$work/nginx.conf" <<CONF
-worker_processes 1;
-pid $work/nginx.pid;
-error_log $work/nginx-error.log;
-events { worker_connections 1024; }
-http {
-  access_log off;
-  client_body_temp_path $work/nginx-body;
-  proxy_temp_path $work/nginx-proxy;
-  upstream collectors {
-$servers  }
-  server {
-    listen 127.0.0.1:$port;
-    client_max_body_size 8m;
-    location / {
-      proxy_pass http://collectors;
-      proxy_set_header X-Forwarded-For \$proxy_add_x_forwarded_for;
-      proxy_next_upstream error timeout non_idempotent;
-    }
-  }
-}
-CONF
-  if [[ -f "$work/nginx.pid" ]]; then
-    kill "$(cat "$work/nginx.pid")" 2>/dev/null || true
-    sleep 0.3
-  fi
-  nginx -p "$work" -c "$work/nginx.conf" -e "$work/nginx-error.log" </dev/null >/dev/null 2>&1
-  wait_port "$port"
+  scripts/nginx-collectors.sh start "$work/nginx" "$port" "$@"
 }
 
 stop_collectors() {
@@ -112,7 +87,17 @@ stop_collectors() {
 
 load() { "$build/bench/qxlog_collector_load" "$1" "$processes" "$uploads" 20 "$key" "$2" || true; }
 
+# Resident memory of the collector with pid $1, in kB.
+rss() { awk '/^VmRSS/ {print $2}' "/proc/$1/status"; }
+
 declare -A result
+uids="${QXLOG_BENCH_UIDS:-120000}"
+start_collector "$work/settings.db"
+rss_before=$(rss "${pids[-1]}")
+settings=$("$build/bench/qxlog_collector_load" "$port" 8 $((uids / 8)) 0 "$key" uid || true)
+rss_after=$(rss "${pids[-1]}")
+stop_collectors
+
 start_collector "$work/sqlite.db"
 result[sqlite]=$(load "$port" sqlite)
 stop_collectors
@@ -144,6 +129,12 @@ pg2_rate=$(field "${result[pg2]}" records/s)
 ratio=$(python3 -c "print(f'{$pg2_rate / $sqlite_rate:.2f}')")
 verdict=$(python3 -c "print('met' if $pg2_rate >= 1.5 * $sqlite_rate else 'NOT met')")
 echo "2 collectors on PostgreSQL / 1 on SQLite: $ratio (goal >= 1.5: $verdict)"
+
+echo
+growth=$(((rss_after - rss_before) / 1024))
+echo "Settings requests of $uids distinct uids (SQLite): $(awk '{print $8}' <<<"$settings") requests/s;" \
+  "resident ${rss_before} kB before, ${rss_after} kB after: +${growth} MB" \
+  "(goal < 20 MB: $([[ $growth -lt 20 ]] && echo met || echo 'NOT met'))"
 
 echo
 echo "Dashboard queries at $query_records records (ms, best / worst of 5; goal < 1000)"
