@@ -101,7 +101,11 @@ std::vector<std::string> CollectorStore::diagnoses() {
     row.set("user_phone", std::move(stored.userPhone));
     row.set("velin", std::move(stored.velin));
     row.set("version", std::move(stored.version));
-    row.set("report", serial::parseJson(stored.report).value_or(Value()));
+    if (std::optional<Value> report = serial::parseJson(stored.report)) {
+      row.set("report", std::move(*report));
+    } else {
+      row.set("report", Value());
+    }
     out.push_back(serial::toJson(Value(std::move(row))));
   }
   return out;
