@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <condition_variable>
 #include <mutex>
 #include <unordered_map>
 
@@ -66,10 +67,34 @@ const SchemaSteps kSteps = {
 // Statements kept prepared per session; beyond this many, one-off.
 constexpr std::size_t kPreparedStatements = 64;
 
+// The turn to write among this process's sessions: writers queue here, not
+// in SQLite's busy handler, which polls with sleeps.
+class WriterTurn {
+ public:
+  bool take(std::chrono::milliseconds wait) {
+    std::unique_lock lock(mutex_);
+    if (!free_.wait_for(lock, wait, [&] { return !taken_; })) return false;
+    taken_ = true;
+    return true;
+  }
+  void give() {
+    {
+      std::lock_guard lock(mutex_);
+      taken_ = false;
+    }
+    free_.notify_one();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable free_;
+  bool taken_ = false;
+};
+
 struct Shared {
   std::string path;
   StoreOptions options;
-  std::timed_mutex writer;  // the one writer of this process
+  WriterTurn writer;  // the one writer of this process
 };
 
 class SqliteSession final : public SqlSession {
@@ -138,26 +163,27 @@ class SqliteSession final : public SqlSession {
   }
 
   void begin() override {
-    if (!writer_.try_lock_for(shared_->options.wait)) {
+    if (!shared_->writer.take(shared_->options.wait)) {
       throw StoreError(true, "database busy: no turn to write within " +
                                  std::to_string(shared_->options.wait.count()) + " ms");
     }
+    writing_ = true;
     try {
       exec("BEGIN IMMEDIATE");
     } catch (...) {
-      writer_.unlock();
+      endTurn();
       throw;
     }
   }
 
   void commit() override {
     exec("COMMIT");
-    writer_.unlock();
+    endTurn();
   }
 
   void rollback() noexcept override {
     if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-    if (writer_.owns_lock()) writer_.unlock();
+    endTurn();
   }
 
  private:
@@ -166,7 +192,12 @@ class SqliteSession final : public SqlSession {
   };
 
   SqliteSession(std::shared_ptr<Shared> shared, sqlite3* db)
-      : shared_(std::move(shared)), db_(db), writer_(shared_->writer, std::defer_lock) {}
+      : shared_(std::move(shared)), db_(db) {}
+
+  void endTurn() noexcept {
+    if (writing_) shared_->writer.give();
+    writing_ = false;
+  }
 
   [[noreturn]] void fail(int code) {
     const int primary = code & 0xff;
@@ -193,7 +224,7 @@ class SqliteSession final : public SqlSession {
 
   std::shared_ptr<Shared> shared_;
   sqlite3* db_;
-  std::unique_lock<std::timed_mutex> writer_;
+  bool writing_ = false;  // holds the process's turn to write
   std::unordered_map<std::string, std::unique_ptr<sqlite3_stmt, Finalize>> statements_;
 };
 
