@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   zlib1g-dev libssl-dev libcurl4-openssl-dev libplist-dev nlohmann-json3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev postgresql libpq-dev nginx
   python3 openssl valgrind
   libglib2.0-dev libmicrohttpd-dev libjs-chart.js chromium
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libmpv-dev

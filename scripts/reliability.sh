@@ -7,7 +7,10 @@
 #   - the delivery check: host processes report to a real collector while
 #     nothing goes wrong, while the collector is killed and restarted, and
 #     while the host is killed and restarted; for each delivery mode it counts
-#     reported, delivered, lost and duplicated records.
+#     reported, delivered, lost and duplicated records;
+#   - the fleet check: nginx balancing two collectors on one PostgreSQL while
+#     one of them is killed and restarted twice (skipped, saying so, without
+#     PostgreSQL or nginx).
 #   scripts/reliability.sh          short run: 30 kills, 5 s per harness
 #   scripts/reliability.sh --long   300 kills, 300 s per harness
 # Both report 20 000 records per delivery scenario (QXLOG_DELIVERY_RECORDS).
@@ -26,7 +29,7 @@ fuzz_seconds="${QXLOG_FUZZ_SECONDS:-$fuzz_seconds}"
 scripts/install-deps.sh >&2
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog_tests \
-  qxlog_delivery_check qxlog_delivery_host qxlog-collector qxlog_hostile_file_check >&2
+  qxlog_delivery_check qxlog_delivery_host qxlog-collector qxlog-decode qxlog_hostile_file_check >&2
 
 status=0
 torture_log=$(QXLOG_TORTURE_KILLS=$kills build/tests/qxlog_tests \
@@ -47,6 +50,27 @@ fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
 delivery_table=$(build/tests/qxlog_delivery_check build/collector/qxlog-collector \
   build/tests/qxlog_delivery_host "${QXLOG_DELIVERY_RECORDS:-20000}") || status=1
 
+fleet_table="skipped: PostgreSQL or nginx is not installed"
+fleet_dir=$(mktemp -d)
+if command -v nginx >/dev/null && scripts/pg-test-server.sh start "$fleet_dir/pg" >/dev/null &&
+  [[ -s "$fleet_dir/pg/uri" ]]; then
+  read -r port_a port_b port_front < <(python3 -c '
+import socket
+sockets = [socket.socket() for _ in range(3)]
+for s in sockets: s.bind(("127.0.0.1", 0))
+print(*[s.getsockname()[1] for s in sockets])')
+  if scripts/nginx-collectors.sh start "$fleet_dir/nginx" "$port_front" "$port_a" "$port_b"; then
+    fleet_table=$(build/tests/qxlog_delivery_check --fleet build/collector/qxlog-collector \
+      build/tests/qxlog_delivery_host "$(cat "$fleet_dir/pg/uri")" "$port_a" "$port_b" \
+      "$port_front" "${QXLOG_DELIVERY_RECORDS:-20000}") || status=1
+  else
+    fleet_table="nginx did not start" && status=1
+  fi
+  scripts/nginx-collectors.sh stop "$fleet_dir/nginx"
+fi
+scripts/pg-test-server.sh stop "$fleet_dir/pg" >/dev/null 2>&1 || true
+rm -rf "$fleet_dir"
+
 echo
 echo "Reliability summary ($([[ $kills == 300 ]] && echo long || echo short) run)"
 echo "----------------------------------------------------------------"
@@ -60,6 +84,8 @@ echo "Fuzzing, $fuzz_seconds s per harness"
 sed 's/^/  /' <<<"$fuzz_table"
 echo "Delivery, batch size 20 (at least once must lose nothing)"
 sed 's/^/  /' <<<"$delivery_table"
+echo "Fleet: two collectors on one PostgreSQL behind nginx (0 lost, 0 duplicated)"
+sed 's/^/  /' <<<"$fleet_table"
 echo "----------------------------------------------------------------"
 if ((status != 0)); then
   echo "FAILED"

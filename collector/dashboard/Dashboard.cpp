@@ -12,7 +12,6 @@ namespace qxlog::collector {
 namespace {
 
 using Json = nlohmann::ordered_json;
-using Rows = std::vector<std::vector<std::string>>;
 
 constexpr const char* kOperationNames[] = {"",       "start",         "end",  "pause",
                                            "resume", "buffering",     "seek", "first frame",
@@ -67,13 +66,13 @@ Json playAction(const Json& action) {
 }
 
 // The players' measures from their end-of-play summaries.
-Json playerMeasures(const Rows& reports) {
+Json playerMeasures(const std::vector<std::string>& reports) {
   namespace keys = play_summary;
   Json startups = Json::array();
   int64_t plays = 0, rebuffers = 0, rebufferMillis = 0, playedMillis = 0, seeks = 0, seekMillis = 0,
           failures = 0, exitsBeforeStart = 0;
-  for (const auto& row : reports) {
-    Json summary = parsed(row[0])[keys::kObject];
+  for (const std::string& report : reports) {
+    Json summary = parsed(report)[keys::kObject];
     if (!summary.is_object()) continue;
     ++plays;
     if (text(summary, keys::kExitBeforeStart) == "1") {
@@ -126,56 +125,46 @@ HttpServerAnswer Dashboard::chartJs() const {
 }
 
 HttpServerAnswer Dashboard::summary() {
-  Rows totals = store_.rows(
-      "SELECT count(*), coalesce(sum(record_count), 0), "
-      "(SELECT count(*) FROM diagnoses), (SELECT coalesce(sum(replays), 0) FROM upload_digests) "
-      "FROM uploads");
-  if (totals.empty()) totals.push_back({"0", "0", "0", "0"});
-  Json answer = {{"uploads", number(totals[0][0])},
-                 {"records", number(totals[0][1])},
-                 {"diagnoses", number(totals[0][2])},
-                 {"replays", number(totals[0][3])}};
+  const StoreTotals totals = store_.totals();
+  Json answer = {{"uploads", totals.uploads},
+                 {"records", totals.records},
+                 {"diagnoses", totals.diagnoses},
+                 {"replays", totals.replays}};
   Json types = Json::object();
-  for (const auto& row :
-       store_.rows("SELECT name, count(*) FROM records GROUP BY name ORDER BY count(*) DESC")) {
-    types[row[0]] = number(row[1]);
-  }
+  for (const NamedCount& type : store_.recordsPerName()) types[type.name] = type.count;
   answer["records_per_type"] = types;
   Json devices = Json::array();
-  for (const auto& row : store_.rows("SELECT device, count(*), max(received_at) FROM uploads "
-                                     "GROUP BY device ORDER BY 3 DESC LIMIT 50")) {
+  for (const DeviceSeen& device : store_.devices(50)) {
     devices.push_back(
-        {{"device", row[0]}, {"uploads", number(row[1])}, {"last_seen", number(row[2])}});
+        {{"device", device.device}, {"uploads", device.uploads}, {"last_seen", device.lastSeen}});
   }
   answer["devices"] = devices;
   Json minutes = Json::array();
-  for (const auto& row : store_.rows("SELECT received_at / 60000 * 60000 AS minute, count(*), "
-                                     "sum(record_count) FROM uploads GROUP BY minute "
-                                     "ORDER BY minute DESC LIMIT 120")) {
+  for (const MinuteCount& minute : store_.perMinute(120)) {
     Json point;
-    point["minute"] = number(row[0]);
-    point["uploads"] = number(row[1]);
-    point["records"] = number(row[2]);
-    minutes.insert(minutes.begin(), std::move(point));
+    point["minute"] = minute.minute;
+    point["uploads"] = minute.uploads;
+    point["records"] = minute.records;
+    minutes.push_back(std::move(point));
   }
   answer["per_minute"] = minutes;
-  answer["players"] = playerMeasures(store_.rows(
-      "SELECT report FROM diagnoses WHERE json_extract(report, '$.play_summary') IS NOT NULL "
-      "ORDER BY id DESC LIMIT 1000"));
+  std::vector<std::string> reports;
+  for (StoredDiagnosis& diagnosis : store_.latestDiagnoses(1000, true)) {
+    reports.push_back(std::move(diagnosis.report));
+  }
+  answer["players"] = playerMeasures(reports);
   return jsonAnswer(answer);
 }
 
 HttpServerAnswer Dashboard::records() {
   Json list = Json::array();
-  for (const auto& row : store_.rows(
-           "SELECT r.id, r.upload_id, u.received_at, u.device, r.name, r.body FROM records r "
-           "JOIN uploads u ON u.id = r.upload_id ORDER BY r.id DESC LIMIT 50")) {
-    Json record = parsed(row[5]);
-    list.push_back({{"id", number(row[0])},
-                    {"upload", number(row[1])},
-                    {"received_at", number(row[2])},
-                    {"device", row[3]},
-                    {"name", row[4]},
+  for (const StoredRecord& stored : store_.latestRecords(50, false)) {
+    Json record = parsed(stored.body);
+    list.push_back({{"id", stored.id},
+                    {"upload", stored.uploadId},
+                    {"received_at", stored.receivedAt},
+                    {"device", stored.device},
+                    {"name", stored.name},
                     {"fields", explained(record)},
                     {"play_actions", record.contains("p") ? record["p"].size() : 0}});
   }
@@ -184,19 +173,16 @@ HttpServerAnswer Dashboard::records() {
 
 HttpServerAnswer Dashboard::plays() {
   Json list = Json::array();
-  for (const auto& row :
-       store_.rows("SELECT r.id, u.received_at, u.device, r.name, r.body FROM records r "
-                   "JOIN uploads u ON u.id = r.upload_id WHERE r.play_actions > 0 "
-                   "ORDER BY r.id DESC LIMIT 10")) {
-    Json record = parsed(row[4]);
+  for (const StoredRecord& stored : store_.latestRecords(10, true)) {
+    Json record = parsed(stored.body);
     Json actions = Json::array();
     for (const Json& action : record.value("p", Json::array())) {
       if (action.is_object() && !action.empty()) actions.push_back(playAction(action));
     }
-    list.push_back({{"id", number(row[0])},
-                    {"received_at", number(row[1])},
-                    {"device", row[2]},
-                    {"name", row[3]},
+    list.push_back({{"id", stored.id},
+                    {"received_at", stored.receivedAt},
+                    {"device", stored.device},
+                    {"name", stored.name},
                     {"movie", text(record, "a_7")},
                     {"url", text(record, "a_8")},
                     {"actions", actions}});
@@ -206,13 +192,12 @@ HttpServerAnswer Dashboard::plays() {
 
 HttpServerAnswer Dashboard::diagnoses() {
   Json list = Json::array();
-  for (const auto& row : store_.rows("SELECT id, received_at, device, report FROM diagnoses "
-                                     "ORDER BY id DESC LIMIT 20")) {
-    Json report = parsed(row[3]);
+  for (const StoredDiagnosis& diagnosis : store_.latestDiagnoses(20, false)) {
+    Json report = parsed(diagnosis.report);
     Json play = report.value("play_info", Json::object());
-    list.push_back({{"id", number(row[0])},
-                    {"received_at", number(row[1])},
-                    {"device", row[2]},
+    list.push_back({{"id", diagnosis.id},
+                    {"received_at", diagnosis.receivedAt},
+                    {"device", diagnosis.device},
                     {"url", text(play, "playUrl")},
                     {"ok", text(play, "isPlayOK")},
                     {"cause", text(play, "causeOfFailure")},

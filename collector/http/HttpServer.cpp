@@ -75,6 +75,9 @@ MHD_Result answer(MHD_Connection* connection, const HttpServerAnswer& reply) {
       reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+  for (const auto& [name, value] : reply.headers) {
+    MHD_add_response_header(response, name.c_str(), value.c_str());
+  }
   MHD_Result queued = MHD_queue_response(connection, static_cast<unsigned>(reply.status), response);
   MHD_destroy_response(response);
   return queued;
@@ -242,10 +245,11 @@ bool HttpServer::start() {
   auto connectionLimit = static_cast<unsigned>(2 * options_.maxConnections + 16);
   state_->daemon = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr, onRequest, state_.get(),
-      MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, 4u,
-      MHD_OPTION_CONNECTION_LIMIT, connectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds,
-      MHD_OPTION_URI_LOG_CALLBACK, onUri, state_.get(), MHD_OPTION_NOTIFY_COMPLETED, onCompleted,
-      state_.get(), MHD_OPTION_NOTIFY_CONNECTION, onConnection, state_.get(), MHD_OPTION_END);
+      MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE,
+      HttpServer::kThreads, MHD_OPTION_CONNECTION_LIMIT, connectionLimit,
+      MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_URI_LOG_CALLBACK, onUri, state_.get(),
+      MHD_OPTION_NOTIFY_COMPLETED, onCompleted, state_.get(), MHD_OPTION_NOTIFY_CONNECTION,
+      onConnection, state_.get(), MHD_OPTION_END);
   if (state_->daemon == nullptr) {
     error_ = "cannot listen on " + options_.host + ":" + std::to_string(options_.port);
     state_.reset();

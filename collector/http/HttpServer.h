@@ -20,6 +20,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "collector/http/FormFields.h"
 
@@ -40,14 +42,21 @@ struct HttpServerRequest {
 };
 
 struct HttpServerAnswer {
+  HttpServerAnswer(int code = 200, std::string type = "application/json", std::string text = {})
+      : status(code), contentType(std::move(type)), body(std::move(text)) {}
+
   int status = 200;
   std::string contentType = "application/json";
   std::string body;
+  // Further headers of the answer, such as "Retry-After".
+  std::vector<std::pair<std::string, std::string>> headers;
 };
 
 class HttpServer {
  public:
   using Handler = std::function<HttpServerAnswer(const HttpServerRequest&)>;
+  // The threads that call the handler.
+  static constexpr unsigned kThreads = 4;
 
   struct Options {
     std::string host = "127.0.0.1";

@@ -9,6 +9,7 @@
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
 #include "collector/decode/EnvelopeDecoder.h"
+#include "collector/server/ClientAddress.h"
 
 namespace qxlog::collector {
 namespace {
@@ -73,16 +74,39 @@ int64_t Collector::nowMillis() const {
 }
 
 int64_t Collector::settingsRequests(const std::string& uid) const {
-  std::lock_guard lock(mutex_);
-  auto it = settingsRequests_.find(uid);
-  return it != settingsRequests_.end() ? it->second : 0;
+  return store_.settingsRequests(uid);
 }
 
 HttpServerAnswer Collector::handle(const HttpServerRequest& request) {
+  if (!options_.trustedProxies.empty()) {
+    const std::string client = resolveClientAddress(request, options_.trustedProxies);
+    if (client != request.peer) {
+      HttpServerRequest forwarded = request;
+      forwarded.peer = client;
+      return serve(forwarded);
+    }
+  }
+  return serve(request);
+}
+
+// Answers a request whose peer is the client's; a store that stays busy past
+// its bounded wait makes it 503, which devices retry after a second.
+HttpServerAnswer Collector::serve(const HttpServerRequest& request) {
+  try {
+    return route(request);
+  } catch (const StoreError& failure) {
+    if (!failure.busy()) return refuse(request, 500, std::string("store: ") + failure.what());
+    HttpServerAnswer answer = refuse(request, 503, std::string("store: ") + failure.what());
+    answer.headers.emplace_back("Retry-After", "1");
+    return answer;
+  }
+}
+
+HttpServerAnswer Collector::route(const HttpServerRequest& request) {
   struct Route {
     const char* path;
     const char* method;
-    HttpServerAnswer (Collector::*serve)(const HttpServerRequest&);
+    HttpServerAnswer (Collector::*answer)(const HttpServerRequest&);
   };
   static constexpr Route kRoutes[] = {
       {"/settings", "GET", &Collector::settings},
@@ -95,7 +119,7 @@ HttpServerAnswer Collector::handle(const HttpServerRequest& request) {
     if (request.method != route.method) {
       return refuse(request, 405, std::string(route.path) + " takes " + route.method);
     }
-    return (this->*route.serve)(request);
+    return (this->*route.answer)(request);
   }
   if (std::optional<HttpServerAnswer> page = dashboard_.serve(request)) return *page;
   return refuse(request, 404, "no such path: " + request.path);
@@ -142,10 +166,7 @@ HttpServerAnswer Collector::settings(const HttpServerRequest& request) {
     return refuse(request, 403, why);
   }
   const std::string uid = fieldOrEmpty(request, "uid");
-  {
-    std::lock_guard lock(mutex_);
-    ++settingsRequests_[uid];
-  }
+  store_.countSettingsRequest(uid);
   if (events_.settings) events_.settings(request, uid);
   Dictionary result;
   result.set("push_interval_time", Value(options_.pushIntervalTime));
@@ -185,24 +206,23 @@ HttpServerAnswer Collector::log(const HttpServerRequest& request) {
     if (!record.asDictionary()) return refuse(request, 400, "log_data: a record is not an object");
   }
   if (!answersSuccess()) return notStored(request);
-  // An upload seen before (same token, same log_data) is confirmed again but
-  // stored once: a client repeats an upload whose answer it lost.
-  if (std::optional<int64_t> first = store_.recordReplay(token, *logData)) {
-    if (events_.replay) events_.replay(request, *first);
-    return confirm();
-  }
 
+  // An upload seen before (the same sealed log_data, whatever its day token)
+  // is confirmed again but stored once: a client repeats an upload whose
+  // answer it lost.
   UploadRow row;
   row.receivedAt = nowMillis();
   row.peer = request.peer;
   row.token = token;
-  row.digest = uploadDigest(token, *logData);
+  row.digest = uploadDigest(*logData);
   if (header->asDictionary()) row.header = *header->asDictionary();
   row.records = *records->asArray();
-  std::string error;
-  const std::optional<int64_t> id = store_.addUpload(row, error);
-  if (!id) return refuse(request, 500, "store: " + error);
-  if (events_.upload) events_.upload(*id, row);
+  const UploadOutcome stored = store_.storeUpload(row);
+  if (stored.replay) {
+    if (events_.replay) events_.replay(request, stored.id);
+  } else if (events_.upload) {
+    events_.upload(stored.id, row);
+  }
   return confirm();
 }
 
@@ -230,16 +250,15 @@ HttpServerAnswer Collector::diagnosis(const HttpServerRequest& request) {
   row.velin = fieldOrEmpty(request, "velin");
   row.version = fieldOrEmpty(request, "version");
   row.report = std::move(*decoded.value);
-  std::string error;
-  const std::optional<int64_t> id = store_.addDiagnosis(row, error);
-  if (!id) return refuse(request, 500, "store: " + error);
-  if (events_.diagnosis) events_.diagnosis(*id, row);
+  const int64_t id = store_.storeDiagnosis(row);
+  if (events_.diagnosis) events_.diagnosis(id, row);
   return confirm();
 }
 
 HttpServerAnswer Collector::received(const HttpServerRequest& request) {
   const std::optional<std::string> uid = field(request, "uid");
   const Delivered delivered = store_.delivered(uid);
+  const int64_t settings = uid ? store_.settingsRequests(*uid) : 0;
   Dictionary answer;
   answer.set("uploads", Value(delivered.uploads));
   // Present once an upload was replayed, so that older readers see no change.
@@ -247,7 +266,7 @@ HttpServerAnswer Collector::received(const HttpServerRequest& request) {
   answer.set("records", Value(countsOf(delivered.records)));
   answer.set("play_actions", Value(countsOf(delivered.playActions)));
   answer.set("diagnoses", Value(delivered.diagnoses));
-  if (uid) answer.set("settings", Value(settingsRequests(*uid)));
+  if (uid) answer.set("settings", Value(settings));
   return json(200, Value(std::move(answer)));
 }
 

@@ -7,6 +7,10 @@
 //                                 "user_id", "uid", "user_phone", "velin", "version"
 //   GET  /received[?uid=D]        what has been stored (for one device)
 //
+// Everything that matters lives in the store (replays, settings counts, ids),
+// so collectors that share one database answer as one would. When the store
+// stays busy past its bounded wait, the request is answered 503 with
+// "Retry-After".
 // Accepted uploads and diagnoses are written to the store and answered
 // {"operate_code": "200"}. Anything unreadable is refused with a 4xx status
 // and a one-line reason, and nothing is stored.
@@ -15,8 +19,6 @@
 
 #include <chrono>
 #include <functional>
-#include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -52,6 +54,9 @@ struct CollectorOptions {
   // Where the dashboard's Chart.js is read from.
   std::string chartJsPath = kSystemChartJs;
   SystemClock clock = [] { return std::chrono::system_clock::now(); };
+  // Proxies (IP addresses) whose "Forwarded" / "X-Forwarded-For" name the
+  // client; see resolveClientAddress.
+  std::vector<std::string> trustedProxies;
 };
 
 // What the collector tells its operator; every member may be empty.
@@ -75,6 +80,8 @@ class Collector {
   int64_t settingsRequests(const std::string& uid) const;
 
  private:
+  HttpServerAnswer serve(const HttpServerRequest& request);
+  HttpServerAnswer route(const HttpServerRequest& request);
   HttpServerAnswer settings(const HttpServerRequest& request);
   HttpServerAnswer log(const HttpServerRequest& request);
   HttpServerAnswer diagnosis(const HttpServerRequest& request);
@@ -90,8 +97,6 @@ class Collector {
   CollectorOptions options_;
   CollectorStore& store_;
   CollectorEvents events_;
-  mutable std::mutex mutex_;
-  std::map<std::string, int64_t> settingsRequests_;
   Dashboard dashboard_;
 };
 

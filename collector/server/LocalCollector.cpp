@@ -22,7 +22,9 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
                                                       std::string& error) {
   std::unique_ptr<LocalCollector> running(new LocalCollector(std::move(options)));
   LocalCollector* self = running.get();
-  self->store_ = CollectorStore::open(self->options_.database, error);
+  // One store connection for each thread that serves requests.
+  self->options_.store.connections = HttpServer::kThreads;
+  self->store_ = CollectorStore::open(self->options_.database, self->options_.store, error);
   if (!self->store_) return nullptr;
 
   CollectorEvents events;

@@ -21,8 +21,9 @@ enum class Output { kReadable, kExplained, kJson, kQuiet };
 
 struct LocalCollectorOptions {
   std::string host = "127.0.0.1";
-  int port = 0;  // 0: a free port
-  std::string database = "qxlog-collector.db";
+  int port = 0;                                 // 0: a free port
+  std::string database = "qxlog-collector.db";  // a file, or a postgresql:// URI
+  StoreOptions store;
   std::size_t maxBodyBytes = 8 << 20;
   // From a connection's start to its answer; connections at once, in all and
   // from one client address. Beyond them: closed, or answered 503.

@@ -1,33 +1,43 @@
-// The collector's SQLite database: one row per accepted upload, one per record
-// of an upload, one per diagnosis. Each upload is written in one transaction,
-// so a reader never sees part of one.
+// The collector's store: one row per accepted upload, one per record of an
+// upload, one per diagnosis, and the settings requests counted per device.
+// Each upload is written in one transaction, so a reader never sees part of
+// one. Two implementations: SQLite, the embedded default (a file), and
+// PostgreSQL (a libpq connection URI), which several collectors can share.
 //
 //   uploads(id, received_at, peer, token, device, user_id, header, record_count)
 //   records(id, upload_id, position, type, name, play_actions, body)
 //   diagnoses(id, received_at, peer, token, user_id, device, user_phone, velin,
-//             version, report)
+//             version, report, play_summary)
 //   upload_digests(digest, upload_id, replays)
+//   settings_requests(device, requests)
+//   qxlog_schema(version)
 //
-// "digest" identifies an upload by its token and "log_data" (SHA-256, hex):
-// a repeat of a stored upload is counted in "replays" instead of stored.
-// "header", "body" and "report" hold compact JSON; "received_at" is
-// milliseconds since 1970; "device" is the device id (the header's "t_2", the
-// diagnosis's "uid"); "play_actions" counts the non-empty play actions folded
-// under a play header's "p".
+// "digest" identifies an upload by its sealed "log_data" (SHA-256, hex): a
+// repeat of a stored upload, on any day and through any collector on the
+// same database, is counted in "replays" instead of stored. The check is the
+// upload's own transaction (a unique key), so repeats that arrive at once are
+// stored once. "header", "body" and "report" hold compact JSON;
+// "received_at" is milliseconds since 1970; "device" is the device id (the
+// header's "t_2", the diagnosis's "uid"); "play_actions" counts the
+// non-empty play actions folded under a play header's "p"; "play_summary" is
+// 1 when the report carries a player's end-of-play summary.
+//
+// Every call may wait for the database, but only up to StoreOptions::wait;
+// past it, and on any other failure, it throws StoreError. Calls are safe
+// from any number of threads: each takes one of the store's connections.
 #ifndef QXLOG_COLLECTOR_STORE_COLLECTORSTORE_H_
 #define QXLOG_COLLECTOR_STORE_COLLECTORSTORE_H_
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "QXLog/QXLogValue.h"
-
-struct sqlite3;
 
 namespace qxlog::collector {
 
@@ -35,7 +45,7 @@ struct UploadRow {
   int64_t receivedAt = 0;
   std::string peer;
   std::string token;
-  std::string digest;  // uploadDigest of its token and log_data; "" for none
+  std::string digest;  // uploadDigest of its log_data; "" for none
   Dictionary header;
   Array records;  // dictionaries
 };
@@ -59,6 +69,19 @@ struct StoredRecord {
   std::string type;
   std::string name;
   std::string body;  // compact JSON
+  std::string device;
+};
+
+struct StoredDiagnosis {
+  int64_t id = 0;
+  int64_t receivedAt = 0;
+  std::string peer;
+  std::string userId;
+  std::string device;
+  std::string userPhone;
+  std::string velin;
+  std::string version;
+  std::string report;  // compact JSON
 };
 
 // What a device has delivered: records per "a_t", non-empty play actions per
@@ -71,41 +94,109 @@ struct Delivered {
   std::map<std::string, int64_t> playActions;
 };
 
-// SHA-256 in hex of the token and the log_data, which identify an upload.
-std::string uploadDigest(const std::string& token, const std::string& logData);
+// The dashboard's figures.
+struct StoreTotals {
+  int64_t uploads = 0;
+  int64_t records = 0;
+  int64_t diagnoses = 0;
+  int64_t replays = 0;
+};
+struct NamedCount {
+  std::string name;
+  int64_t count = 0;
+};
+struct DeviceSeen {
+  std::string device;
+  int64_t uploads = 0;
+  int64_t lastSeen = 0;  // received_at of its latest upload
+};
+struct MinuteCount {
+  int64_t minute = 0;  // milliseconds since 1970, a multiple of 60000
+  int64_t uploads = 0;
+  int64_t records = 0;
+};
+
+// The outcome of storing an upload: its id, or, for a repeat, the id of the
+// upload it repeats.
+struct UploadOutcome {
+  int64_t id = 0;
+  bool replay = false;
+};
+
+// A store call that failed. busy(): the database stayed locked, slow or
+// unreachable past the bounded wait, and the same call may succeed soon.
+class StoreError : public std::runtime_error {
+ public:
+  StoreError(bool busy, const std::string& what) : std::runtime_error(what), busy_(busy) {}
+  bool busy() const { return busy_; }
+
+ private:
+  bool busy_;
+};
+
+struct StoreOptions {
+  // The longest a call waits for a connection, a lock or a statement.
+  std::chrono::milliseconds wait{2000};
+  // Connections held at most: one per thread that serves requests.
+  std::size_t connections = 4;
+};
+
+// SHA-256 in hex of an upload's sealed log_data, which identifies it.
+std::string uploadDigest(const std::string& logData);
 
 class CollectorStore {
  public:
-  // When an upload with this token and log_data is stored already: counts
-  // the replay and returns the stored upload's id.
-  std::optional<int64_t> recordReplay(const std::string& token, const std::string& logData);
-  // Opens or creates the database and its tables. Nothing on failure, with
-  // the reason in `error`.
-  static std::unique_ptr<CollectorStore> open(const std::string& path, std::string& error);
-  ~CollectorStore();
-  CollectorStore(const CollectorStore&) = delete;
-  CollectorStore& operator=(const CollectorStore&) = delete;
+  // Opens the store at `location`: a "postgresql://" or "postgres://" URI
+  // names a PostgreSQL database, anything else an SQLite file. Creates or
+  // migrates the tables. Nothing on failure, with the reason in `error`.
+  static std::unique_ptr<CollectorStore> open(const std::string& location, std::string& error);
+  static std::unique_ptr<CollectorStore> open(const std::string& location,
+                                              const StoreOptions& options, std::string& error);
+  static bool isPostgresLocation(const std::string& location);
+  // The schema version this build creates and migrates to.
+  static constexpr int kSchemaVersion = 2;
 
-  // The new row's id, or nothing (with the reason in `error`) when the
-  // transaction failed and was rolled back.
+  virtual ~CollectorStore() = default;
+
+  // Stores an upload, or counts it as a replay when one with the same
+  // digest is stored already.
+  virtual UploadOutcome storeUpload(const UploadRow& upload) = 0;
+  virtual int64_t storeDiagnosis(const DiagnosisRow& diagnosis) = 0;
+  // Counts one settings request of `device`; the count is kept in the store.
+  virtual void countSettingsRequest(const std::string& device) = 0;
+  virtual int64_t settingsRequests(const std::string& device) = 0;
+
+  // storeUpload and storeDiagnosis without exceptions: the id, or nothing
+  // with the reason in `error`.
   std::optional<int64_t> addUpload(const UploadRow& upload, std::string& error);
   std::optional<int64_t> addDiagnosis(const DiagnosisRow& diagnosis, std::string& error);
 
   // Records in arrival order; `type` filters on "a_t" when given.
-  std::vector<StoredRecord> records(const std::optional<std::string>& type = std::nullopt);
-  // Diagnoses in arrival order, as compact JSON of the whole row.
+  virtual std::vector<StoredRecord> records(const std::optional<std::string>& type) = 0;
+  std::vector<StoredRecord> records() { return records(std::nullopt); }
+  // Diagnoses in arrival order, each as compact JSON of the whole row.
   std::vector<std::string> diagnoses();
-  // The rows of a read-only query, each column as text ("" for NULL).
-  std::vector<std::vector<std::string>> rows(const std::string& sql);
   // Totals, for one device when `device` is given.
-  Delivered delivered(const std::optional<std::string>& device = std::nullopt);
+  virtual Delivered delivered(const std::optional<std::string>& device) = 0;
+  Delivered delivered() { return delivered(std::nullopt); }
 
- private:
-  explicit CollectorStore(sqlite3* db) : db_(db) {}
-  bool exec(const char* sql, std::string& error);
-
-  std::mutex mutex_;
-  sqlite3* db_;
+  // The dashboard's queries.
+  virtual StoreTotals totals() = 0;
+  // Records per printable type name, most first.
+  virtual std::vector<NamedCount> recordsPerName() = 0;
+  // The devices seen latest first, at most `limit`.
+  virtual std::vector<DeviceSeen> devices(std::size_t limit) = 0;
+  // Uploads and records per minute over the `minutes` minutes up to the
+  // latest upload, oldest first; minutes without uploads are left out.
+  virtual std::vector<MinuteCount> perMinute(std::size_t minutes) = 0;
+  // The latest records, newest first; with `playsOnly` those with play
+  // actions.
+  virtual std::vector<StoredRecord> latestRecords(std::size_t limit, bool playsOnly) = 0;
+  // The latest diagnoses, newest first; with `playSummaries` those whose
+  // report holds an end-of-play summary.
+  virtual std::vector<StoredDiagnosis> latestDiagnoses(std::size_t limit, bool playSummaries) = 0;
+  // Every diagnosis in arrival order.
+  virtual std::vector<StoredDiagnosis> allDiagnoses() = 0;
 };
 
 // The printable name of a record's type: "launch", "action", "download",

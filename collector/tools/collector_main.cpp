@@ -1,6 +1,6 @@
 // qxlog-collector: a local log server for hosts of the library. It answers the
 // settings request, takes uploads and diagnoses, decodes them with the hosts'
-// key, stores them in SQLite and prints them. Stops cleanly on SIGINT/SIGTERM.
+// key, stores them in SQLite or PostgreSQL and prints them. Stops cleanly on SIGINT/SIGTERM.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -25,7 +25,13 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
 
   --listen HOST:PORT           where to listen (default 127.0.0.1:8470; port 0: any free port)
   --key KEY                    the hosts' logEncryptionKey (default: none, 16 zero bytes)
-  --db PATH                    the SQLite database (default ./qxlog-collector.db)
+  --db PATH|URI                 the SQLite database (default ./qxlog-collector.db), or a
+                               PostgreSQL database: postgresql://... (a libpq URI), which
+                               several collectors may share
+  --db-wait MS                 longest wait for a busy database before answering 503
+                               with Retry-After (default 2000)
+  --trusted-proxy ADDR         a proxy (IP address) whose X-Forwarded-For / Forwarded
+                               name the client; repeatable
   --push-interval-time MS      push interval sent to hosts, in milliseconds (default 60000)
   --push-interval-number N     batch size sent to hosts (default 20)
   --answer-code CODE           operate_code of upload answers (default 200; any other
@@ -97,6 +103,12 @@ int main(int argc, char** argv) {
       options.collector.key = std::string(text);
     } else if (arg == "--db") {
       options.database = std::string(text);
+    } else if (arg == "--db-wait") {
+      int64_t millis = 0;
+      if (!parseNumber(text, millis) || millis <= 0) return usageError("--db-wait takes ms");
+      options.store.wait = std::chrono::milliseconds(millis);
+    } else if (arg == "--trusted-proxy") {
+      options.collector.trustedProxies.emplace_back(text);
     } else if (arg == "--push-interval-time") {
       if (!parseNumber(text, options.collector.pushIntervalTime)) {
         return usageError("--push-interval-time takes milliseconds");

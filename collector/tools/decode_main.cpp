@@ -5,6 +5,7 @@
 //                                     from TEXT or standard input, to JSON
 //   qxlog-decode --records DB [--type TYPE]
 //                                     prints a collector database's records
+//                                     (an SQLite file or a PostgreSQL URI)
 #include <unistd.h>
 
 #include <cstdio>
@@ -35,7 +36,8 @@ gzip, JSON) given as TEXT or on standard input, and prints the JSON, indented
 unless --compact. A whole form body ("log_data=...&token=...") or a
 percent-encoded value is accepted too.
 
---records prints the records a collector stored in DB, named by type, with
+--records prints the records a collector stored in DB (an SQLite file, or a
+PostgreSQL URI: postgresql://...), named by type, with
 their play actions; --type keeps one type: a code ("2") or a name (launch,
 action, download, network, film, short, channel, diagnosis).
 
@@ -118,7 +120,9 @@ int decode(const qxlog::NullableString& key, bool compact, bool explain,
 
 int records(const std::string& path, const std::optional<std::string>& type, bool json,
             bool explain) {
-  if (::access(path.c_str(), R_OK) != 0) return fail(path + ": no such database");
+  if (!CollectorStore::isPostgresLocation(path) && ::access(path.c_str(), R_OK) != 0) {
+    return fail(path + ": no such database");
+  }
   std::string error;
   auto store = CollectorStore::open(path, error);
   if (!store) return fail(error);

@@ -7,6 +7,15 @@
 //
 //   qxlog_delivery_check COLLECTOR HOST [RECORDS]
 // Exits 1 when the at-least-once mode lost a record.
+//
+// The fleet check: two collectors on one PostgreSQL database behind a load
+// balancer that the caller runs (nginx on BALANCER_PORT, balancing
+// PORT_A and PORT_B); an at-least-once host reports through the balancer
+// while collector A is killed with SIGKILL and restarted twice. What was
+// stored is read back with qxlog-decode (beside COLLECTOR).
+//
+//   qxlog_delivery_check --fleet COLLECTOR HOST DATABASE_URI PORT_A PORT_B BALANCER_PORT [RECORDS]
+// Exits 1 when a record was lost or stored twice.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -20,6 +29,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -73,8 +83,10 @@ pid_t spawn(const std::vector<std::string>& argv, int* output) {
 
 class Collector {
  public:
-  Collector(std::string program, fs::path database)
-      : program_(std::move(program)), database_(std::move(database)), port_(loopback(0, false)) {}
+  Collector(std::string program, fs::path database, int port = 0)
+      : program_(std::move(program)),
+        database_(std::move(database)),
+        port_(port > 0 ? port : loopback(0, false)) {}
   ~Collector() { kill(); }
   void start() {
     pid_ = spawn({program_, "--listen", "127.0.0.1:" + std::to_string(port_), "--key", kKey, "--db",
@@ -147,6 +159,72 @@ Counts count(const std::set<uint64_t>& reported, const fs::path& database) {
   return counts;
 }
 
+// The reported numbers against the action names the store at `database`
+// holds, as qxlog-decode prints them.
+Counts countThroughDecode(const std::set<uint64_t>& reported, const std::string& decode,
+                          const std::string& database) {
+  std::map<uint64_t, std::size_t> names;
+  const std::string command = "'" + decode + "' --records '" + database + "' --type action --json";
+  if (std::FILE* lines = ::popen(command.c_str(), "r")) {
+    char line[4096];
+    while (std::fgets(line, sizeof line, lines) != nullptr) {
+      const char* name = std::strstr(line, "\"a_1\":\"");
+      if (name != nullptr) ++names[std::strtoull(name + 7, nullptr, 10)];
+    }
+    ::pclose(lines);
+  }
+  Counts counts;
+  counts.reported = reported.size();
+  for (const auto& [number, times] : names) {
+    if (reported.count(number) != 0) ++counts.delivered;
+    counts.duplicated += times - 1;
+  }
+  counts.lost = counts.reported - counts.delivered;
+  return counts;
+}
+
+int fleetCheck(int argc, char** argv) {
+  if (argc < 8) {
+    std::fprintf(stderr,
+                 "usage: qxlog_delivery_check --fleet COLLECTOR HOST DATABASE_URI PORT_A PORT_B "
+                 "BALANCER_PORT [RECORDS]\n");
+    return 2;
+  }
+  const std::string collector = argv[2], host = argv[3], database = argv[4];
+  const uint64_t records = argc > 8 ? std::strtoull(argv[8], nullptr, 10) : 20000;
+  Collector a(collector, database, std::atoi(argv[5]));
+  Collector b(collector, database, std::atoi(argv[6]));
+  a.start();
+  b.start();
+  const std::string balancer = "http://127.0.0.1:" + std::string(argv[7]);
+  fs::path work = fs::temp_directory_path() / ("qxlog-fleet-" + std::to_string(::getpid()));
+  fs::create_directories(work / "Documents");
+  std::set<uint64_t> reported;
+  const uint64_t killEvery = records / 3;
+  runHost(host, work / "Documents", balancer, "at-least-once", 1000000000ULL, records,
+          [&](uint64_t n) {
+            reported.insert(n);
+            if (reported.size() % killEvery == 0 && reported.size() < records) {
+              a.kill();
+              std::this_thread::sleep_for(std::chrono::milliseconds(300));
+              a.start();
+            }
+            return true;
+          });
+  a.kill();
+  b.kill();
+  const fs::path decode = fs::path(collector).parent_path() / "qxlog-decode";
+  const Counts c = countThroughDecode(reported, decode.string(), database);
+  std::printf("%-14s %-40s %9s %9s %6s %10s\n", "mode", "scenario", "reported", "delivered", "lost",
+              "duplicated");
+  std::printf("%-14s %-40s %9zu %9zu %6zu %10zu\n", "at-least-once",
+              "2 collectors, nginx, one killed 2 times", c.reported, c.delivered, c.lost,
+              c.duplicated);
+  std::error_code ignored;
+  fs::remove_all(work, ignored);
+  return c.lost == 0 && c.duplicated == 0 && c.reported == records ? 0 : 1;
+}
+
 struct Scenario {
   const char* name;
   int collectorKills;
@@ -192,6 +270,7 @@ Counts runScenario(const Scenario& scenario, const std::string& mode, const std:
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string(argv[1]) == "--fleet") return fleetCheck(argc, argv);
   if (argc < 3) {
     std::fprintf(stderr, "usage: qxlog_delivery_check COLLECTOR HOST [RECORDS]\n");
     return 2;

@@ -1,0 +1,492 @@
+// The collector's store on SQLite and on PostgreSQL (a throwaway server; the
+// PostgreSQL cases skip, saying why, where it is not installed): what the
+// dashboard and the API read back, replays decided inside the upload's
+// transaction, counts shared by every collector on one database, bounded
+// waits, schema versions, and the client behind a trusted proxy.
+#include <gtest/gtest.h>
+#include <libpq-fe.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <ostream>
+#include <thread>
+
+#include "QXLog/QXLogHelper.h"
+#include "QXLog/support/Codecs.h"
+#include "collector/server/ClientAddress.h"
+#include "collector/server/LocalCollector.h"
+#include "tests/support/HttpClient.h"
+#include "tests/support/PostgresServer.h"
+#include "tests/support/UploadFixture.h"
+
+namespace qxlog {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using collector::CollectorStore;
+using collector::StoreError;
+using collector::UploadRow;
+
+enum class Backend { kSqlite, kPostgres };
+
+void PrintTo(Backend backend, std::ostream* out) {
+  *out << (backend == Backend::kSqlite ? "SQLite" : "PostgreSQL");
+}
+
+std::string backendName(const ::testing::TestParamInfo<Backend>& info) {
+  return info.param == Backend::kSqlite ? "Sqlite" : "Postgres";
+}
+
+Dictionary strings(std::initializer_list<std::pair<std::string, std::string>> pairs) {
+  Dictionary out;
+  for (const auto& [key, value] : pairs) out.set(key, Value(value));
+  return out;
+}
+
+UploadRow upload(const std::string& digest, const std::string& device, int64_t at,
+                 std::size_t actions = 2) {
+  UploadRow row;
+  row.receivedAt = at;
+  row.peer = "10.0.0.1:5";
+  row.digest = digest;
+  row.header = strings({{"t_2", device}, {"t_12", "user"}});
+  for (std::size_t i = 0; i < actions; ++i) {
+    row.records.push_back(
+        Value(strings({{"a_t", "2"}, {"a_1", digest + "." + std::to_string(i)}})));
+  }
+  Dictionary film = strings({{"a_t", "1"}, {"a_7", "film-" + digest}});
+  film.set("p", Value(Array{Value(strings({{"p_2", "1"}})), Value(Dictionary()),
+                            Value(strings({{"p_2", "2"}}))}));
+  row.records.push_back(Value(std::move(film)));
+  return row;
+}
+
+class StoreTest : public ::testing::TestWithParam<Backend> {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/qxlog-store-test.XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    if (GetParam() == Backend::kSqlite) {
+      location_ = dir_ + "/collector.db";
+    } else {
+      std::string why;
+      location_ = testing::freshPostgresDatabase(why);
+      if (location_.empty()) GTEST_SKIP() << "no PostgreSQL: " << why;
+    }
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  std::unique_ptr<CollectorStore> open(collector::StoreOptions options = {}) {
+    std::string error;
+    auto store = CollectorStore::open(location_, options, error);
+    EXPECT_TRUE(store) << error;
+    return store;
+  }
+
+  // Another client holding the database's write lock until released.
+  class Holder {
+   public:
+    Holder(Backend backend, const std::string& location) {
+      if (backend == Backend::kSqlite) {
+        sqlite3_open(location.c_str(), &sqlite_);
+        EXPECT_EQ(sqlite3_exec(sqlite_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+      } else {
+        postgres_ = PQconnectdb(location.c_str());
+        PQclear(PQexec(postgres_,
+                       "BEGIN; LOCK TABLE uploads, settings_requests IN ACCESS "
+                       "EXCLUSIVE MODE"));
+      }
+    }
+    ~Holder() {
+      if (sqlite_) sqlite3_close(sqlite_);  // rolls back
+      if (postgres_) PQfinish(postgres_);
+    }
+
+   private:
+    sqlite3* sqlite_ = nullptr;
+    PGconn* postgres_ = nullptr;
+  };
+
+  std::string dir_;
+  std::string location_;
+};
+
+TEST_P(StoreTest, AnswersEveryQueryOfTheDashboardAndTheApi) {
+  auto store = open();
+  ASSERT_TRUE(store);
+  // Two devices; uploads over three minutes and one three hours earlier,
+  // outside the per-minute window.
+  const int64_t minute = 29'000'000 * int64_t{60000};
+  ASSERT_FALSE(store->storeUpload(upload("early", "d1", minute - 180 * 60000)).replay);
+  ASSERT_FALSE(store->storeUpload(upload("a", "d1", minute)).replay);
+  ASSERT_FALSE(store->storeUpload(upload("b", "d2", minute + 60000 + 5, 1)).replay);
+  ASSERT_FALSE(store->storeUpload(upload("c", "d1", minute + 120000 + 59999)).replay);
+  collector::DiagnosisRow diagnosis;
+  diagnosis.device = "d2";
+  diagnosis.peer = "10.0.0.9:1";
+  Dictionary report;
+  report.set("play_summary", Value(strings({{"startup_ms", "300"}})));
+  diagnosis.report = Value(report);
+  store->storeDiagnosis(diagnosis);
+  diagnosis.report = Value(strings({{"k", "v"}}));
+  store->storeDiagnosis(diagnosis);
+
+  const collector::StoreTotals totals = store->totals();
+  EXPECT_EQ(totals.uploads, 4);
+  EXPECT_EQ(totals.records, 4 * 3 - 1);
+  EXPECT_EQ(totals.diagnoses, 2);
+  EXPECT_EQ(totals.replays, 0);
+
+  const auto names = store->recordsPerName();
+  ASSERT_EQ(names.size(), 2u);
+  EXPECT_EQ(names[0].name, "action");
+  EXPECT_EQ(names[0].count, 7);
+  EXPECT_EQ(names[1].name, "film play");
+  EXPECT_EQ(names[1].count, 4);
+
+  const auto devices = store->devices(1);
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].device, "d1");
+  EXPECT_EQ(devices[0].uploads, 3);
+  EXPECT_EQ(devices[0].lastSeen, minute + 120000 + 59999);
+
+  const auto minutes = store->perMinute(120);
+  ASSERT_EQ(minutes.size(), 3u);  // the early upload is outside the window
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(minutes[i].minute, minute + i * 60000);
+    EXPECT_EQ(minutes[i].uploads, 1);
+    EXPECT_EQ(minutes[i].records, i == 1 ? 2 : 3);
+  }
+  EXPECT_EQ(store->perMinute(2).size(), 2u);
+
+  const auto latest = store->latestRecords(2, false);
+  ASSERT_EQ(latest.size(), 2u);
+  EXPECT_GT(latest[0].id, latest[1].id);
+  EXPECT_EQ(latest[0].name, "film play");
+  EXPECT_EQ(latest[0].device, "d1");
+  EXPECT_EQ(latest[1].body, R"({"a_t":"2","a_1":"c.1"})");
+  const auto plays = store->latestRecords(10, true);
+  ASSERT_EQ(plays.size(), 4u);
+  for (const auto& play : plays) EXPECT_EQ(play.type, "1");
+
+  const auto summaries = store->latestDiagnoses(10, true);
+  ASSERT_EQ(summaries.size(), 1u);
+  EXPECT_EQ(summaries[0].report, R"({"play_summary":{"startup_ms":"300"}})");
+  EXPECT_EQ(store->latestDiagnoses(10, false).size(), 2u);
+  EXPECT_EQ(store->diagnoses().size(), 2u);
+
+  const collector::Delivered d1 = store->delivered("d1");
+  EXPECT_EQ(d1.uploads, 3);
+  EXPECT_EQ(d1.records.at("2"), 6);
+  EXPECT_EQ(d1.playActions.at("1"), 6);  // two non-empty of three per play
+  EXPECT_EQ(store->delivered("d2").diagnoses, 2);
+  EXPECT_EQ(store->records("1"s).size(), 4u);
+  EXPECT_EQ(store->records().size(), 11u);
+}
+
+TEST_P(StoreTest, RepeatsArrivingAtOnceThroughTwoStoresAreStoredOnce) {
+  // Waits long enough for eight writers on a loaded machine: this is about
+  // what is stored, not about how long a writer waits.
+  collector::StoreOptions options;
+  options.wait = 60s;
+  auto first = open(options);
+  auto second = open(options);
+  ASSERT_TRUE(first && second);
+  constexpr int kThreads = 8, kUploads = 40;
+  std::atomic<int> replays{0}, failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      CollectorStore& store = t % 2 ? *first : *second;
+      for (int i = 0; i < kUploads; ++i) {
+        // Each thread starts elsewhere, so that repeats meet at once.
+        const int n = (i + t * 5) % kUploads;
+        try {
+          if (store.storeUpload(upload("u" + std::to_string(n), "d", n)).replay) ++replays;
+        } catch (const StoreError& error) {
+          ADD_FAILURE() << error.what();
+          ++failures;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(replays, kUploads * (kThreads - 1));
+  const collector::StoreTotals totals = first->totals();
+  EXPECT_EQ(totals.uploads, kUploads);
+  EXPECT_EQ(totals.records, kUploads * 3);
+  EXPECT_EQ(totals.replays, kUploads * (kThreads - 1));
+  EXPECT_EQ(second->records().size(), static_cast<std::size_t>(kUploads * 3));
+  // A repeat names the upload it repeats.
+  const int64_t id = first->storeUpload(upload("u7", "d", 7)).id;
+  EXPECT_EQ(second->storeUpload(upload("u7", "d", 7)).id, id);
+}
+
+TEST_P(StoreTest, SettingsCountsAreSharedByEveryStoreOnTheDatabase) {
+  auto first = open();
+  auto second = open();
+  ASSERT_TRUE(first && second);
+  for (int i = 0; i < 3; ++i) first->countSettingsRequest("device");
+  for (int i = 0; i < 2; ++i) second->countSettingsRequest("device");
+  second->countSettingsRequest("other");
+  EXPECT_EQ(first->settingsRequests("device"), 5);
+  EXPECT_EQ(second->settingsRequests("other"), 1);
+  EXPECT_EQ(first->settingsRequests("never"), 0);
+}
+
+TEST_P(StoreTest, ABusyDatabaseFailsWithinTheBoundedWaitThenRecovers) {
+  collector::StoreOptions options;
+  options.wait = 200ms;
+  auto store = open(options);
+  ASSERT_TRUE(store);
+  {
+    Holder holder(GetParam(), location_);
+    for (auto call : std::initializer_list<std::function<void()>>{
+             [&] { store->storeUpload(upload("x", "d", 1)); },
+             [&] { store->countSettingsRequest("d"); }}) {
+      const auto start = std::chrono::steady_clock::now();
+      try {
+        call();
+        ADD_FAILURE() << "a call through a held lock succeeded";
+      } catch (const StoreError& error) {
+        EXPECT_TRUE(error.busy()) << error.what();
+      }
+      EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
+    }
+  }
+  EXPECT_FALSE(store->storeUpload(upload("x", "d", 1)).replay);
+  EXPECT_EQ(store->totals().uploads, 1);
+}
+
+TEST_P(StoreTest, RefusesADatabaseOfANewerSchemaAndKeepsItsData) {
+  {
+    auto store = open();
+    ASSERT_TRUE(store);
+    store->storeUpload(upload("kept", "d", 1));
+  }
+  {
+    auto again = open();  // opening again migrates nothing and loses nothing
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->totals().uploads, 1);
+  }
+  const std::string bump = "UPDATE qxlog_schema SET version = 99";
+  if (GetParam() == Backend::kSqlite) {
+    sqlite3* db = nullptr;
+    sqlite3_open(location_.c_str(), &db);
+    EXPECT_EQ(sqlite3_exec(db, bump.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+  } else {
+    std::string why;
+    ASSERT_TRUE(testing::runPostgres(location_, bump, why)) << why;
+  }
+  std::string error;
+  EXPECT_FALSE(CollectorStore::open(location_, error));
+  EXPECT_NE(error.find("version 99"), std::string::npos) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, StoreTest,
+                         ::testing::Values(Backend::kSqlite, Backend::kPostgres), backendName);
+
+// Collectors sharing one database over HTTP, as behind a load balancer.
+class CollectorFleetTest : public StoreTest {
+ protected:
+  void TearDown() override {
+    collectors_.clear();
+    if (log_) std::fclose(log_);
+    StoreTest::TearDown();
+  }
+
+  collector::LocalCollector& start(collector::LocalCollectorOptions options = {}) {
+    if (!log_) log_ = std::fopen("/dev/null", "w");
+    options.database = location_;
+    options.collector.key = std::string(testing::kTestKey);
+    options.output = collector::Output::kQuiet;
+    options.log = log_;
+    std::string error;
+    collectors_.push_back(collector::LocalCollector::start(options, error));
+    EXPECT_TRUE(collectors_.back()) << error;
+    return *collectors_.back();
+  }
+
+  static std::string logForm(const std::string& json) {
+    const std::string sealed = support::base64Encode(
+        *QXLogHelper::data_AES256(*QXLogHelper::gzipDeflate(json), testing::kTestKey));
+    return "log_data=" + testing::formEncode(sealed) + "&token=" + today() + "&uid=device";
+  }
+  static std::string today() {
+    return collector::acceptedDayTokens(std::chrono::system_clock::now())[0];
+  }
+
+  std::vector<std::unique_ptr<collector::LocalCollector>> collectors_;
+  std::FILE* log_ = nullptr;
+};
+
+TEST_P(CollectorFleetTest, UploadsSentTwiceAtOnceToTwoCollectorsAreStoredOnce) {
+  std::array<collector::LocalCollector*, 2> fleet = {&start(), &start()};
+  ASSERT_TRUE(fleet[0] && fleet[1]);
+  constexpr int kUploads = 200, kRecords = 5, kThreadsPerCollector = 8;
+  std::vector<std::string> forms;
+  for (int i = 0; i < kUploads; ++i) {
+    std::string json = R"({"t":{"t_2":"device"},"a":[)";
+    for (int r = 0; r < kRecords; ++r) {
+      json += std::string(r ? "," : "") + R"({"a_t":"2","a_1":")" +
+              std::to_string(i * kRecords + r) + R"("})";
+    }
+    forms.push_back(logForm(json + "]}"));
+  }
+  // Every upload goes to both collectors; the threads of each walk the
+  // uploads in the same order, so that the two copies arrive together.
+  std::atomic<int> next[2] = {0, 0};
+  std::atomic<int> unanswered{0};
+  std::vector<std::thread> threads;
+  for (int c = 0; c < 2; ++c) {
+    for (int t = 0; t < kThreadsPerCollector; ++t) {
+      threads.emplace_back([&, c] {
+        for (int i; (i = next[c]++) < kUploads;) {
+          int status = 0;
+          for (int attempt = 0; attempt < 20 && status != 200; ++attempt) {
+            status = testing::postForm(fleet[c]->port(), "/log", forms[i]).status;
+          }
+          if (status != 200) ++unanswered;
+        }
+      });
+    }
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(unanswered, 0);
+  const collector::StoreTotals totals = fleet[0]->store().totals();
+  EXPECT_EQ(totals.uploads, kUploads);
+  EXPECT_EQ(totals.records, kUploads * kRecords);
+  EXPECT_EQ(totals.replays, kUploads);
+  EXPECT_EQ(fleet[1]->store().records().size(), static_cast<std::size_t>(kUploads * kRecords));
+}
+
+TEST_P(CollectorFleetTest, AnswersAsOneCollectorWouldAndSaysWhenTheDatabaseIsBusy) {
+  collector::LocalCollectorOptions options;
+  options.collector.trustedProxies = {"127.0.0.1"};
+  std::array<collector::LocalCollector*, 2> fleet = {&start(options), &start(options)};
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(testing::get(fleet[i % 2]->port(), "/settings?token=" + today() + "&uid=dev").status,
+              200);
+  }
+  for (auto* collector : fleet) {
+    EXPECT_NE(testing::get(collector->port(), "/received?uid=dev").body.find("\"settings\":5"),
+              std::string::npos);
+  }
+
+  // Behind a trusted proxy the stored peer is the client the proxy names.
+  const std::string diagnosis =
+      logForm(R"({"play_info":{"playUrl":"u"}})").replace(0, 8, "diagnosis_log");
+  const std::string form = diagnosis.substr(0, diagnosis.find("&token=")) + "&token=" + today();
+  const testing::HttpReply proxied =
+      testing::roundTrip(fleet[1]->port(),
+                         "POST /diagnosis HTTP/1.1\r\nHost: x\r\nX-Forwarded-For: 203.0.113.7\r\n"
+                         "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
+                             std::to_string(form.size()) + "\r\n\r\n" + form);
+  EXPECT_EQ(proxied.status, 200) << proxied.body;
+  const auto stored = fleet[0]->store().allDiagnoses();
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_EQ(stored[0].peer, "203.0.113.7");
+
+  // Held by another client, the database answers 503 within the wait, and
+  // the upload is stored once it is free again.
+  const std::string upload = logForm(R"({"t":{"t_2":"dev"},"a":[{"a_t":"2"}]})");
+  options.store.wait = 200ms;
+  collector::LocalCollector& impatient = start(options);
+  {
+    Holder holder(GetParam(), location_);
+    const auto began = std::chrono::steady_clock::now();
+    const testing::HttpReply busy = testing::postForm(impatient.port(), "/log", upload);
+    EXPECT_LT(std::chrono::steady_clock::now() - began, 1500ms);
+    EXPECT_EQ(busy.status, 503) << busy.body;
+    EXPECT_NE(busy.head.find("Retry-After: 1"), std::string::npos) << busy.head;
+  }
+  EXPECT_EQ(testing::postForm(fleet[1]->port(), "/log", upload).status, 200);
+  EXPECT_EQ(fleet[0]->store().totals().uploads, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, CollectorFleetTest,
+                         ::testing::Values(Backend::kSqlite, Backend::kPostgres), backendName);
+
+// A database the collector's first schema wrote, without a version: opened,
+// it gains the new tables and columns and keeps what it holds.
+TEST(SqliteStoreMigration, BringsAVersionOneDatabaseToTheCurrentSchema) {
+  char pattern[] = "/tmp/qxlog-store-test.XXXXXX";
+  ASSERT_NE(::mkdtemp(pattern), nullptr);
+  const std::string path = std::string(pattern) + "/old.db";
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, R"sql(
+    CREATE TABLE uploads (id INTEGER PRIMARY KEY, received_at INTEGER NOT NULL,
+      peer TEXT NOT NULL, token TEXT NOT NULL, device TEXT NOT NULL, user_id TEXT NOT NULL,
+      header TEXT NOT NULL, record_count INTEGER NOT NULL);
+    CREATE TABLE records (id INTEGER PRIMARY KEY, upload_id INTEGER NOT NULL REFERENCES
+      uploads(id), position INTEGER NOT NULL, type TEXT NOT NULL, name TEXT NOT NULL,
+      play_actions INTEGER NOT NULL, body TEXT NOT NULL);
+    CREATE INDEX records_by_type ON records(type);
+    CREATE TABLE upload_digests (digest TEXT PRIMARY KEY, upload_id INTEGER NOT NULL
+      REFERENCES uploads(id), replays INTEGER NOT NULL DEFAULT 0);
+    CREATE TABLE diagnoses (id INTEGER PRIMARY KEY, received_at INTEGER NOT NULL,
+      peer TEXT NOT NULL, token TEXT NOT NULL, user_id TEXT NOT NULL, device TEXT NOT NULL,
+      user_phone TEXT NOT NULL, velin TEXT NOT NULL, version TEXT NOT NULL, report TEXT NOT NULL);
+    INSERT INTO uploads VALUES (1, 5, 'p', 't', 'old', 'u', '{}', 1);
+    INSERT INTO records VALUES (1, 1, 0, '2', 'action', 0, '{"a_t":"2"}');
+    INSERT INTO diagnoses VALUES (1, 5, 'p', 't', 'u', 'old', '', '', '',
+      '{"play_summary":{"startup_ms":"9"}}');
+  )sql",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  std::string error;
+  auto store = CollectorStore::open(path, error);
+  ASSERT_TRUE(store) << error;
+  EXPECT_EQ(store->totals().uploads, 1);
+  EXPECT_EQ(store->latestDiagnoses(5, true).size(), 1u);
+  store->countSettingsRequest("old");
+  EXPECT_EQ(store->settingsRequests("old"), 1);
+  EXPECT_EQ(store->records().size(), 1u);
+  std::filesystem::remove_all(pattern);
+}
+
+TEST(ClientAddress, TakesTheForwardedClientOnlyFromATrustedProxy) {
+  const std::vector<std::string> proxies = {"127.0.0.1", "10.0.0.2"};
+  const struct {
+    const char* peer;
+    const char* header;
+    const char* value;
+    const char* client;
+  } cases[] = {
+      {"127.0.0.1:4000", "x-forwarded-for", "203.0.113.7", "203.0.113.7"},
+      {"127.0.0.1:4000", "x-forwarded-for", "198.51.100.1, 203.0.113.7", "203.0.113.7"},
+      // Past the trusted proxies in the chain to the first untrusted hop.
+      {"127.0.0.1:4000", "x-forwarded-for", "198.51.100.1, 203.0.113.7, 10.0.0.2", "203.0.113.7"},
+      {"127.0.0.1:4000", "forwarded", "for=192.0.2.43;proto=https, For=\"[2001:db8::17]:4711\"",
+       "2001:db8::17"},
+      {"127.0.0.1:4000", "forwarded", "for=192.0.2.43:80", "192.0.2.43"},
+      // An untrusted connection's headers are ignored.
+      {"192.0.2.9:4000", "x-forwarded-for", "203.0.113.7", "192.0.2.9:4000"},
+      // Garbage or nothing forwarded: the connection's own address.
+      {"127.0.0.1:4000", "x-forwarded-for", "not-an-address", "127.0.0.1:4000"},
+      {"127.0.0.1:4000", "forwarded", "for=unknown", "127.0.0.1:4000"},
+      {"127.0.0.1:4000", "x-forwarded-for", "", "127.0.0.1:4000"},
+      {"127.0.0.1:4000", "x-other", "203.0.113.7", "127.0.0.1:4000"},
+  };
+  for (const auto& c : cases) {
+    collector::HttpServerRequest request;
+    request.peer = c.peer;
+    request.headers[c.header] = c.value;
+    EXPECT_EQ(collector::resolveClientAddress(request, proxies), c.client)
+        << c.peer << " " << c.header << ": " << c.value;
+  }
+}
+
+}  // namespace
+}  // namespace qxlog
