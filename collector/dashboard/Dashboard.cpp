@@ -14,6 +14,14 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Rows = std::vector<std::vector<std::string>>;
 
+// The longest record and report text that the API parses and serves whole,
+// in characters; a longer one is served cut to its first characters, with
+// its length, so that one large upload cannot make every answer large.
+constexpr int64_t kServedRecordChars = 64 << 10;
+constexpr int64_t kServedReportChars = 256 << 10;
+const std::string kRecordLimit = std::to_string(kServedRecordChars);
+const std::string kReportLimit = std::to_string(kServedReportChars);
+
 constexpr const char* kOperationNames[] = {"",       "start",         "end",  "pause",
                                            "resume", "buffering",     "seek", "first frame",
                                            "error",  "quality change"};
@@ -100,6 +108,14 @@ Json playerMeasures(const Rows& reports) {
           {"exits_before_start", exitsBeforeStart}};
 }
 
+// Marks an item whose stored text was too long to serve whole: its first
+// characters as they are, and its whole length.
+void cutText(Json& item, const std::string& head, const std::string& length) {
+  item["cut"] = true;
+  item["length"] = number(length);
+  item["head"] = head;
+}
+
 }  // namespace
 
 std::optional<HttpServerAnswer> Dashboard::serve(const HttpServerRequest& request) {
@@ -160,24 +176,28 @@ HttpServerAnswer Dashboard::summary() {
   }
   answer["per_minute"] = minutes;
   answer["players"] = playerMeasures(store_.rows(
-      "SELECT report FROM diagnoses WHERE json_extract(report, '$.play_summary') IS NOT NULL "
-      "ORDER BY id DESC LIMIT 1000"));
+      "SELECT report FROM diagnoses WHERE length(report) <= " + kReportLimit +
+      " AND json_extract(report, '$.play_summary') IS NOT NULL ORDER BY id DESC LIMIT 1000"));
   return jsonAnswer(answer);
 }
 
 HttpServerAnswer Dashboard::records() {
   Json list = Json::array();
-  for (const auto& row : store_.rows(
-           "SELECT r.id, r.upload_id, u.received_at, u.device, r.name, r.body FROM records r "
-           "JOIN uploads u ON u.id = r.upload_id ORDER BY r.id DESC LIMIT 50")) {
-    Json record = parsed(row[5]);
-    list.push_back({{"id", number(row[0])},
-                    {"upload", number(row[1])},
-                    {"received_at", number(row[2])},
-                    {"device", row[3]},
-                    {"name", row[4]},
-                    {"fields", explained(record)},
-                    {"play_actions", record.contains("p") ? record["p"].size() : 0}});
+  for (const auto& row :
+       store_.rows("SELECT r.id, r.upload_id, u.received_at, u.device, r.name, substr(r.body, 1, " +
+                   kRecordLimit + "), length(r.body) FROM records r JOIN uploads u ON " +
+                   "u.id = r.upload_id ORDER BY r.id DESC LIMIT 50")) {
+    const bool cut = number(row[6]) > kServedRecordChars;
+    Json record = cut ? Json() : parsed(row[5]);
+    Json item = {{"id", number(row[0])},
+                 {"upload", number(row[1])},
+                 {"received_at", number(row[2])},
+                 {"device", row[3]},
+                 {"name", row[4]},
+                 {"fields", cut ? Json::array() : explained(record)},
+                 {"play_actions", record.contains("p") ? record["p"].size() : 0}};
+    if (cut) cutText(item, row[5], row[6]);
+    list.push_back(std::move(item));
   }
   return jsonAnswer(list);
 }
@@ -206,18 +226,23 @@ HttpServerAnswer Dashboard::plays() {
 
 HttpServerAnswer Dashboard::diagnoses() {
   Json list = Json::array();
-  for (const auto& row : store_.rows("SELECT id, received_at, device, report FROM diagnoses "
-                                     "ORDER BY id DESC LIMIT 20")) {
-    Json report = parsed(row[3]);
+  for (const auto& row :
+       store_.rows("SELECT id, received_at, device, substr(report, 1, " + kReportLimit +
+                   "), length(report) FROM diagnoses ORDER BY id DESC LIMIT 20")) {
+    const bool cut = number(row[4]) > kServedReportChars;
+    Json report = cut ? Json::object() : parsed(row[3]);
+    if (!report.is_object()) report = Json::object();
     Json play = report.value("play_info", Json::object());
-    list.push_back({{"id", number(row[0])},
-                    {"received_at", number(row[1])},
-                    {"device", row[2]},
-                    {"url", text(play, "playUrl")},
-                    {"ok", text(play, "isPlayOK")},
-                    {"cause", text(play, "causeOfFailure")},
-                    {"definition", text(play, "definition")},
-                    {"summary", report.value(play_summary::kObject, Json())}});
+    Json item = {{"id", number(row[0])},
+                 {"received_at", number(row[1])},
+                 {"device", row[2]},
+                 {"url", text(play, "playUrl")},
+                 {"ok", text(play, "isPlayOK")},
+                 {"cause", text(play, "causeOfFailure")},
+                 {"definition", text(play, "definition")},
+                 {"summary", report.value(play_summary::kObject, Json())}};
+    if (cut) cutText(item, row[3], row[4]);
+    list.push_back(std::move(item));
   }
   return jsonAnswer(list);
 }

@@ -117,8 +117,10 @@ Decoded<std::string> gunzip(std::string_view compressed, std::size_t maxBytes) {
     out.append(reinterpret_cast<const char*>(chunk.data()), chunk.size() - stream.avail_out);
     if (out.size() > maxBytes) {
       inflateEnd(&stream);
-      return Decoded<std::string>::failure("gzip: inflates past " + std::to_string(maxBytes) +
-                                           " bytes");
+      auto failure = Decoded<std::string>::failure("gzip: inflates past " +
+                                                   std::to_string(maxBytes) + " bytes");
+      failure.overLimit = true;
+      return failure;
     }
   }
   const uInt leftover = stream.avail_in;
@@ -143,8 +145,22 @@ Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableS
 
 Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
                              std::size_t maxInflatedBytes) {
-  Decoded<std::string> text = decodeLogDataText(logData, key, maxInflatedBytes);
-  if (!text) return Decoded<Value>::failure(std::move(text.error));
+  return decodeLogData(logData, key, DecodeLimits{maxInflatedBytes, {}});
+}
+
+Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
+                             const DecodeLimits& limits) {
+  Decoded<std::string> text = decodeLogDataText(logData, key, limits.maxInflatedBytes);
+  if (!text) {
+    auto failure = Decoded<Value>::failure(std::move(text.error));
+    failure.overLimit = text.overLimit;
+    return failure;
+  }
+  if (std::string why = checkJsonShape(*text.value, limits.shape); !why.empty()) {
+    auto failure = Decoded<Value>::failure("json: " + why);
+    failure.overLimit = true;
+    return failure;
+  }
   std::optional<Value> body = serial::parseJson(*text.value);
   if (!body) return Decoded<Value>::failure("json: the body is not valid JSON");
   return Decoded<Value>{std::move(body), {}};

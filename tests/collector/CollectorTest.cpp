@@ -24,6 +24,7 @@
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Codecs.h"
 #include "collector/decode/EnvelopeDecoder.h"
+#include "collector/decode/JsonShape.h"
 #include "collector/http/HttpServer.h"
 #include "collector/legend/FieldLegend.h"
 #include "collector/print/Report.h"
@@ -324,6 +325,85 @@ TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
   std::string log = readAll(log_);
   EXPECT_EQ(log.find("\nqxlog-collector: forged"), std::string::npos) << log;
   EXPECT_EQ(log.find("\rqxlog-collector:"), std::string::npos) << log;
+}
+
+// The shape check walks the bytes once: brackets and quotes inside strings
+// are not structure, each limit holds at its value and fails one past it.
+TEST(JsonShape, CountsStructureOutsideStringsAndStopsOnePastEachLimit) {
+  collector::JsonShapeLimits small;
+  small.maxDepth = 3;
+  small.maxElements = 3;
+  small.maxStringBytes = 4;
+  small.maxValues = 9;
+  collector::JsonShapeLimits uploads = small;
+  uploads.maxRecords = 5;
+  const struct {
+    const char* json;
+    const collector::JsonShapeLimits& limits;
+    const char* reason;  // "" within the limits
+  } cases[] = {
+      {R"([[[1]]])", small, ""},
+      {R"([[[[1]]]])", small, "nested deeper than 3 levels"},
+      {R"(["[[[[", "\"{{"])", small, ""},
+      {R"([1,2,3])", small, ""},
+      {R"([1,2,3,4])", small, "an array or object of more than 3 elements"},
+      {R"({"a":1,"b":[],"c":{}})", small, ""},
+      {R"({"a":1,"b":2,"c":3,"d":4})", small, "an array or object of more than 3 elements"},
+      {R"(["abcd"])", small, ""},
+      {R"(["abcde"])", small, "a string of more than 4 bytes"},
+      {R"({"abcde":1})", small, "a string of more than 4 bytes"},
+      {R"([[1,2,3],[1,2,3]])", small, ""},
+      {R"([[1,2,3],[1,2,3],1])", small, "more than 9 values"},
+      {R"({"a":[{},{},{},{},{}]})", uploads, ""},
+      {R"({"a":[{},{},{},{},{},{}]})", uploads, "more than 5 records"},
+      {R"({"t":"a","x":[1,2,3,4]})", uploads, "an array or object of more than 3 elements"},
+      {R"({"t":{"a":[1,2,3,4]}})", uploads, "an array or object of more than 3 elements"},
+      {R"([{"a":[1,2,3,4]}])", uploads, "an array or object of more than 3 elements"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(collector::checkJsonShape(c.json, c.limits), c.reason) << c.json;
+  }
+}
+
+// Every oversized structure, on both decoding endpoints: refused with 413 and
+// the limit it passed, nothing stored, the body never built. The bodies are
+// small on the wire (under the test's 64 KiB) and large once inflated.
+TEST_F(CollectorTest, OversizedStructuresAreRefusedOnLogAndDiagnosisAlike) {
+  auto repeat = [](const std::string& part, std::size_t times) {
+    std::string out;
+    out.reserve(part.size() * times);
+    for (std::size_t i = 0; i < times; ++i) out += part;
+    return out;
+  };
+  auto upload = [](const std::string& record) { return "{\"t\":{},\"a\":[" + record + "]}"; };
+  const struct {
+    std::string json;
+    const char* reason;
+  } cases[] = {
+      {upload(repeat("[", 40) + repeat("]", 40)), "json: nested deeper than 32 levels"},
+      {upload("{\"x\":[0" + repeat(",0", 4 << 20) + "]}"),
+       "json: an array or object of more than 10000 elements"},
+      {upload("{" + repeat("\"k\":0,", 10001) + "\"k\":0}"),
+       "json: an array or object of more than 10000 elements"},
+      {upload("{\"x\":\"" + std::string((1 << 20) + 1, 'x') + "\"}"),
+       "json: a string of more than 1048576 bytes"},
+      {upload(repeat("[0" + repeat(",0", 8999) + "],", 60) + "[]"),
+       "json: more than 500000 values"},
+      {upload("\"" + std::string(17 << 20, '0') + "\""), "gzip: inflates past 16777216 bytes"},
+  };
+  const std::string token = today();
+  for (const auto& c : cases) {
+    const std::string sealed = sealJson(c.json);
+    ASSERT_LT(sealed.size(), 48u << 10) << c.reason;
+    const HttpReply log = postForm(port_, "/log", logForm(sealed, token));
+    EXPECT_EQ(log.status, 413) << c.reason;
+    EXPECT_EQ(log.body, "log_data: "s + c.reason + "\n");
+    const HttpReply diagnosis =
+        postForm(port_, "/diagnosis", "diagnosis_log=" + formEncode(sealed) + "&token=" + token);
+    EXPECT_EQ(diagnosis.status, 413) << c.reason;
+    EXPECT_EQ(diagnosis.body, "diagnosis_log: "s + c.reason + "\n");
+  }
+  EXPECT_TRUE(nothingStored());
 }
 
 TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
