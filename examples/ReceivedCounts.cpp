@@ -14,7 +14,7 @@ size_t appendBody(char* data, size_t size, size_t count, void* out) {
 
 }  // namespace
 
-std::optional<nlohmann::json> fetchJson(const std::string& url) {
+std::optional<nlohmann::json> fetchJson(const std::string& url, const std::string& apiToken) {
   std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
   if (!curl) return std::nullopt;
   std::string body;
@@ -23,6 +23,11 @@ std::optional<nlohmann::json> fetchJson(const std::string& url) {
   curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
   curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, 2000L);
   curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
+  std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(nullptr, curl_slist_free_all);
+  if (!apiToken.empty()) {
+    headers.reset(curl_slist_append(nullptr, ("Authorization: Bearer " + apiToken).c_str()));
+    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
+  }
   long status = 0;
   if (curl_easy_perform(curl.get()) != CURLE_OK) return std::nullopt;
   curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);

@@ -20,6 +20,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "collector/http/FormFields.h"
 
@@ -43,6 +45,8 @@ struct HttpServerAnswer {
   int status = 200;
   std::string contentType = "application/json";
   std::string body;
+  // Further header lines, name and value.
+  std::vector<std::pair<std::string, std::string>> headers = {};
 };
 
 class HttpServer {

@@ -20,6 +20,13 @@ bool parseListenAddress(const std::string& text, std::string& host, int& port) {
 
 std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions options,
                                                       std::string& error) {
+  if (options.apiToken.empty() && !isLoopbackHost(options.host)) {
+    error = "refusing to listen on " + options.host +
+            " without an API token: the dashboard, /api/* and /received show user ids, phone "
+            "numbers and device ids to anyone who reaches them. Pass --api-token TOKEN or "
+            "--api-token-file FILE, or listen on 127.0.0.1";
+    return nullptr;
+  }
   std::unique_ptr<LocalCollector> running(new LocalCollector(std::move(options)));
   LocalCollector* self = running.get();
   self->store_ = CollectorStore::open(self->options_.database, error);
@@ -61,14 +68,27 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
   serverOptions.maxConnections = self->options_.maxConnections;
   serverOptions.maxConnectionsPerClient = self->options_.maxConnectionsPerClient;
   serverOptions.refused = refusal;
+  self->access_ = std::make_unique<AccessControl>(self->options_.apiToken, self->options_.host,
+                                                  self->options_.port);
   self->server_ = std::make_unique<HttpServer>(
-      serverOptions,
-      [self](const HttpServerRequest& request) { return self->collector_->handle(request); });
+      serverOptions, [self, refusal](const HttpServerRequest& request) {
+        if (std::optional<HttpServerAnswer> denied = self->access_->check(request)) {
+          std::string reason = denied->body.substr(0, denied->body.find('\n'));
+          refusal(request, denied->status, reason);
+          return *denied;
+        }
+        HttpServerAnswer answer = self->collector_->handle(request);
+        if (std::optional<std::string> cookie = self->access_->sessionCookie(request)) {
+          answer.headers.emplace_back("Set-Cookie", *cookie);
+        }
+        return answer;
+      });
   if (!self->server_->start()) {
     error = self->options_.host + ":" + std::to_string(self->options_.port) + ": " +
             self->server_->error();
     return nullptr;
   }
+  self->access_->setPort(self->server_->port());
   return running;
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "collector/http/HttpServer.h"
+#include "collector/server/AccessControl.h"
 #include "collector/server/Collector.h"
 #include "collector/store/CollectorStore.h"
 
@@ -30,6 +31,10 @@ struct LocalCollectorOptions {
   std::size_t maxConnections = 64;
   std::size_t maxConnectionsPerClient = 16;
   CollectorOptions collector;
+  // What the dashboard, /api/* and /received require, as a Bearer token or
+  // the password of HTTP Basic. Empty: none, and then the collector listens
+  // on loopback only and checks each request's Host.
+  std::string apiToken;
   // What arrives goes to `out`, readable or as JSON lines, unless quiet.
   // Refusals and settings requests are logged to `log` (refusals always).
   Output output = Output::kReadable;
@@ -62,6 +67,7 @@ class LocalCollector {
   std::unique_ptr<CollectorStore> store_;
   std::unique_ptr<Collector> collector_;
   std::unique_ptr<HttpServer> server_;
+  std::unique_ptr<AccessControl> access_;
 };
 
 // Splits "host:port" (or ":port", or "port"); false when it is not one.

@@ -6,10 +6,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <string_view>
 
@@ -38,6 +40,11 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
   --deadline MS                longest a request may take, start to answer (default 30000)
   --max-connections N          connections open at once (default 64)
   --max-client-connections N   connections open at once from one address (default 16)
+  --api-token TOKEN            what the dashboard, /api/* and /received require, as
+                               "Authorization: Bearer TOKEN" or the password of HTTP Basic
+                               (default: none; then only loopback addresses may be listened
+                               on, and only requests for the collector's own address answered)
+  --api-token-file FILE        the same, read from FILE (its first line)
   --quiet                      print nothing of what arrives
   --json                       print what arrives as one JSON object per line
   --explain                    print every key of what arrives with its meaning
@@ -93,6 +100,19 @@ int main(int argc, char** argv) {
       if (!qxlog::collector::parseListenAddress(std::string(text), options.host, options.port)) {
         return usageError("--listen takes HOST:PORT");
       }
+    } else if (arg == "--api-token") {
+      options.apiToken = std::string(text);
+      if (options.apiToken.empty()) return usageError("--api-token takes a non-empty token");
+    } else if (arg == "--api-token-file") {
+      std::ifstream file{std::string(text)};
+      if (!file || !std::getline(file, options.apiToken)) {
+        return usageError("cannot read the API token from " + std::string(text));
+      }
+      while (!options.apiToken.empty() &&
+             std::isspace(static_cast<unsigned char>(options.apiToken.back()))) {
+        options.apiToken.pop_back();
+      }
+      if (options.apiToken.empty()) return usageError(std::string(text) + " holds no API token");
     } else if (arg == "--key") {
       options.collector.key = std::string(text);
     } else if (arg == "--db") {

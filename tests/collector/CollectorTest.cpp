@@ -14,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -404,6 +405,147 @@ TEST_F(CollectorTest, OversizedStructuresAreRefusedOnLogAndDiagnosisAlike) {
     EXPECT_EQ(diagnosis.body, "diagnosis_log: "s + c.reason + "\n");
   }
   EXPECT_TRUE(nothingStored());
+}
+
+// A collector of its own with the given API token (none: empty), storing in
+// a fresh temporary directory.
+std::unique_ptr<collector::LocalCollector> startCollector(const std::string& apiToken,
+                                                          const std::string& host = "127.0.0.1") {
+  char pattern[] = "/tmp/qxlog-access-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return nullptr;
+  collector::LocalCollectorOptions options;
+  options.host = host;
+  options.database = std::string(pattern) + "/collector.db";
+  options.collector.key = kTestKey;
+  options.apiToken = apiToken;
+  options.output = collector::Output::kQuiet;
+  options.log = std::tmpfile();
+  std::string error;
+  auto started = collector::LocalCollector::start(options, error);
+  EXPECT_TRUE(started) << error;
+  return started;
+}
+
+std::string requestWith(const std::string& target, const std::string& headers) {
+  return "GET " + target + " HTTP/1.1\r\n" + headers + "\r\n";
+}
+
+TEST(CollectorAccess, TheTokenGuardsWhatWasStoredAndDevicesStayOpen) {
+  auto collector = startCollector("s3cret-token");
+  ASSERT_TRUE(collector);
+  const int port = collector->port();
+  const std::string host = "Host: collector.example\r\n";
+  const std::string dayToken = acceptedDayTokens(std::chrono::system_clock::now())[0];
+  auto basic = [](const std::string& pair) {
+    return "Authorization: Basic " + support::base64Encode(pair) + "\r\n";
+  };
+  const struct {
+    std::string target;
+    std::string authorization;
+    int status;
+  } cases[] = {
+      {"/api/summary", "", 401},
+      {"/api/summary", "Authorization: Bearer s3cret-token\r\n", 200},
+      {"/api/summary", "Authorization: bearer  s3cret-token \r\n", 200},
+      {"/api/summary", "Authorization: Bearer s3cret-toke\r\n", 401},
+      {"/api/summary", "Authorization: Bearer s3cret-tokenx\r\n", 401},
+      {"/api/summary", "Authorization: Bearer \r\n", 401},
+      {"/api/summary", "Authorization: s3cret-token\r\n", 401},
+      {"/api/summary", basic("anyone:s3cret-token"), 200},
+      {"/api/summary", basic("s3cret-token:"), 401},
+      {"/api/summary", basic("s3cret-token"), 401},
+      {"/", "", 401},
+      {"/", basic(":s3cret-token"), 200},
+      {"/received", "", 401},
+      {"/received", "Authorization: Bearer s3cret-token\r\n", 200},
+      {"/no-such-path", "", 401},
+      {"/settings?token=" + dayToken + "&uid=d", "", 200},
+      {"/log", "", 405},
+  };
+  for (const auto& c : cases) {
+    const HttpReply reply = roundTrip(port, requestWith(c.target, host + c.authorization));
+    EXPECT_EQ(reply.status, c.status) << c.target << " " << c.authorization;
+    const bool challenged =
+        reply.head.find("\r\nWWW-Authenticate: Basic realm=") != std::string::npos;
+    EXPECT_EQ(challenged, c.status == 401) << c.target << " " << reply.head;
+  }
+  // A login to the page sets a session cookie that the page's requests carry.
+  const HttpReply login = roundTrip(port, requestWith("/", host + basic("viewer:s3cret-token")));
+  const std::size_t at = login.head.find("\r\nSet-Cookie: qxlog_session=");
+  ASSERT_NE(at, std::string::npos) << login.head;
+  const std::string session = login.head.substr(at + 14, login.head.find(';', at) - at - 14);
+  EXPECT_EQ(login.head.find("s3cret-token"), std::string::npos);
+  EXPECT_NE(login.head.find("HttpOnly; SameSite=Strict"), std::string::npos);
+  for (const auto& [cookie, status] : std::vector<std::pair<std::string, int>>{
+           {"a=1; " + session, 200}, {session + "0", 401}, {"qxlog_session=", 401}}) {
+    EXPECT_EQ(
+        roundTrip(port, requestWith("/api/summary", host + "Cookie: " + cookie + "\r\n")).status,
+        status)
+        << cookie;
+  }
+}
+
+TEST(CollectorAccess, WithoutATokenOnlyLoopbackAndItsOwnHostNamesAreAnswered) {
+  std::string error;
+  collector::LocalCollectorOptions anywhere;
+  anywhere.host = "0.0.0.0";
+  anywhere.database = "/nonexistent/never-opened.db";
+  EXPECT_FALSE(collector::LocalCollector::start(anywhere, error));
+  EXPECT_NE(error.find("refusing to listen on 0.0.0.0 without an API token"), std::string::npos)
+      << error;
+  EXPECT_TRUE(startCollector("token", "0.0.0.0"));
+
+  auto collector = startCollector("");
+  ASSERT_TRUE(collector);
+  const int port = collector->port();
+  const std::string own = ":" + std::to_string(port);
+  const std::string dayToken = acceptedDayTokens(std::chrono::system_clock::now())[0];
+  const struct {
+    std::string target;
+    std::string host;  // the Host header line, or none
+    int status;
+  } cases[] = {
+      {"/received", "Host: 127.0.0.1" + own + "\r\n", 200},
+      {"/received", "Host: localhost" + own + "\r\n", 200},
+      {"/received", "Host: LocalHost" + own + "\r\n", 200},
+      {"/received", "Host: [::1]" + own + "\r\n", 200},
+      {"/api/summary", "Host: localhost" + own + "\r\n", 200},
+      {"/received", "", 200},
+      {"/received", "Host: rebound.example" + own + "\r\n", 403},
+      {"/", "Host: rebound.example" + own + "\r\n", 403},
+      {"/received", "Host: 127.0.0.1\r\n", 403},
+      {"/received", "Host: 127.0.0.1:1\r\n", 403},
+      {"/received", "Host: 127.0.0.2" + own + "\r\n", 403},
+      {"/settings?token=" + dayToken + "&uid=d", "Host: rebound.example" + own + "\r\n", 403},
+      {"/settings?token=" + dayToken + "&uid=d", "Host: 127.0.0.1" + own + "\r\n", 200},
+  };
+  for (const auto& c : cases) {
+    const HttpReply reply = roundTrip(port, requestWith(c.target, c.host));
+    EXPECT_EQ(reply.status, c.status) << c.target << " " << c.host;
+  }
+}
+
+TEST(CollectorAccess, ALongStoredRecordIsServedCutWithItsLength) {
+  auto collector = startCollector("t");
+  ASSERT_TRUE(collector);
+  const std::string token = acceptedDayTokens(std::chrono::system_clock::now())[0];
+  const std::string body = R"({"t":{},"a":[{"a_t":"2","a_1":")" + std::string(100000, 'x') +
+                           R"("},{"a_t":"2","a_1":"short"}]})";
+  const HttpReply stored = postForm(collector->port(), "/log",
+                                    "log_data=" + formEncode(sealJson(body)) + "&token=" + token);
+  ASSERT_EQ(stored.status, 200) << stored.body;
+  const HttpReply records =
+      roundTrip(collector->port(), requestWith("/api/records", "Authorization: Bearer t\r\n"));
+  ASSERT_EQ(records.status, 200);
+  auto list = nlohmann::json::parse(records.body);
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_FALSE(list[0].contains("cut"));  // the latest first: the short one, whole
+  EXPECT_EQ(list[0]["fields"].size(), 2u);
+  EXPECT_EQ(list[1]["cut"], true);
+  EXPECT_GE(list[1]["length"].get<int64_t>(), 100000);  // the whole record, as stored
+  EXPECT_LT(list[1]["length"].get<int64_t>(), 100100);
+  EXPECT_EQ(list[1]["head"].get<std::string>().size(), 65536u);
+  EXPECT_LT(records.body.size(), 70000u);
 }
 
 TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
