@@ -67,6 +67,8 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
   serverOptions.requestDeadline = self->options_.requestDeadline;
   serverOptions.maxConnections = self->options_.maxConnections;
   serverOptions.maxConnectionsPerClient = self->options_.maxConnectionsPerClient;
+  serverOptions.headerDeadline = self->options_.headerDeadline;
+  serverOptions.minBodyBytesPerSecond = self->options_.minBodyBytesPerSecond;
   serverOptions.refused = refusal;
   self->access_ = std::make_unique<AccessControl>(self->options_.apiToken, self->options_.host,
                                                   self->options_.port);

@@ -30,6 +30,10 @@ struct LocalCollectorOptions {
   std::chrono::milliseconds requestDeadline{30000};
   std::size_t maxConnections = 64;
   std::size_t maxConnectionsPerClient = 16;
+  // The request line and headers must arrive within the header deadline, the
+  // body at the minimum rate.
+  std::chrono::milliseconds headerDeadline{5000};
+  std::size_t minBodyBytesPerSecond = 1024;
   CollectorOptions collector;
   // What the dashboard, /api/* and /received require, as a Bearer token or
   // the password of HTTP Basic. Empty: none, and then the collector listens

@@ -38,7 +38,12 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
   --max-inflated BYTES         largest upload once inflated (default 16777216)
   --max-records N              most records in one upload (default 10000)
   --deadline MS                longest a request may take, start to answer (default 30000)
-  --max-connections N          connections open at once (default 64)
+  --header-deadline MS         longest a client may take to send its request line and
+                               headers (default 5000)
+  --min-body-rate BYTES        slowest a body may arrive, in bytes a second, after a grace
+                               of 2 s (default 1024; 0: no minimum)
+  --max-connections N          connections open at once (default 64; a quarter of them is
+                               kept for addresses that hold none)
   --max-client-connections N   connections open at once from one address (default 16)
   --api-token TOKEN            what the dashboard, /api/* and /received require, as
                                "Authorization: Bearer TOKEN" or the password of HTTP Basic
@@ -142,6 +147,16 @@ int main(int argc, char** argv) {
       int64_t millis = 0;
       if (!parseNumber(text, millis) || millis <= 0) return usageError("--deadline takes ms");
       options.requestDeadline = std::chrono::milliseconds(millis);
+    } else if (arg == "--header-deadline") {
+      int64_t millis = 0;
+      if (!parseNumber(text, millis) || millis <= 0) {
+        return usageError("--header-deadline takes ms");
+      }
+      options.headerDeadline = std::chrono::milliseconds(millis);
+    } else if (arg == "--min-body-rate") {
+      if (!parseNumber(text, options.minBodyBytesPerSecond)) {
+        return usageError("--min-body-rate takes bytes a second");
+      }
     } else if (arg == "--max-connections") {
       if (!parseNumber(text, options.maxConnections)) {
         return usageError("--max-connections takes a count");

@@ -719,5 +719,65 @@ TEST_F(HttpServerTest, ARequestThatTricklesPastTheDeadlineIsCutOff) {
   EXPECT_EQ(statusOf("127.0.0.1", server_->port()), 200);
 }
 
+// A few addresses that each fill their own limit leave the last quarter of
+// the places to addresses that hold none.
+TEST_F(HttpServerTest, PlacesAreKeptForAddressesThatHoldNone) {
+  HttpServer::Options options;
+  options.maxConnectionsPerClient = 4;
+  options.maxConnections = 8;  // two kept
+  start(options);
+  const int port = server_->port();
+  std::vector<int> held;
+  for (const char* from :
+       {"127.0.0.2", "127.0.0.2", "127.0.0.2", "127.0.0.2", "127.0.0.3", "127.0.0.3"}) {
+    held.push_back(connectFrom(from, port));
+  }
+  awaitOpen(6);
+  EXPECT_EQ(statusOf("127.0.0.3", port), 503);  // under its own limit, but the rest is kept
+  awaitOpen(6);
+  EXPECT_EQ(statusOf("127.0.0.4", port), 200);  // a new address takes a kept place
+  for (int fd : held) ::close(fd);
+}
+
+// Connections that hold a place without sending: headers that do not end in
+// time, and a body slower than the minimum rate, are cut off long before
+// the request deadline.
+TEST_F(HttpServerTest, SlowHeadersAndSlowBodiesAreCutOff) {
+  HttpServer::Options options;
+  options.headerDeadline = 300ms;
+  options.bodyGrace = 200ms;
+  options.minBodyBytesPerSecond = 2000;
+  start(options);
+  const int port = server_->port();
+  const std::string headers = "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n";
+  const struct {
+    std::string first;    // sent at once
+    std::size_t perTick;  // then this many bytes every 50 ms
+  } cases[] = {{"POST /x HTTP/1.1\r\n", 0}, {headers, 20}};
+  for (const auto& c : cases) {
+    const int fd = connectFrom("127.0.0.1", port);
+    ASSERT_GE(fd, 0);
+    ::send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL);
+    const auto started = std::chrono::steady_clock::now();
+    bool cut = false;
+    while (!cut && std::chrono::steady_clock::now() - started < 5s) {
+      const std::string chunk(c.perTick, 'x');
+      cut = !chunk.empty() && ::send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL) < 0;
+      char byte;
+      cut = cut || ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+      std::this_thread::sleep_for(50ms);
+    }
+    ::close(fd);
+    EXPECT_TRUE(cut) << c.first;
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s) << c.first;
+  }
+  // A body at a normal pace is served.
+  const std::string body(50000, 'x');
+  EXPECT_EQ(
+      roundTrip(port, "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 50000\r\n\r\n" + body).status,
+      200);
+  EXPECT_EQ(refusals(), (std::vector<int>{408, 408}));
+}
+
 }  // namespace
 }  // namespace qxlog
