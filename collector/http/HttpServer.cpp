@@ -275,6 +275,11 @@ bool HttpServer::start() {
     error_ = "not an IPv4 address: " + options_.host;
     return false;
   }
+  const bool tls = !options_.tlsCertificatePem.empty() || !options_.tlsKeyPem.empty();
+  if (tls && MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) {
+    error_ = "this libmicrohttpd is built without TLS";
+    return false;
+  }
   state_ = std::make_unique<State>();
   state_->options = options_;
   state_->handler = handler_;
@@ -285,15 +290,23 @@ bool HttpServer::start() {
   // are closed as they are accepted, and hold nothing.
   auto connectionLimit = static_cast<unsigned>(4 * options_.maxConnections + 16);
   auto perAddressLimit = static_cast<unsigned>(2 * options_.maxConnectionsPerClient + 2);
+  // libmicrohttpd reads the certificate and key while it starts; they stay
+  // in the state for the daemon's life all the same.
+  MHD_OptionItem tlsOptions[] = {
+      {MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(state_->options.tlsCertificatePem.c_str())},
+      {MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(state_->options.tlsKeyPem.c_str())},
+      {MHD_OPTION_END, 0, nullptr}};
   state_->daemon = MHD_start_daemon(
-      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr, onRequest, state_.get(),
+      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | (tls ? MHD_USE_TLS : 0), 0, nullptr,
+      nullptr, onRequest, state_.get(), MHD_OPTION_ARRAY, tls ? tlsOptions : tlsOptions + 2,
       MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, 4u,
       MHD_OPTION_CONNECTION_LIMIT, connectionLimit, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       perAddressLimit, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_URI_LOG_CALLBACK,
       onUri, state_.get(), MHD_OPTION_NOTIFY_COMPLETED, onCompleted, state_.get(),
       MHD_OPTION_NOTIFY_CONNECTION, onConnection, state_.get(), MHD_OPTION_END);
   if (state_->daemon == nullptr) {
-    error_ = "cannot listen on " + options_.host + ":" + std::to_string(options_.port);
+    error_ = "cannot listen on " + options_.host + ":" + std::to_string(options_.port) +
+             (tls ? " with this certificate and key" : "");
     state_.reset();
     return false;
   }

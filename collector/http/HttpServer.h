@@ -74,6 +74,9 @@ class HttpServer {
     // the grace has passed (0: no minimum).
     std::size_t minBodyBytesPerSecond = 1024;
     std::chrono::milliseconds bodyGrace{2000};
+    // HTTPS: the certificate chain and its private key, PEM. Empty: HTTP.
+    std::string tlsCertificatePem;
+    std::string tlsKeyPem;
     // Told about each request that the server refuses itself (oversized, over
     // a limit), with the status and the one-line reason.
     std::function<void(const HttpServerRequest&, int status, const std::string& reason)> refused;

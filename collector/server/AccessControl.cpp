@@ -109,7 +109,7 @@ bool AccessControl::hostAllowed(std::string_view host) const {
        {listenHost_, std::string("localhost"), std::string("127.0.0.1"), std::string("[::1]")}) {
     if (lower == name + port) return true;
     // Browsers leave out the scheme's default port.
-    if (port_.load() == 80 && lower == name) return true;
+    if ((port_.load() == 80 || port_.load() == 443) && lower == name) return true;
   }
   return false;
 }

@@ -1,6 +1,8 @@
 #include "collector/server/LocalCollector.h"
 
 #include <charconv>
+#include <fstream>
+#include <sstream>
 
 #include "collector/print/Report.h"
 
@@ -25,6 +27,10 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
             " without an API token: the dashboard, /api/* and /received show user ids, phone "
             "numbers and device ids to anyone who reaches them. Pass --api-token TOKEN or "
             "--api-token-file FILE, or listen on 127.0.0.1";
+    return nullptr;
+  }
+  if (options.tlsCertificateFile.empty() != options.tlsKeyFile.empty()) {
+    error = "HTTPS takes both a certificate (--tls-cert) and its key (--tls-key)";
     return nullptr;
   }
   std::unique_ptr<LocalCollector> running(new LocalCollector(std::move(options)));
@@ -70,6 +76,18 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
   serverOptions.headerDeadline = self->options_.headerDeadline;
   serverOptions.minBodyBytesPerSecond = self->options_.minBodyBytesPerSecond;
   serverOptions.refused = refusal;
+  for (auto [path, pem] :
+       {std::pair{&self->options_.tlsCertificateFile, &serverOptions.tlsCertificatePem},
+        std::pair{&self->options_.tlsKeyFile, &serverOptions.tlsKeyPem}}) {
+    if (path->empty()) continue;
+    std::ifstream file(*path, std::ios::binary);
+    std::ostringstream text;
+    if (!file || !(text << file.rdbuf())) {
+      error = "cannot read " + *path;
+      return nullptr;
+    }
+    *pem = text.str();
+  }
   self->access_ = std::make_unique<AccessControl>(self->options_.apiToken, self->options_.host,
                                                   self->options_.port);
   self->server_ = std::make_unique<HttpServer>(
@@ -103,7 +121,8 @@ void LocalCollector::stop() {
 }
 
 std::string LocalCollector::baseUrl() const {
-  return "http://" + options_.host + ":" + std::to_string(port());
+  return (options_.tlsCertificateFile.empty() ? "http://" : "https://") + options_.host + ":" +
+         std::to_string(port());
 }
 
 void LocalCollector::logLine(const std::string& line) {

@@ -39,6 +39,10 @@ struct LocalCollectorOptions {
   // the password of HTTP Basic. Empty: none, and then the collector listens
   // on loopback only and checks each request's Host.
   std::string apiToken;
+  // HTTPS with this certificate chain and private key (PEM files); both or
+  // neither.
+  std::string tlsCertificateFile;
+  std::string tlsKeyFile;
   // What arrives goes to `out`, readable or as JSON lines, unless quiet.
   // Refusals and settings requests are logged to `log` (refusals always).
   Output output = Output::kReadable;
@@ -56,7 +60,7 @@ class LocalCollector {
 
   void stop();
   int port() const { return server_->port(); }
-  // "http://host:port", without a trailing slash.
+  // "http://host:port" (or https), without a trailing slash.
   std::string baseUrl() const;
   Collector& collector() { return *collector_; }
   CollectorStore& store() { return *store_; }

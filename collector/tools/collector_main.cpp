@@ -50,6 +50,8 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
                                (default: none; then only loopback addresses may be listened
                                on, and only requests for the collector's own address answered)
   --api-token-file FILE        the same, read from FILE (its first line)
+  --tls-cert FILE              serve HTTPS with this certificate chain (PEM)
+  --tls-key FILE               and this private key (PEM)
   --quiet                      print nothing of what arrives
   --json                       print what arrives as one JSON object per line
   --explain                    print every key of what arrives with its meaning
@@ -118,6 +120,10 @@ int main(int argc, char** argv) {
         options.apiToken.pop_back();
       }
       if (options.apiToken.empty()) return usageError(std::string(text) + " holds no API token");
+    } else if (arg == "--tls-cert") {
+      options.tlsCertificateFile = std::string(text);
+    } else if (arg == "--tls-key") {
+      options.tlsKeyFile = std::string(text);
     } else if (arg == "--key") {
       options.collector.key = std::string(text);
     } else if (arg == "--db") {
