@@ -6,7 +6,8 @@
 #   - the delivery check: host processes report to a real collector while
 #     nothing goes wrong, while the collector is killed and restarted, and
 #     while the host is killed and restarted; for each delivery mode it counts
-#     reported, delivered, lost and duplicated records.
+#     reported, delivered, lost and duplicated records,
+#   - the attacks on the collector of scripts/attack.sh.
 #   scripts/reliability.sh          short run: 30 kills, 5 s per harness
 #   scripts/reliability.sh --long   300 kills, 300 s per harness
 # Both report 20 000 records per delivery scenario (QXLOG_DELIVERY_RECORDS).
@@ -41,6 +42,8 @@ skipped=$(grep -c '^\[  SKIPPED \]' <<<"$tests_log" || true)
 
 fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
 
+attack_table=$(QXLOG_ATTACK_NO_BUILD=1 scripts/attack.sh) || status=1
+
 delivery_table=$(build/tests/qxlog_delivery_check build/collector/qxlog-collector \
   build/tests/qxlog_delivery_host "${QXLOG_DELIVERY_RECORDS:-20000}") || status=1
 
@@ -55,6 +58,8 @@ echo "Fuzzing, $fuzz_seconds s per harness"
 sed 's/^/  /' <<<"$fuzz_table"
 echo "Delivery, batch size 20 (at least once must lose nothing)"
 sed 's/^/  /' <<<"$delivery_table"
+echo "Attacks on the collector (scripts/attack.sh)"
+sed 's/^/  /' <<<"$attack_table"
 echo "----------------------------------------------------------------"
 if ((status != 0)); then
   echo "FAILED"

@@ -109,6 +109,12 @@ Decoded<std::string> gunzip(std::string_view compressed, std::size_t maxBytes) {
   if (inflateInit2(&stream, 31) != Z_OK) return Decoded<std::string>::failure("gzip: no inflater");
   std::string out;
   std::array<unsigned char, 65536> chunk;
+  // Room for the most this member can inflate to (deflate reaches 1032:1),
+  // within the limit, taken at once: growing by doubling would copy, and
+  // hold twice the limit at the end. Untouched room costs no memory.
+  if (maxBytes != kUnlimited) {
+    out.reserve(std::min(maxBytes, compressed.size() * 1032) + chunk.size());
+  }
   int status = Z_OK;
   while (status == Z_OK) {
     stream.next_out = chunk.data();
