@@ -36,7 +36,8 @@ rows = []  # (attack, result, goal, met)
 
 
 def row(attack, result, goal, met):
-    rows.append((attack, result, goal, "yes" if met else "NO"))
+    """met: True, False, or None when the row is measured elsewhere."""
+    rows.append((attack, result, goal, "-" if met is None else "yes" if met else "NO"))
 
 
 def day_token():
@@ -269,9 +270,11 @@ def access(binary, directory):
              (f"/settings?token={day_token()}&uid=d", {}, 200)]
     for path, headers, expected in cases:
         status, _ = request(port, "GET", path, headers={**headers, "Host": "collector.example"})
-        how = next(iter(headers.values()), "no credentials").split(" ")[0]
+        how = headers["Authorization"].split(" ")[0] if headers else "no credentials"
         if headers and API_TOKEN not in headers["Authorization"] and how != "Basic":
-            how += " (wrong)"
+            how += " with a wrong token"
+        elif headers:
+            how += " with the token"
         row(f"token: GET {path.split('?')[0]}, {how}", str(status), str(expected),
             status == expected)
     guarded.stop()
@@ -315,15 +318,15 @@ def main():
             ("passed" if browser.returncode == 0 else "FAILED"), "passes",
             browser.returncode == 0)
     row("200 uploads at once to two collectors on one database", "(store check)", "200 stored",
-        True)
-    row("/settings from 120 000 uids", "(store check)", "< 20 MB growth", True)
+        None)
+    row("/settings from 120 000 uids", "(store check)", "< 20 MB growth", None)
 
     width = [max(len(r[i]) for r in rows + [("attack", "result", "goal", "met")])
              for i in range(4)]
     print(f"Attacks on qxlog-collector ({time.time() - started:.0f} s)")
     for r in [("attack", "result", "goal", "met")] + rows:
         print("  " + "  ".join(cell.ljust(w) for cell, w in zip(r, width)).rstrip())
-    return 0 if all(r[3] == "yes" for r in rows) else 1
+    return 0 if all(r[3] != "NO" for r in rows) else 1
 
 
 if __name__ == "__main__":
