@@ -153,7 +153,8 @@ HttpServerAnswer Dashboard::summary() {
                  {"replays", number(totals[0][3])}};
   Json types = Json::object();
   for (const auto& row :
-       store_.rows("SELECT name, count(*) FROM records GROUP BY name ORDER BY count(*) DESC")) {
+       store_.rows("SELECT name, count(*) FROM records GROUP BY name ORDER BY count(*) DESC "
+                   "LIMIT 100")) {
     types[row[0]] = number(row[1]);
   }
   answer["records_per_type"] = types;
@@ -205,10 +206,12 @@ HttpServerAnswer Dashboard::records() {
 HttpServerAnswer Dashboard::plays() {
   Json list = Json::array();
   for (const auto& row :
-       store_.rows("SELECT r.id, u.received_at, u.device, r.name, r.body FROM records r "
-                   "JOIN uploads u ON u.id = r.upload_id WHERE r.play_actions > 0 "
-                   "ORDER BY r.id DESC LIMIT 10")) {
-    Json record = parsed(row[4]);
+       store_.rows("SELECT r.id, u.received_at, u.device, r.name, substr(r.body, 1, " +
+                   kRecordLimit + "), length(r.body) FROM records r JOIN uploads u ON " +
+                   "u.id = r.upload_id WHERE r.play_actions > 0 ORDER BY r.id DESC LIMIT 10")) {
+    // A record too long to serve whole is listed without its actions.
+    Json record = number(row[5]) > kServedRecordChars ? Json::object() : parsed(row[4]);
+    if (!record.is_object()) record = Json::object();
     Json actions = Json::array();
     for (const Json& action : record.value("p", Json::array())) {
       if (action.is_object() && !action.empty()) actions.push_back(playAction(action));
