@@ -122,7 +122,8 @@ kill -$3 $pid; wait $pid; echo "exit $?"; cat "$2.err")";
 
 // The demo reports to an HTTPS collector whose certificate comes from a CA
 // made here; the library trusts it through SSL_CERT_FILE, and without it
-// refuses the collector.
+// refuses the collector. The collector's API token comes from a file, and
+// the demo reads /received with it.
 TEST_F(ToolsTest, TheDemoReportsOverHttpsToACollectorItsCaBundleTrusts) {
   const std::string dir = documentsPath("tls");
   std::filesystem::create_directories(dir);
@@ -133,10 +134,11 @@ key ca.key && key server.key
 openssl req -x509 -new -key ca.key -subj /CN=qxlog-test-ca -days 2 -out ca.pem
 openssl req -new -key server.key -subj /CN=127.0.0.1 -out server.csr
 printf 'subjectAltName=IP:127.0.0.1\nbasicConstraints=CA:FALSE\n' >ext
+printf 't0ken\n' >token
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 \
   -extfile ext -out server.pem 2>/dev/null
 "$2" --listen 127.0.0.1:0 --db collector.db --key demo-key-0123456 --push-interval-time 1000 \
-  --api-token t0ken --tls-cert server.pem --tls-key server.key --quiet 2>collector.err \
+  --api-token-file token --tls-cert server.pem --tls-key server.key --quiet 2>collector.err \
   >/dev/null & pid=$!
 trap 'kill $pid 2>/dev/null' EXIT
 for i in $(seq 200); do
