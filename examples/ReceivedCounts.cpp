@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <cstdlib>
 #include <memory>
 
 namespace qxlog::examples {
@@ -14,7 +15,7 @@ size_t appendBody(char* data, size_t size, size_t count, void* out) {
 
 }  // namespace
 
-std::optional<nlohmann::json> fetchJson(const std::string& url) {
+std::optional<nlohmann::json> fetchJson(const std::string& url, const std::string& apiToken) {
   std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
   if (!curl) return std::nullopt;
   std::string body;
@@ -23,6 +24,18 @@ std::optional<nlohmann::json> fetchJson(const std::string& url) {
   curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
   curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, 2000L);
   curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
+  // The same CA bundle as the library's uploads.
+  for (const char* name : {"SSL_CERT_FILE", "CURL_CA_BUNDLE"}) {
+    if (const char* path = std::getenv(name); path != nullptr && *path != '\0') {
+      curl_easy_setopt(curl.get(), CURLOPT_CAINFO, path);
+      break;
+    }
+  }
+  std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(nullptr, curl_slist_free_all);
+  if (!apiToken.empty()) {
+    headers.reset(curl_slist_append(nullptr, ("Authorization: Bearer " + apiToken).c_str()));
+    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
+  }
   long status = 0;
   if (curl_easy_perform(curl.get()) != CURLE_OK) return std::nullopt;
   curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);

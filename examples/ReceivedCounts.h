@@ -11,7 +11,8 @@
 namespace qxlog::examples {
 
 // GET `url` and parse its JSON answer; nothing on any failure.
-std::optional<nlohmann::json> fetchJson(const std::string& url);
+// With an API token, sent as "Authorization: Bearer TOKEN".
+std::optional<nlohmann::json> fetchJson(const std::string& url, const std::string& apiToken = "");
 // answer[group][key] as a count; 0 when absent.
 int64_t count(const nlohmann::json& answer, const char* group, const std::string& key);
 

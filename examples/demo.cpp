@@ -54,6 +54,7 @@ constexpr const char* kUsage = R"(usage: qxlog-demo [options]
 
   --server URL     report to the collector at URL (default: start one in this process)
   --key KEY        the logEncryptionKey (default demo-key-0123456; must match the server's)
+  --api-token TOKEN  the API token of the collector at --server, for its /received
   --db PATH        the embedded collector's database (default: a temporary file)
   --timeout SEC    how long to wait for everything to arrive (default 20)
   --quiet          do not print the uploads as the embedded collector receives them
@@ -63,6 +64,7 @@ constexpr const char* kUsage = R"(usage: qxlog-demo [options]
 
 struct Settings {
   std::optional<std::string> server;
+  std::string apiToken;
   std::string key = "demo-key-0123456";
   std::optional<std::string> database;
   double timeoutSeconds = 20;
@@ -277,7 +279,7 @@ int run(const Settings& settings) {
   bool complete = false;
   while (!complete && Clock::now() < deadline) {
     serveMainQueueFor(std::chrono::milliseconds(200));
-    received = fetchJson(receivedUrl);
+    received = fetchJson(receivedUrl, settings.apiToken);
     complete = received && everythingArrived(*received, expected);
   }
   if (!received) {
@@ -312,6 +314,8 @@ int main(int argc, char** argv) {
       settings.trace = true;
     } else if (arg == "--server" && hasValue) {
       settings.server = argv[++i];
+    } else if (arg == "--api-token" && hasValue) {
+      settings.apiToken = argv[++i];
     } else if (arg == "--key" && hasValue) {
       settings.key = argv[++i];
     } else if (arg == "--db" && hasValue) {

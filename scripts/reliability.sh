@@ -8,6 +8,7 @@
 #     nothing goes wrong, while the collector is killed and restarted, and
 #     while the host is killed and restarted; for each delivery mode it counts
 #     reported, delivered, lost and duplicated records;
+#   - the attacks on the collector of scripts/attack.sh;
 #   - the fleet check: nginx balancing two collectors on one PostgreSQL while
 #     one of them is killed and restarted twice (skipped, saying so, without
 #     PostgreSQL or nginx).
@@ -46,6 +47,8 @@ skipped=$(grep -c '^\[  SKIPPED \]' <<<"$tests_log" || true)
 files_table=$(build/tests/qxlog_hostile_file_check) || status=1
 
 fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
+
+attack_table=$(QXLOG_ATTACK_NO_BUILD=1 scripts/attack.sh) || status=1
 
 delivery_table=$(build/tests/qxlog_delivery_check build/collector/qxlog-collector \
   build/tests/qxlog_delivery_host "${QXLOG_DELIVERY_RECORDS:-20000}") || status=1
@@ -86,6 +89,8 @@ echo "Delivery, batch size 20 (at least once must lose nothing)"
 sed 's/^/  /' <<<"$delivery_table"
 echo "Fleet: two collectors on one PostgreSQL behind nginx (0 lost, 0 duplicated)"
 sed 's/^/  /' <<<"$fleet_table"
+echo "Attacks on the collector (scripts/attack.sh)"
+sed 's/^/  /' <<<"$attack_table"
 echo "----------------------------------------------------------------"
 if ((status != 0)); then
   echo "FAILED"

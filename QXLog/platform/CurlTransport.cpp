@@ -2,8 +2,10 @@
 
 #include <curl/curl.h>
 
+#include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace qxlog::platform {
 namespace {
@@ -41,6 +43,20 @@ std::unique_ptr<curl_slist, ListFree> headerList(const HttpRequest& request) {
   return std::unique_ptr<curl_slist, ListFree>(list);
 }
 
+// The CA bundle named by SSL_CERT_FILE (as OpenSSL reads it) or else
+// CURL_CA_BUNDLE (as the curl tool reads it), read once; empty: libcurl's
+// built-in bundle, the system's.
+const std::string& caBundleFromEnvironment() {
+  static const std::string bundle = [] {
+    for (const char* name : {"SSL_CERT_FILE", "CURL_CA_BUNDLE"}) {
+      if (const char* path = std::getenv(name); path != nullptr && *path != '\0')
+        return std::string(path);
+    }
+    return std::string();
+  }();
+  return bundle;
+}
+
 void configure(CURL* easy, const HttpRequest& request, std::chrono::milliseconds timeLimit,
                curl_slist* headers, std::string* body) {
   curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
@@ -59,6 +75,9 @@ void configure(CURL* easy, const HttpRequest& request, std::chrono::milliseconds
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, request.verifyPeer ? 1L : 0L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, request.verifyPeer ? 2L : 0L);
+  if (const std::string& bundle = caBundleFromEnvironment(); !bundle.empty()) {
+    curl_easy_setopt(easy, CURLOPT_CAINFO, bundle.c_str());
+  }
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
   // An announced length over the bound fails before the body is read; an
   // unannounced one is cut off by collectAnswer.

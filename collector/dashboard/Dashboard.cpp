@@ -13,6 +13,12 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// The longest record and report text that the API parses and serves whole,
+// in characters; a longer one is served cut to its first characters, with
+// its length, so that one large upload cannot make every answer large.
+constexpr int64_t kServedRecordChars = 64 << 10;
+constexpr int64_t kServedReportChars = 256 << 10;
+
 constexpr const char* kOperationNames[] = {"",       "start",         "end",  "pause",
                                            "resume", "buffering",     "seek", "first frame",
                                            "error",  "quality change"};
@@ -99,6 +105,16 @@ Json playerMeasures(const std::vector<std::string>& reports) {
           {"exits_before_start", exitsBeforeStart}};
 }
 
+// Marks an item whose stored text was too long to serve whole: its first
+// characters as they are, and its whole length.
+// Marks an item whose text is too long to serve whole: its length and its
+// first `limit` characters.
+void cutText(Json& item, const std::string& text, int64_t limit) {
+  item["cut"] = true;
+  item["length"] = static_cast<int64_t>(text.size());
+  item["head"] = text.substr(0, static_cast<std::size_t>(limit));
+}
+
 }  // namespace
 
 std::optional<HttpServerAnswer> Dashboard::serve(const HttpServerRequest& request) {
@@ -150,6 +166,7 @@ HttpServerAnswer Dashboard::summary() {
   answer["per_minute"] = minutes;
   std::vector<std::string> reports;
   for (StoredDiagnosis& diagnosis : store_.latestDiagnoses(1000, true)) {
+    if (static_cast<int64_t>(diagnosis.report.size()) > kServedReportChars) continue;
     reports.push_back(std::move(diagnosis.report));
   }
   answer["players"] = playerMeasures(reports);
@@ -159,14 +176,17 @@ HttpServerAnswer Dashboard::summary() {
 HttpServerAnswer Dashboard::records() {
   Json list = Json::array();
   for (const StoredRecord& stored : store_.latestRecords(50, false)) {
-    Json record = parsed(stored.body);
-    list.push_back({{"id", stored.id},
-                    {"upload", stored.uploadId},
-                    {"received_at", stored.receivedAt},
-                    {"device", stored.device},
-                    {"name", stored.name},
-                    {"fields", explained(record)},
-                    {"play_actions", record.contains("p") ? record["p"].size() : 0}});
+    const bool cut = static_cast<int64_t>(stored.body.size()) > kServedRecordChars;
+    Json record = cut ? Json() : parsed(stored.body);
+    Json item = {{"id", stored.id},
+                 {"upload", stored.uploadId},
+                 {"received_at", stored.receivedAt},
+                 {"device", stored.device},
+                 {"name", stored.name},
+                 {"fields", cut ? Json::array() : explained(record)},
+                 {"play_actions", record.contains("p") ? record["p"].size() : 0}};
+    if (cut) cutText(item, stored.body, kServedRecordChars);
+    list.push_back(std::move(item));
   }
   return jsonAnswer(list);
 }
@@ -174,7 +194,11 @@ HttpServerAnswer Dashboard::records() {
 HttpServerAnswer Dashboard::plays() {
   Json list = Json::array();
   for (const StoredRecord& stored : store_.latestRecords(10, true)) {
-    Json record = parsed(stored.body);
+    // A record too long to serve whole is listed without its actions.
+    Json record = static_cast<int64_t>(stored.body.size()) > kServedRecordChars
+                      ? Json::object()
+                      : parsed(stored.body);
+    if (!record.is_object()) record = Json::object();
     Json actions = Json::array();
     for (const Json& action : record.value("p", Json::array())) {
       if (action.is_object() && !action.empty()) actions.push_back(playAction(action));
@@ -193,16 +217,20 @@ HttpServerAnswer Dashboard::plays() {
 HttpServerAnswer Dashboard::diagnoses() {
   Json list = Json::array();
   for (const StoredDiagnosis& diagnosis : store_.latestDiagnoses(20, false)) {
-    Json report = parsed(diagnosis.report);
+    const bool cut = static_cast<int64_t>(diagnosis.report.size()) > kServedReportChars;
+    Json report = cut ? Json::object() : parsed(diagnosis.report);
+    if (!report.is_object()) report = Json::object();
     Json play = report.value("play_info", Json::object());
-    list.push_back({{"id", diagnosis.id},
-                    {"received_at", diagnosis.receivedAt},
-                    {"device", diagnosis.device},
-                    {"url", text(play, "playUrl")},
-                    {"ok", text(play, "isPlayOK")},
-                    {"cause", text(play, "causeOfFailure")},
-                    {"definition", text(play, "definition")},
-                    {"summary", report.value(play_summary::kObject, Json())}});
+    Json item = {{"id", diagnosis.id},
+                 {"received_at", diagnosis.receivedAt},
+                 {"device", diagnosis.device},
+                 {"url", text(play, "playUrl")},
+                 {"ok", text(play, "isPlayOK")},
+                 {"cause", text(play, "causeOfFailure")},
+                 {"definition", text(play, "definition")},
+                 {"summary", report.value(play_summary::kObject, Json())}};
+    if (cut) cutText(item, diagnosis.report, kServedReportChars);
+    list.push_back(std::move(item));
   }
   return jsonAnswer(list);
 }

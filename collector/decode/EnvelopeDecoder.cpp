@@ -109,6 +109,12 @@ Decoded<std::string> gunzip(std::string_view compressed, std::size_t maxBytes) {
   if (inflateInit2(&stream, 31) != Z_OK) return Decoded<std::string>::failure("gzip: no inflater");
   std::string out;
   std::array<unsigned char, 65536> chunk;
+  // Room for the most this member can inflate to (deflate reaches 1032:1),
+  // within the limit, taken at once: growing by doubling would copy, and
+  // hold twice the limit at the end. Untouched room costs no memory.
+  if (maxBytes != kUnlimited) {
+    out.reserve(std::min(maxBytes, compressed.size() * 1032) + chunk.size());
+  }
   int status = Z_OK;
   while (status == Z_OK) {
     stream.next_out = chunk.data();
@@ -117,8 +123,10 @@ Decoded<std::string> gunzip(std::string_view compressed, std::size_t maxBytes) {
     out.append(reinterpret_cast<const char*>(chunk.data()), chunk.size() - stream.avail_out);
     if (out.size() > maxBytes) {
       inflateEnd(&stream);
-      return Decoded<std::string>::failure("gzip: inflates past " + std::to_string(maxBytes) +
-                                           " bytes");
+      auto failure = Decoded<std::string>::failure("gzip: inflates past " +
+                                                   std::to_string(maxBytes) + " bytes");
+      failure.overLimit = true;
+      return failure;
     }
   }
   const uInt leftover = stream.avail_in;
@@ -143,8 +151,22 @@ Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableS
 
 Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
                              std::size_t maxInflatedBytes) {
-  Decoded<std::string> text = decodeLogDataText(logData, key, maxInflatedBytes);
-  if (!text) return Decoded<Value>::failure(std::move(text.error));
+  return decodeLogData(logData, key, DecodeLimits{maxInflatedBytes, {}});
+}
+
+Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
+                             const DecodeLimits& limits) {
+  Decoded<std::string> text = decodeLogDataText(logData, key, limits.maxInflatedBytes);
+  if (!text) {
+    auto failure = Decoded<Value>::failure(std::move(text.error));
+    failure.overLimit = text.overLimit;
+    return failure;
+  }
+  if (std::string why = checkJsonShape(*text.value, limits.shape); !why.empty()) {
+    auto failure = Decoded<Value>::failure("json: " + why);
+    failure.overLimit = true;
+    return failure;
+  }
   std::optional<Value> body = serial::parseJson(*text.value);
   if (!body) return Decoded<Value>::failure("json: the body is not valid JSON");
   return Decoded<Value>{std::move(body), {}};

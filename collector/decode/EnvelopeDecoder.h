@@ -9,15 +9,18 @@
 #include <string_view>
 
 #include "QXLog/QXLogValue.h"
+#include "collector/decode/JsonShape.h"
 
 namespace qxlog::collector {
 
 // The outcome of a decoding step: a value, or an error text saying which
-// step failed and why.
+// step failed and why, and whether it failed on a limit rather than on
+// malformed input.
 template <typename T>
 struct Decoded {
   std::optional<T> value;
   std::string error;
+  bool overLimit = false;
 
   static Decoded failure(std::string why) { return Decoded{std::nullopt, std::move(why)}; }
   explicit operator bool() const { return value.has_value(); }
@@ -39,10 +42,21 @@ inline constexpr std::size_t kUnlimited = static_cast<std::size_t>(-1);
 // starts "gzip: inflates past".
 Decoded<std::string> gunzip(std::string_view compressed, std::size_t maxBytes = kUnlimited);
 
+// What one body may become once decoded.
+struct DecodeLimits {
+  std::size_t maxInflatedBytes = kUnlimited;
+  JsonShapeLimits shape;
+};
+
 // The JSON text of an upload body.
 Decoded<std::string> decodeLogDataText(std::string_view logData, const NullableString& key,
                                        std::size_t maxInflatedBytes = kUnlimited);
-// The upload body itself, normally {"t": header, "a": records}.
+// The upload body itself, normally {"t": header, "a": records}, or a
+// diagnosis report. Its shape is checked against `limits.shape` before it
+// is parsed; the error then starts "json: " and names the limit.
+Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
+                             const DecodeLimits& limits);
+// The same with the default shape limits.
 Decoded<Value> decodeLogData(std::string_view logData, const NullableString& key,
                              std::size_t maxInflatedBytes = kUnlimited);
 

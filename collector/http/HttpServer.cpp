@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cctype>
 #include <condition_variable>
 #include <cstring>
@@ -21,8 +22,16 @@ struct OpenConnection {
   SteadyClock::time_point started;
   int fd = -1;
   bool overLimit = false;  // opened beyond a connection limit: answered 503
-  bool expired = false;    // past the request deadline: shut down
+  bool expired = false;    // past a deadline: shut down
+  // Written by the request's thread, read by the sweeper.
+  std::atomic<int64_t> headersAt{-1};  // steady nanoseconds; -1 before the headers end
+  std::atomic<std::size_t> bodyBytes{0};
+  std::atomic<bool> answered{false};
 };
+
+int64_t steadyNanos(SteadyClock::time_point at) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(at.time_since_epoch()).count();
+}
 
 // One request, from its first line to its answer.
 struct Exchange {
@@ -119,8 +128,12 @@ void onConnection(void* cls, MHD_Connection* connection, void** socketContext,
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
     open->fd = fd != nullptr ? fd->connect_fd : -1;
     std::size_t fromAddress = ++state->perAddress[open->address];
-    open->overLimit = fromAddress > state->options.maxConnectionsPerClient ||
-                      state->admitted >= state->options.maxConnections;
+    // The last quarter of the places is kept for addresses new to the server.
+    const std::size_t kept = state->options.maxConnections / 4;
+    const std::size_t room =
+        fromAddress == 1 ? state->options.maxConnections : state->options.maxConnections - kept;
+    open->overLimit =
+        fromAddress > state->options.maxConnectionsPerClient || state->admitted >= room;
     if (!open->overLimit) ++state->admitted;
     state->open[connection] = open;
     *socketContext = open;
@@ -137,10 +150,15 @@ void onConnection(void* cls, MHD_Connection* connection, void** socketContext,
 
 // What a request's headers decide before its body: a connection over a
 // limit, or a body announced too large.
-void screen(HttpServer::State& state, MHD_Connection* connection, Exchange& exchange) {
+OpenConnection* openConnection(MHD_Connection* connection) {
   const MHD_ConnectionInfo* info =
       MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-  const auto* open = info != nullptr ? static_cast<OpenConnection*>(info->socket_context) : nullptr;
+  return info != nullptr ? static_cast<OpenConnection*>(info->socket_context) : nullptr;
+}
+
+void screen(HttpServer::State& state, MHD_Connection* connection, Exchange& exchange) {
+  OpenConnection* open = openConnection(connection);
+  if (open != nullptr) open->headersAt = steadyNanos(SteadyClock::now());
   std::string length = exchange.request.header("content-length");
   if (open != nullptr && open->overLimit) {
     exchange.refusal = 503;
@@ -167,6 +185,7 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* /*url*/,
     return MHD_YES;
   }
   if (*uploadDataSize > 0) {
+    if (OpenConnection* open = openConnection(connection)) open->bodyBytes += *uploadDataSize;
     // Past the limit the rest is read and dropped: the answer waits for it,
     // within the request deadline.
     if (exchange->refusal == 0) request.body.append(uploadData, *uploadDataSize);
@@ -179,6 +198,7 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* /*url*/,
     *uploadDataSize = 0;
     return MHD_YES;
   }
+  if (OpenConnection* open = openConnection(connection)) open->answered = true;
   if (exchange->refusal != 0) {
     state->refused(request, exchange->refusal, exchange->reason);
     return answer(connection, {exchange->refusal, "text/plain", exchange->reason + "\n"});
@@ -194,8 +214,31 @@ MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* /*url*/,
 // answered 503; then it is closed, so that it holds no place.
 constexpr std::chrono::milliseconds kOverLimitGrace{1000};
 
-// Shuts down connections past the request deadline, however they trickle,
-// and connections over a limit past their grace; libmicrohttpd then closes
+// Why a connection is to be closed now, or nothing: over a limit past its
+// grace, past the request or the header deadline, or its body too slow.
+const char* overdue(const HttpServer::Options& options, const OpenConnection& open,
+                    SteadyClock::time_point now) {
+  if (open.overLimit)
+    return now - open.started >= kOverLimitGrace ? "too many connections; closed" : nullptr;
+  if (now - open.started >= options.requestDeadline) return "request deadline passed";
+  if (open.answered) return nullptr;
+  const int64_t headersAt = open.headersAt;
+  if (headersAt < 0) {
+    return now - open.started >= options.headerDeadline ? "request headers too slow" : nullptr;
+  }
+  const double bodySeconds =
+      std::chrono::duration<double>(std::chrono::nanoseconds(steadyNanos(now) - headersAt) -
+                                    options.bodyGrace)
+          .count();
+  if (options.minBodyBytesPerSecond > 0 && bodySeconds > 0 &&
+      static_cast<double>(open.bodyBytes) <
+          bodySeconds * static_cast<double>(options.minBodyBytesPerSecond)) {
+    return "request body too slow";
+  }
+  return nullptr;
+}
+
+// Shuts down the connections that are overdue; libmicrohttpd then closes
 // them.
 void sweep(HttpServer::State& state) {
   std::unique_lock lock(state.mutex);
@@ -203,17 +246,14 @@ void sweep(HttpServer::State& state) {
     state.wake.wait_for(lock, std::chrono::milliseconds(100));
     const auto now = SteadyClock::now();
     for (auto& [connection, open] : state.open) {
-      auto allowed = open->overLimit ? kOverLimitGrace : state.options.requestDeadline;
-      if (open->expired || now - open->started < allowed) continue;
+      if (open->expired) continue;
+      const char* why = overdue(state.options, *open, now);
+      if (why == nullptr) continue;
       open->expired = true;
       if (open->fd >= 0) ::shutdown(open->fd, SHUT_RDWR);
       HttpServerRequest request;
       request.peer = open->address;
-      if (open->overLimit) {
-        state.refused(request, 503, "too many connections; closed");
-      } else {
-        state.refused(request, 408, "request deadline passed");
-      }
+      state.refused(request, open->overLimit ? 503 : 408, why);
     }
   }
 }
@@ -235,23 +275,39 @@ bool HttpServer::start() {
     error_ = "not an IPv4 address: " + options_.host;
     return false;
   }
+  const bool tls = !options_.tlsCertificatePem.empty() || !options_.tlsKeyPem.empty();
+  if (tls && MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) {
+    error_ = "this libmicrohttpd is built without TLS";
+    return false;
+  }
   state_ = std::make_unique<State>();
   state_->options = options_;
   state_->handler = handler_;
   auto idleSeconds = static_cast<unsigned>(std::max<int64_t>(
       1, std::chrono::ceil<std::chrono::seconds>(options_.requestDeadline).count()));
-  // libmicrohttpd's own limit sits above ours, so that connections over ours
-  // are still accepted and answered 503.
-  auto connectionLimit = static_cast<unsigned>(2 * options_.maxConnections + 16);
+  // libmicrohttpd's own limits sit above ours, so that connections over ours
+  // are still accepted and answered 503; far beyond, an address's connections
+  // are closed as they are accepted, and hold nothing.
+  auto connectionLimit = static_cast<unsigned>(4 * options_.maxConnections + 16);
+  auto perAddressLimit = static_cast<unsigned>(2 * options_.maxConnectionsPerClient + 2);
+  // libmicrohttpd reads the certificate and key while it starts; they stay
+  // in the state for the daemon's life all the same.
+  MHD_OptionItem tlsOptions[] = {
+      {MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(state_->options.tlsCertificatePem.c_str())},
+      {MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(state_->options.tlsKeyPem.c_str())},
+      {MHD_OPTION_END, 0, nullptr}};
   state_->daemon = MHD_start_daemon(
-      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL, 0, nullptr, nullptr, onRequest, state_.get(),
+      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | (tls ? MHD_USE_TLS : 0), 0, nullptr,
+      nullptr, onRequest, state_.get(), MHD_OPTION_ARRAY, tls ? tlsOptions : tlsOptions + 2,
       MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE,
-      HttpServer::kThreads, MHD_OPTION_CONNECTION_LIMIT, connectionLimit,
-      MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_URI_LOG_CALLBACK, onUri, state_.get(),
-      MHD_OPTION_NOTIFY_COMPLETED, onCompleted, state_.get(), MHD_OPTION_NOTIFY_CONNECTION,
-      onConnection, state_.get(), MHD_OPTION_END);
+      HttpServer::kThreads,
+      MHD_OPTION_CONNECTION_LIMIT, connectionLimit, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+      perAddressLimit, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_URI_LOG_CALLBACK,
+      onUri, state_.get(), MHD_OPTION_NOTIFY_COMPLETED, onCompleted, state_.get(),
+      MHD_OPTION_NOTIFY_CONNECTION, onConnection, state_.get(), MHD_OPTION_END);
   if (state_->daemon == nullptr) {
-    error_ = "cannot listen on " + options_.host + ":" + std::to_string(options_.port);
+    error_ = "cannot listen on " + options_.host + ":" + std::to_string(options_.port) +
+             (tls ? " with this certificate and key" : "");
     state_.reset();
     return false;
   }

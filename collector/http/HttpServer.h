@@ -11,7 +11,13 @@
 // `refused`; a connection over a connection limit that does not finish its
 // request within a second is closed, and so is any connection that takes
 // longer than the request deadline from its start to its answer, whether it
-// trickles or stalls.
+// trickles or stalls, that has not sent its request line and headers within
+// the header deadline, or whose body arrives slower than the minimum rate.
+//
+// Slots are kept for new clients: a quarter of the connection limit is taken
+// only by addresses that hold no connection yet, so that a few addresses
+// that each fill their own limit cannot fill the server; and far beyond its
+// own limit an address's connections are closed as they are accepted.
 #ifndef QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 #define QXLOG_COLLECTOR_HTTP_HTTPSERVER_H_
 
@@ -67,6 +73,15 @@ class HttpServer {
     // Connections open at once, in all and from one client address.
     std::size_t maxConnections = 64;
     std::size_t maxConnectionsPerClient = 16;
+    // From a connection's start to the end of its headers.
+    std::chrono::milliseconds headerDeadline{5000};
+    // After the headers, the body must arrive at this rate on average, once
+    // the grace has passed (0: no minimum).
+    std::size_t minBodyBytesPerSecond = 1024;
+    std::chrono::milliseconds bodyGrace{2000};
+    // HTTPS: the certificate chain and its private key, PEM. Empty: HTTP.
+    std::string tlsCertificatePem;
+    std::string tlsKeyPem;
     // Told about each request that the server refuses itself (oversized, over
     // a limit), with the status and the one-line reason.
     std::function<void(const HttpServerRequest&, int status, const std::string& reason)> refused;

@@ -152,6 +152,12 @@ HttpServerAnswer Collector::notStored(const HttpServerRequest& request) {
   return confirm();
 }
 
+Decoded<Value> Collector::decodeWithinLimits(const std::string& text, bool upload) const {
+  DecodeLimits limits{options_.maxInflatedBytes, options_.shape};
+  limits.shape.maxRecords = upload ? std::max<std::size_t>(options_.maxRecordsPerUpload, 1) : 0;
+  return decodeLogData(text, options_.key, limits);
+}
+
 std::string Collector::checkToken(const std::string& token) const {
   if (token.empty()) return "missing field token";
   const auto accepted = acceptedDayTokens(options_.clock());
@@ -184,10 +190,9 @@ HttpServerAnswer Collector::log(const HttpServerRequest& request) {
   if (std::string why = checkToken(token); !why.empty()) {
     return refuse(request, 403, why);
   }
-  Decoded<Value> decoded = decodeLogData(*logData, options_.key, options_.maxInflatedBytes);
+  Decoded<Value> decoded = decodeWithinLimits(*logData, true);
   if (!decoded) {
-    bool tooLarge = decoded.error.starts_with("gzip: inflates past");
-    return refuse(request, tooLarge ? 413 : 400, "log_data: " + decoded.error);
+    return refuse(request, decoded.overLimit ? 413 : 400, "log_data: " + decoded.error);
   }
 
   const Dictionary* body = decoded.value->asDictionary();
@@ -233,8 +238,10 @@ HttpServerAnswer Collector::diagnosis(const HttpServerRequest& request) {
   if (std::string why = checkToken(token); !why.empty()) {
     return refuse(request, 403, why);
   }
-  Decoded<Value> decoded = decodeLogData(*report, options_.key);
-  if (!decoded) return refuse(request, 400, "diagnosis_log: " + decoded.error);
+  Decoded<Value> decoded = decodeWithinLimits(*report, false);
+  if (!decoded) {
+    return refuse(request, decoded.overLimit ? 413 : 400, "diagnosis_log: " + decoded.error);
+  }
   if (!decoded.value->asDictionary()) {
     return refuse(request, 400, "diagnosis_log: the report is not an object");
   }

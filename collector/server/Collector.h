@@ -24,6 +24,8 @@
 
 #include "QXLog/QXLogValue.h"
 #include "collector/dashboard/Dashboard.h"
+#include "collector/decode/EnvelopeDecoder.h"
+#include "collector/decode/JsonShape.h"
 #include "collector/http/HttpServer.h"
 #include "collector/store/CollectorStore.h"
 
@@ -47,10 +49,12 @@ struct CollectorOptions {
   // The HTTP status of upload answers. Outside 200..299 the client sends the
   // batch once more; the collector stores nothing.
   int answerStatus = 200;
-  // What one upload may hold: bytes once inflated, and records. Beyond
-  // either it is refused with 413 and nothing is stored.
+  // What one upload or diagnosis may hold: bytes once inflated, records
+  // (uploads), and the shape of its JSON. Beyond any of them it is refused
+  // with 413 and the limit's name, and nothing is stored.
   std::size_t maxInflatedBytes = 16 << 20;
   std::size_t maxRecordsPerUpload = 10000;
+  JsonShapeLimits shape;
   // Where the dashboard's Chart.js is read from.
   std::string chartJsPath = kSystemChartJs;
   SystemClock clock = [] { return std::chrono::system_clock::now(); };
@@ -92,6 +96,8 @@ class Collector {
   std::string checkToken(const std::string& token) const;
   bool answersSuccess() const;
   HttpServerAnswer notStored(const HttpServerRequest& request);
+  // A body's field decoded within the limits, or the refusal to answer.
+  Decoded<Value> decodeWithinLimits(const std::string& text, bool upload) const;
   int64_t nowMillis() const;
 
   CollectorOptions options_;

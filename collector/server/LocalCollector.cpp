@@ -1,6 +1,8 @@
 #include "collector/server/LocalCollector.h"
 
 #include <charconv>
+#include <fstream>
+#include <sstream>
 
 #include "collector/print/Report.h"
 
@@ -20,6 +22,17 @@ bool parseListenAddress(const std::string& text, std::string& host, int& port) {
 
 std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions options,
                                                       std::string& error) {
+  if (options.apiToken.empty() && !isLoopbackHost(options.host)) {
+    error = "refusing to listen on " + options.host +
+            " without an API token: the dashboard, /api/* and /received show user ids, phone "
+            "numbers and device ids to anyone who reaches them. Pass --api-token TOKEN or "
+            "--api-token-file FILE, or listen on 127.0.0.1";
+    return nullptr;
+  }
+  if (options.tlsCertificateFile.empty() != options.tlsKeyFile.empty()) {
+    error = "HTTPS takes both a certificate (--tls-cert) and its key (--tls-key)";
+    return nullptr;
+  }
   std::unique_ptr<LocalCollector> running(new LocalCollector(std::move(options)));
   LocalCollector* self = running.get();
   // One store connection for each thread that serves requests.
@@ -62,15 +75,42 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
   serverOptions.requestDeadline = self->options_.requestDeadline;
   serverOptions.maxConnections = self->options_.maxConnections;
   serverOptions.maxConnectionsPerClient = self->options_.maxConnectionsPerClient;
+  serverOptions.headerDeadline = self->options_.headerDeadline;
+  serverOptions.minBodyBytesPerSecond = self->options_.minBodyBytesPerSecond;
   serverOptions.refused = refusal;
+  for (auto [path, pem] :
+       {std::pair{&self->options_.tlsCertificateFile, &serverOptions.tlsCertificatePem},
+        std::pair{&self->options_.tlsKeyFile, &serverOptions.tlsKeyPem}}) {
+    if (path->empty()) continue;
+    std::ifstream file(*path, std::ios::binary);
+    std::ostringstream text;
+    if (!file || !(text << file.rdbuf())) {
+      error = "cannot read " + *path;
+      return nullptr;
+    }
+    *pem = text.str();
+  }
+  self->access_ = std::make_unique<AccessControl>(self->options_.apiToken, self->options_.host,
+                                                  self->options_.port);
   self->server_ = std::make_unique<HttpServer>(
-      serverOptions,
-      [self](const HttpServerRequest& request) { return self->collector_->handle(request); });
+      serverOptions, [self, refusal](const HttpServerRequest& request) {
+        if (std::optional<HttpServerAnswer> denied = self->access_->check(request)) {
+          std::string reason = denied->body.substr(0, denied->body.find('\n'));
+          refusal(request, denied->status, reason);
+          return *denied;
+        }
+        HttpServerAnswer answer = self->collector_->handle(request);
+        if (std::optional<std::string> cookie = self->access_->sessionCookie(request)) {
+          answer.headers.emplace_back("Set-Cookie", *cookie);
+        }
+        return answer;
+      });
   if (!self->server_->start()) {
     error = self->options_.host + ":" + std::to_string(self->options_.port) + ": " +
             self->server_->error();
     return nullptr;
   }
+  self->access_->setPort(self->server_->port());
   return running;
 }
 
@@ -83,7 +123,8 @@ void LocalCollector::stop() {
 }
 
 std::string LocalCollector::baseUrl() const {
-  return "http://" + options_.host + ":" + std::to_string(port());
+  return (options_.tlsCertificateFile.empty() ? "http://" : "https://") + options_.host + ":" +
+         std::to_string(port());
 }
 
 void LocalCollector::logLine(const std::string& line) {

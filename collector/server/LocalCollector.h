@@ -11,6 +11,7 @@
 #include <string>
 
 #include "collector/http/HttpServer.h"
+#include "collector/server/AccessControl.h"
 #include "collector/server/Collector.h"
 #include "collector/store/CollectorStore.h"
 
@@ -30,7 +31,19 @@ struct LocalCollectorOptions {
   std::chrono::milliseconds requestDeadline{30000};
   std::size_t maxConnections = 64;
   std::size_t maxConnectionsPerClient = 16;
+  // The request line and headers must arrive within the header deadline, the
+  // body at the minimum rate.
+  std::chrono::milliseconds headerDeadline{5000};
+  std::size_t minBodyBytesPerSecond = 1024;
   CollectorOptions collector;
+  // What the dashboard, /api/* and /received require, as a Bearer token or
+  // the password of HTTP Basic. Empty: none, and then the collector listens
+  // on loopback only and checks each request's Host.
+  std::string apiToken;
+  // HTTPS with this certificate chain and private key (PEM files); both or
+  // neither.
+  std::string tlsCertificateFile;
+  std::string tlsKeyFile;
   // What arrives goes to `out`, readable or as JSON lines, unless quiet.
   // Refusals and settings requests are logged to `log` (refusals always).
   Output output = Output::kReadable;
@@ -48,7 +61,7 @@ class LocalCollector {
 
   void stop();
   int port() const { return server_->port(); }
-  // "http://host:port", without a trailing slash.
+  // "http://host:port" (or https), without a trailing slash.
   std::string baseUrl() const;
   Collector& collector() { return *collector_; }
   CollectorStore& store() { return *store_; }
@@ -63,6 +76,7 @@ class LocalCollector {
   std::unique_ptr<CollectorStore> store_;
   std::unique_ptr<Collector> collector_;
   std::unique_ptr<HttpServer> server_;
+  std::unique_ptr<AccessControl> access_;
 };
 
 // Splits "host:port" (or ":port", or "port"); false when it is not one.

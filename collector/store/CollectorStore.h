@@ -182,7 +182,7 @@ class CollectorStore {
 
   // The dashboard's queries.
   virtual StoreTotals totals() = 0;
-  // Records per printable type name, most first.
+  // Records per printable type name, most first, at most 100 names.
   virtual std::vector<NamedCount> recordsPerName() = 0;
   // The devices seen latest first, at most `limit`.
   virtual std::vector<DeviceSeen> devices(std::size_t limit) = 0;

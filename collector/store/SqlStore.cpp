@@ -272,8 +272,9 @@ StoreTotals SqlStore::totals() {
 std::vector<NamedCount> SqlStore::recordsPerName() {
   Lease session = lease();
   std::vector<NamedCount> out;
+  // Names come from what clients send: the 100 most frequent bound the answer.
   for (const SqlRow& row : session->run("SELECT name, count(*) FROM records GROUP BY name "
-                                        "ORDER BY count(*) DESC, name")) {
+                                        "ORDER BY count(*) DESC, name LIMIT 100")) {
     out.push_back(NamedCount{row[0], number(row[1])});
   }
   return out;

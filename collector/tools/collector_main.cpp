@@ -6,10 +6,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <string_view>
 
@@ -42,8 +44,20 @@ constexpr const char* kUsage = R"(usage: qxlog-collector [options]
   --max-inflated BYTES         largest upload once inflated (default 16777216)
   --max-records N              most records in one upload (default 10000)
   --deadline MS                longest a request may take, start to answer (default 30000)
-  --max-connections N          connections open at once (default 64)
+  --header-deadline MS         longest a client may take to send its request line and
+                               headers (default 5000)
+  --min-body-rate BYTES        slowest a body may arrive, in bytes a second, after a grace
+                               of 2 s (default 1024; 0: no minimum)
+  --max-connections N          connections open at once (default 64; a quarter of them is
+                               kept for addresses that hold none)
   --max-client-connections N   connections open at once from one address (default 16)
+  --api-token TOKEN            what the dashboard, /api/* and /received require, as
+                               "Authorization: Bearer TOKEN" or the password of HTTP Basic
+                               (default: none; then only loopback addresses may be listened
+                               on, and only requests for the collector's own address answered)
+  --api-token-file FILE        the same, read from FILE (its first line)
+  --tls-cert FILE              serve HTTPS with this certificate chain (PEM)
+  --tls-key FILE               and this private key (PEM)
   --quiet                      print nothing of what arrives
   --json                       print what arrives as one JSON object per line
   --explain                    print every key of what arrives with its meaning
@@ -99,6 +113,23 @@ int main(int argc, char** argv) {
       if (!qxlog::collector::parseListenAddress(std::string(text), options.host, options.port)) {
         return usageError("--listen takes HOST:PORT");
       }
+    } else if (arg == "--api-token") {
+      options.apiToken = std::string(text);
+      if (options.apiToken.empty()) return usageError("--api-token takes a non-empty token");
+    } else if (arg == "--api-token-file") {
+      std::ifstream file{std::string(text)};
+      if (!file || !std::getline(file, options.apiToken)) {
+        return usageError("cannot read the API token from " + std::string(text));
+      }
+      while (!options.apiToken.empty() &&
+             std::isspace(static_cast<unsigned char>(options.apiToken.back()))) {
+        options.apiToken.pop_back();
+      }
+      if (options.apiToken.empty()) return usageError(std::string(text) + " holds no API token");
+    } else if (arg == "--tls-cert") {
+      options.tlsCertificateFile = std::string(text);
+    } else if (arg == "--tls-key") {
+      options.tlsKeyFile = std::string(text);
     } else if (arg == "--key") {
       options.collector.key = std::string(text);
     } else if (arg == "--db") {
@@ -134,6 +165,16 @@ int main(int argc, char** argv) {
       int64_t millis = 0;
       if (!parseNumber(text, millis) || millis <= 0) return usageError("--deadline takes ms");
       options.requestDeadline = std::chrono::milliseconds(millis);
+    } else if (arg == "--header-deadline") {
+      int64_t millis = 0;
+      if (!parseNumber(text, millis) || millis <= 0) {
+        return usageError("--header-deadline takes ms");
+      }
+      options.headerDeadline = std::chrono::milliseconds(millis);
+    } else if (arg == "--min-body-rate") {
+      if (!parseNumber(text, options.minBodyBytesPerSecond)) {
+        return usageError("--min-body-rate takes bytes a second");
+      }
     } else if (arg == "--max-connections") {
       if (!parseNumber(text, options.maxConnections)) {
         return usageError("--max-connections takes a count");

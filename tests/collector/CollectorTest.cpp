@@ -14,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +25,7 @@
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Codecs.h"
 #include "collector/decode/EnvelopeDecoder.h"
+#include "collector/decode/JsonShape.h"
 #include "collector/http/HttpServer.h"
 #include "collector/legend/FieldLegend.h"
 #include "collector/print/Report.h"
@@ -326,6 +328,226 @@ TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
   EXPECT_EQ(log.find("\rqxlog-collector:"), std::string::npos) << log;
 }
 
+// The shape check walks the bytes once: brackets and quotes inside strings
+// are not structure, each limit holds at its value and fails one past it.
+TEST(JsonShape, CountsStructureOutsideStringsAndStopsOnePastEachLimit) {
+  collector::JsonShapeLimits small;
+  small.maxDepth = 3;
+  small.maxElements = 3;
+  small.maxStringBytes = 4;
+  small.maxValues = 9;
+  collector::JsonShapeLimits uploads = small;
+  uploads.maxRecords = 5;
+  const struct {
+    const char* json;
+    const collector::JsonShapeLimits& limits;
+    const char* reason;  // "" within the limits
+  } cases[] = {
+      {R"([[[1]]])", small, ""},
+      {R"([[[[1]]]])", small, "nested deeper than 3 levels"},
+      {R"(["[[[[", "\"{{"])", small, ""},
+      {R"([1,2,3])", small, ""},
+      {R"([1,2,3,4])", small, "an array or object of more than 3 elements"},
+      {R"({"a":1,"b":[],"c":{}})", small, ""},
+      {R"({"a":1,"b":2,"c":3,"d":4})", small, "an array or object of more than 3 elements"},
+      {R"(["abcd"])", small, ""},
+      {R"(["abcde"])", small, "a string of more than 4 bytes"},
+      {R"({"abcde":1})", small, "a string of more than 4 bytes"},
+      {R"([[1,2,3],[1,2,3]])", small, ""},
+      {R"([[1,2,3],[1,2,3],1])", small, "more than 9 values"},
+      {R"({"a":[{},{},{},{},{}]})", uploads, ""},
+      {R"({"a":[{},{},{},{},{},{}]})", uploads, "more than 5 records"},
+      {R"({"t":"a","x":[1,2,3,4]})", uploads, "an array or object of more than 3 elements"},
+      {R"({"t":{"a":[1,2,3,4]}})", uploads, "an array or object of more than 3 elements"},
+      {R"([{"a":[1,2,3,4]}])", uploads, "an array or object of more than 3 elements"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(collector::checkJsonShape(c.json, c.limits), c.reason) << c.json;
+  }
+}
+
+// Every oversized structure, on both decoding endpoints: refused with 413 and
+// the limit it passed, nothing stored, the body never built. The bodies are
+// small on the wire (under the test's 64 KiB) and large once inflated.
+TEST_F(CollectorTest, OversizedStructuresAreRefusedOnLogAndDiagnosisAlike) {
+  auto repeat = [](const std::string& part, std::size_t times) {
+    std::string out;
+    out.reserve(part.size() * times);
+    for (std::size_t i = 0; i < times; ++i) out += part;
+    return out;
+  };
+  auto upload = [](const std::string& record) { return "{\"t\":{},\"a\":[" + record + "]}"; };
+  const struct {
+    std::string json;
+    const char* reason;
+  } cases[] = {
+      {upload(repeat("[", 40) + repeat("]", 40)), "json: nested deeper than 32 levels"},
+      {upload("{\"x\":[0" + repeat(",0", 4 << 20) + "]}"),
+       "json: an array or object of more than 10000 elements"},
+      {upload("{" + repeat("\"k\":0,", 10001) + "\"k\":0}"),
+       "json: an array or object of more than 10000 elements"},
+      {upload("{\"x\":\"" + std::string((1 << 20) + 1, 'x') + "\"}"),
+       "json: a string of more than 1048576 bytes"},
+      {upload(repeat("[0" + repeat(",0", 8999) + "],", 60) + "[]"),
+       "json: more than 500000 values"},
+      {upload("\"" + std::string(17 << 20, '0') + "\""), "gzip: inflates past 16777216 bytes"},
+  };
+  const std::string token = today();
+  for (const auto& c : cases) {
+    const std::string sealed = sealJson(c.json);
+    ASSERT_LT(sealed.size(), 48u << 10) << c.reason;
+    const HttpReply log = postForm(port_, "/log", logForm(sealed, token));
+    EXPECT_EQ(log.status, 413) << c.reason;
+    EXPECT_EQ(log.body, "log_data: "s + c.reason + "\n");
+    const HttpReply diagnosis =
+        postForm(port_, "/diagnosis", "diagnosis_log=" + formEncode(sealed) + "&token=" + token);
+    EXPECT_EQ(diagnosis.status, 413) << c.reason;
+    EXPECT_EQ(diagnosis.body, "diagnosis_log: "s + c.reason + "\n");
+  }
+  EXPECT_TRUE(nothingStored());
+}
+
+// A collector of its own with the given API token (none: empty), storing in
+// a fresh temporary directory.
+std::unique_ptr<collector::LocalCollector> startCollector(const std::string& apiToken,
+                                                          const std::string& host = "127.0.0.1") {
+  char pattern[] = "/tmp/qxlog-access-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) return nullptr;
+  collector::LocalCollectorOptions options;
+  options.host = host;
+  options.database = std::string(pattern) + "/collector.db";
+  options.collector.key = kTestKey;
+  options.apiToken = apiToken;
+  options.output = collector::Output::kQuiet;
+  options.log = std::tmpfile();
+  std::string error;
+  auto started = collector::LocalCollector::start(options, error);
+  EXPECT_TRUE(started) << error;
+  return started;
+}
+
+std::string requestWith(const std::string& target, const std::string& headers) {
+  return "GET " + target + " HTTP/1.1\r\n" + headers + "\r\n";
+}
+
+TEST(CollectorAccess, TheTokenGuardsWhatWasStoredAndDevicesStayOpen) {
+  auto collector = startCollector("s3cret-token");
+  ASSERT_TRUE(collector);
+  const int port = collector->port();
+  const std::string host = "Host: collector.example\r\n";
+  const std::string dayToken = acceptedDayTokens(std::chrono::system_clock::now())[0];
+  auto basic = [](const std::string& pair) {
+    return "Authorization: Basic " + support::base64Encode(pair) + "\r\n";
+  };
+  const struct {
+    std::string target;
+    std::string authorization;
+    int status;
+  } cases[] = {
+      {"/api/summary", "", 401},
+      {"/api/summary", "Authorization: Bearer s3cret-token\r\n", 200},
+      {"/api/summary", "Authorization: bearer  s3cret-token \r\n", 200},
+      {"/api/summary", "Authorization: Bearer s3cret-toke\r\n", 401},
+      {"/api/summary", "Authorization: Bearer s3cret-tokenx\r\n", 401},
+      {"/api/summary", "Authorization: Bearer \r\n", 401},
+      {"/api/summary", "Authorization: s3cret-token\r\n", 401},
+      {"/api/summary", basic("anyone:s3cret-token"), 200},
+      {"/api/summary", basic("s3cret-token:"), 401},
+      {"/api/summary", basic("s3cret-token"), 401},
+      {"/", "", 401},
+      {"/", basic(":s3cret-token"), 200},
+      {"/received", "", 401},
+      {"/received", "Authorization: Bearer s3cret-token\r\n", 200},
+      {"/no-such-path", "", 401},
+      {"/settings?token=" + dayToken + "&uid=d", "", 200},
+      {"/log", "", 405},
+  };
+  for (const auto& c : cases) {
+    const HttpReply reply = roundTrip(port, requestWith(c.target, host + c.authorization));
+    EXPECT_EQ(reply.status, c.status) << c.target << " " << c.authorization;
+    const bool challenged =
+        reply.head.find("\r\nWWW-Authenticate: Basic realm=") != std::string::npos;
+    EXPECT_EQ(challenged, c.status == 401) << c.target << " " << reply.head;
+  }
+  // A login to the page sets a session cookie that the page's requests carry.
+  const HttpReply login = roundTrip(port, requestWith("/", host + basic("viewer:s3cret-token")));
+  const std::size_t at = login.head.find("\r\nSet-Cookie: qxlog_session=");
+  ASSERT_NE(at, std::string::npos) << login.head;
+  const std::string session = login.head.substr(at + 14, login.head.find(';', at) - at - 14);
+  EXPECT_EQ(login.head.find("s3cret-token"), std::string::npos);
+  EXPECT_NE(login.head.find("HttpOnly; SameSite=Strict"), std::string::npos);
+  for (const auto& [cookie, status] : std::vector<std::pair<std::string, int>>{
+           {"a=1; " + session, 200}, {session + "0", 401}, {"qxlog_session=", 401}}) {
+    EXPECT_EQ(
+        roundTrip(port, requestWith("/api/summary", host + "Cookie: " + cookie + "\r\n")).status,
+        status)
+        << cookie;
+  }
+}
+
+TEST(CollectorAccess, WithoutATokenOnlyLoopbackAndItsOwnHostNamesAreAnswered) {
+  std::string error;
+  collector::LocalCollectorOptions anywhere;
+  anywhere.host = "0.0.0.0";
+  anywhere.database = "/nonexistent/never-opened.db";
+  EXPECT_FALSE(collector::LocalCollector::start(anywhere, error));
+  EXPECT_NE(error.find("refusing to listen on 0.0.0.0 without an API token"), std::string::npos)
+      << error;
+  EXPECT_TRUE(startCollector("token", "0.0.0.0"));
+
+  auto collector = startCollector("");
+  ASSERT_TRUE(collector);
+  const int port = collector->port();
+  const std::string own = ":" + std::to_string(port);
+  const std::string dayToken = acceptedDayTokens(std::chrono::system_clock::now())[0];
+  const struct {
+    std::string target;
+    std::string host;  // the Host header line, or none
+    int status;
+  } cases[] = {
+      {"/received", "Host: 127.0.0.1" + own + "\r\n", 200},
+      {"/received", "Host: localhost" + own + "\r\n", 200},
+      {"/received", "Host: LocalHost" + own + "\r\n", 200},
+      {"/received", "Host: [::1]" + own + "\r\n", 200},
+      {"/api/summary", "Host: localhost" + own + "\r\n", 200},
+      {"/received", "", 200},
+      {"/received", "Host: rebound.example" + own + "\r\n", 403},
+      {"/", "Host: rebound.example" + own + "\r\n", 403},
+      {"/received", "Host: 127.0.0.1\r\n", 403},
+      {"/received", "Host: 127.0.0.1:1\r\n", 403},
+      {"/received", "Host: 127.0.0.2" + own + "\r\n", 403},
+      {"/settings?token=" + dayToken + "&uid=d", "Host: rebound.example" + own + "\r\n", 403},
+      {"/settings?token=" + dayToken + "&uid=d", "Host: 127.0.0.1" + own + "\r\n", 200},
+  };
+  for (const auto& c : cases) {
+    const HttpReply reply = roundTrip(port, requestWith(c.target, c.host));
+    EXPECT_EQ(reply.status, c.status) << c.target << " " << c.host;
+  }
+}
+
+TEST(CollectorAccess, ALongStoredRecordIsServedCutWithItsLength) {
+  auto collector = startCollector("t");
+  ASSERT_TRUE(collector);
+  const std::string token = acceptedDayTokens(std::chrono::system_clock::now())[0];
+  const std::string body = R"({"t":{},"a":[{"a_t":"2","a_1":")" + std::string(100000, 'x') +
+                           R"("},{"a_t":"2","a_1":"short"}]})";
+  const HttpReply stored = postForm(collector->port(), "/log",
+                                    "log_data=" + formEncode(sealJson(body)) + "&token=" + token);
+  ASSERT_EQ(stored.status, 200) << stored.body;
+  const HttpReply records =
+      roundTrip(collector->port(), requestWith("/api/records", "Authorization: Bearer t\r\n"));
+  ASSERT_EQ(records.status, 200);
+  auto list = nlohmann::json::parse(records.body);
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_FALSE(list[0].contains("cut"));  // the latest first: the short one, whole
+  EXPECT_EQ(list[0]["fields"].size(), 2u);
+  EXPECT_EQ(list[1]["cut"], true);
+  EXPECT_GE(list[1]["length"].get<int64_t>(), 100000);  // the whole record, as stored
+  EXPECT_LT(list[1]["length"].get<int64_t>(), 100100);
+  EXPECT_EQ(list[1]["head"].get<std::string>().size(), 65536u);
+  EXPECT_LT(records.body.size(), 70000u);
+}
+
 TEST_F(CollectorTest, AReplayedUploadIsConfirmedAndStoredOnce) {
   std::string form = logForm(sealJson(R"({"t":{"t_2":"d"},"a":[{"a_t":"2","a_1":"x"}]})"), today());
   for (int i = 0; i < 3; ++i) {
@@ -495,6 +717,66 @@ TEST_F(HttpServerTest, ARequestThatTricklesPastTheDeadlineIsCutOff) {
   EXPECT_LT(std::chrono::steady_clock::now() - started, 1500ms);
   EXPECT_EQ(refusals(), std::vector<int>{408});
   EXPECT_EQ(statusOf("127.0.0.1", server_->port()), 200);
+}
+
+// A few addresses that each fill their own limit leave the last quarter of
+// the places to addresses that hold none.
+TEST_F(HttpServerTest, PlacesAreKeptForAddressesThatHoldNone) {
+  HttpServer::Options options;
+  options.maxConnectionsPerClient = 4;
+  options.maxConnections = 8;  // two kept
+  start(options);
+  const int port = server_->port();
+  std::vector<int> held;
+  for (const char* from :
+       {"127.0.0.2", "127.0.0.2", "127.0.0.2", "127.0.0.2", "127.0.0.3", "127.0.0.3"}) {
+    held.push_back(connectFrom(from, port));
+  }
+  awaitOpen(6);
+  EXPECT_EQ(statusOf("127.0.0.3", port), 503);  // under its own limit, but the rest is kept
+  awaitOpen(6);
+  EXPECT_EQ(statusOf("127.0.0.4", port), 200);  // a new address takes a kept place
+  for (int fd : held) ::close(fd);
+}
+
+// Connections that hold a place without sending: headers that do not end in
+// time, and a body slower than the minimum rate, are cut off long before
+// the request deadline.
+TEST_F(HttpServerTest, SlowHeadersAndSlowBodiesAreCutOff) {
+  HttpServer::Options options;
+  options.headerDeadline = 300ms;
+  options.bodyGrace = 200ms;
+  options.minBodyBytesPerSecond = 2000;
+  start(options);
+  const int port = server_->port();
+  const std::string headers = "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n";
+  const struct {
+    std::string first;    // sent at once
+    std::size_t perTick;  // then this many bytes every 50 ms
+  } cases[] = {{"POST /x HTTP/1.1\r\n", 0}, {headers, 20}};
+  for (const auto& c : cases) {
+    const int fd = connectFrom("127.0.0.1", port);
+    ASSERT_GE(fd, 0);
+    ::send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL);
+    const auto started = std::chrono::steady_clock::now();
+    bool cut = false;
+    while (!cut && std::chrono::steady_clock::now() - started < 5s) {
+      const std::string chunk(c.perTick, 'x');
+      cut = !chunk.empty() && ::send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL) < 0;
+      char byte;
+      cut = cut || ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+      std::this_thread::sleep_for(50ms);
+    }
+    ::close(fd);
+    EXPECT_TRUE(cut) << c.first;
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s) << c.first;
+  }
+  // A body at a normal pace is served.
+  const std::string body(50000, 'x');
+  EXPECT_EQ(
+      roundTrip(port, "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 50000\r\n\r\n" + body).status,
+      200);
+  EXPECT_EQ(refusals(), (std::vector<int>{408, 408}));
 }
 
 }  // namespace

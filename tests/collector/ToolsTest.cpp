@@ -120,6 +120,47 @@ kill -$3 $pid; wait $pid; echo "exit $?"; cat "$2.err")";
   }
 }
 
+// The demo reports to an HTTPS collector whose certificate comes from a CA
+// made here; the library trusts it through SSL_CERT_FILE, and without it
+// refuses the collector. The collector's API token comes from a file, and
+// the demo reads /received with it.
+TEST_F(ToolsTest, TheDemoReportsOverHttpsToACollectorItsCaBundleTrusts) {
+  const std::string dir = documentsPath("tls");
+  std::filesystem::create_directories(dir);
+  const std::string script = dir + "/https.sh";
+  std::ofstream(script) << R"(set -e; cd "$1"
+key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1" 2>/dev/null; }
+key ca.key && key server.key
+openssl req -x509 -new -key ca.key -subj /CN=qxlog-test-ca -days 2 -out ca.pem
+openssl req -new -key server.key -subj /CN=127.0.0.1 -out server.csr
+printf 'subjectAltName=IP:127.0.0.1\nbasicConstraints=CA:FALSE\n' >ext
+printf 't0ken\n' >token
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 \
+  -extfile ext -out server.pem 2>/dev/null
+"$2" --listen 127.0.0.1:0 --db collector.db --key demo-key-0123456 --push-interval-time 1000 \
+  --api-token-file token --tls-cert server.pem --tls-key server.key --quiet 2>collector.err \
+  >/dev/null & pid=$!
+trap 'kill $pid 2>/dev/null' EXIT
+for i in $(seq 200); do
+  url=$(grep -om1 'https://127\.0\.0\.1:[0-9]*' collector.err) && break; sleep 0.05
+done
+echo "untrusted:"
+env -u SSL_CERT_FILE -u CURL_CA_BUNDLE "$3" --quiet --timeout 3 --api-token t0ken \
+  --server "$url" 2>&1 | tail -1 || true
+echo "trusted:"; SSL_CERT_FILE=ca.pem "$3" --quiet --timeout 30 --api-token t0ken --server "$url"
+kill $pid; wait $pid; trap - EXIT)";
+  if (run("openssl version").status != 0) GTEST_SKIP() << "no openssl command";
+  const Finished https = run("bash " + script + " " + dir + " " + QXLOG_TEST_COLLECTOR + " " +
+                             QXLOG_TEST_DEMO + " 2>&1");
+  EXPECT_EQ(https.status, 0) << https.output;
+  const std::size_t trusted = https.output.find("trusted:\n", https.output.find("untrusted:") + 3);
+  ASSERT_NE(trusted, std::string::npos) << https.output;
+  EXPECT_EQ(https.output.find("everything arrived"),
+            https.output.find("everything arrived", trusted))
+      << https.output;
+  EXPECT_NE(https.output.find("everything arrived", trusted), std::string::npos) << https.output;
+}
+
 TEST_F(ToolsTest, EverythingTheDemoReportsArrivesInTheDatabase) {
   const std::string database = documentsPath("demo.db");
   Finished demo =

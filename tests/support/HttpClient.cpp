@@ -41,14 +41,15 @@ HttpReply roundTrip(int port, const std::string& request, const char* from) {
 }
 
 HttpReply postForm(int port, const std::string& path, const std::string& form) {
-  return roundTrip(port, "POST " + path +
-                             " HTTP/1.1\r\nHost: x\r\nContent-Type: "
+  return roundTrip(port, "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                             "\r\nContent-Type: "
                              "application/x-www-form-urlencoded\r\nContent-Length: " +
                              std::to_string(form.size()) + "\r\n\r\n" + form);
 }
 
 HttpReply get(int port, const std::string& target) {
-  return roundTrip(port, "GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n");
+  return roundTrip(
+      port, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n\r\n");
 }
 
 std::string formEncode(const std::string& text) {
