@@ -3,7 +3,8 @@
 // synchronise (GLib's one-time initialisations, its futex mutexes), so
 // reports from within their libraries are dropped: races whose top frame is
 // theirs, or that their calls into the C library make; their mutex misuses. Leaks are
-// read with whole stacks, so that only blocks that GLib's constructor and
+// read with whole stacks, so that only blocks that GLib's constructor, the
+// plugin registry's interned names (GLib never frees them) and
 // playbin's finalisation and the HTTP source's thread (a read cancelled in a
 // stall) leave unreachable at exit are ignored.
 extern "C" {
@@ -57,6 +58,7 @@ const char* __asan_default_options() {
 
 const char* __lsan_default_suppressions() {
   return "leak:_dl_init\n"
+         "leak:gst_update_registry\n"
          "leak:libgstplayback.so\n"
          "leak:libgstsoup.so\n";
 }
