@@ -31,7 +31,9 @@
  * Blocking: QXLogPlayBegin of an http(s) URL looks up the host's address on
  * the calling thread, as recordPlayLog does. Each call writes the play's
  * small file; QXLogPlayEnd also hands the folded record to the log center
- * (the same store as every action record). Nothing calls back into the host.
+ * (the same store as every action record). Each action writes the console
+ * line "PlaySession-log:<id>:<record>". Nothing calls back into the host
+ * but the console handler, as for every report.
  */
 #ifndef QXLOG_QXLOGPLAY_H_
 #define QXLOG_QXLOGPLAY_H_

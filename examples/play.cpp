@@ -71,8 +71,9 @@ struct Player {
   bool failed = false;
 };
 
-// Every play action stored through recordPlayActionLog writes one "Play-log:"
-// console line; plays through the play API fold their actions themselves.
+// Every play action writes one console line, "Play-log:" from
+// recordPlayActionLog or "PlaySession-log:" from the play API the adapter
+// uses: how the player knows how many actions to wait for.
 struct Console {
   bool trace = false;
   std::atomic<int64_t> playActions{0};
@@ -80,7 +81,9 @@ struct Console {
 
 void console(const char* line, void* context) {
   auto* state = static_cast<Console*>(context);
-  if (std::strncmp(line, "Play-log:", 9) == 0) ++state->playActions;
+  if (std::strncmp(line, "Play-log:", 9) == 0 || std::strncmp(line, "PlaySession-log:", 16) == 0) {
+    ++state->playActions;
+  }
   if (state->trace) std::fprintf(stderr, "qxlog: %s\n", line);
 }
 

@@ -5,6 +5,7 @@
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/PlaySessions.h"
 #include "QXLog/serial/PropertyList.h"
+#include "QXLog/serial/Text.h"
 #include "QXLog/support/Time.h"
 
 namespace qxlog::recording {
@@ -95,7 +96,9 @@ void PlaySession::addLocked(const std::vector<format::PlayAction>& actions) {
       ++dropped_;
       continue;
     }
-    pending_.push_back(Value(format::playSessionAction(format, action)));
+    Dictionary record = format::playSessionAction(format, action);
+    center().env().consoleWrite("PlaySession-log:" + id() + ":" + serial::describe(Value(record)));
+    pending_.push_back(Value(std::move(record)));
   }
   // A long play goes in parts, each whole under the play's header, once the
   // host's context lets it be stored.
