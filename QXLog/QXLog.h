@@ -131,6 +131,14 @@ QXLOG_EXPORT void QXLogSetDeliveryHandler(void (*handler)(QXLogBatchOutcome outc
                                                           const char* reason, void* context),
                                           void* context);
 
+/* Sends what is queued now, whatever the batch size, in either delivery, and
+ * waits up to timeout_ms for the answers; on the thread that serves the main
+ * queue (QXLogMainQueueDrain/Run) it serves the queue meanwhile. Returns the
+ * number of records still not confirmed: 0 when everything arrived. In the
+ * described delivery it is one submission now, with that delivery's usual
+ * outcome. For the host's exit path; not from a delivery handler. */
+QXLOG_EXPORT int QXLogFlush(int64_t timeout_ms);
+
 /* Runs every main-queue task that is due, on the calling thread. */
 QXLOG_EXPORT void QXLogMainQueueDrain(void);
 /* Serves the main queue on the calling thread until QXLogMainQueueStop. */
