@@ -11,7 +11,8 @@ seconds="${1:-10}"
 shift || true
 harnesses=("$@")
 if ((${#harnesses[@]} == 0)); then
-  harnesses=(queue_file settings_answer upload_answer gzip_inflate collector_decode form_fields)
+  harnesses=(queue_file settings_answer upload_answer gzip_inflate collector_decode form_fields
+    journal_file)
 fi
 
 QXLOG_WITH_FUZZ=1 scripts/install-deps.sh >&2

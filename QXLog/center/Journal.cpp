@@ -215,9 +215,11 @@ void Journal::readSegment(uint64_t number, uint64_t from, bool last, std::size_t
 
 bool Journal::openTail() {
   if (tail_ && tail_->size() < kSegmentBytes) return true;
+  // New segments are numbered past the settled position too, so that a
+  // journal whose segments went missing still reads back what follows.
   uint64_t newest = segments_.empty() ? 0 : segments_.rbegin()->first;
   bool reuse = !tail_ && newest != 0 && segments_.rbegin()->second;
-  uint64_t number = reuse ? newest : newest + 1;
+  uint64_t number = reuse ? newest : std::max(newest, settled_.segment) + 1;
   auto file = platform::AppendFile::open(segmentPath(number));
   if (!file) return false;
   if (reuse && file->size() >= kSegmentBytes) {
