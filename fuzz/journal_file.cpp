@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Damage was cut or padded where there was room: never more the second time.
   if (again.open() > damaged) std::abort();
   if (again.pending().size() != records + 1 ||
-      again.pending().back().payload != R"({"a_1":"appended"})") {
+      *again.pending().back().payload != R"({"a_1":"appended"})") {
     std::abort();
   }
   return 0;

@@ -16,7 +16,8 @@ build=build-release
 jobs="$(nproc 2>/dev/null || echo 2)"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQXLOG_BUILD_BENCH=ON -DQXLOG_BUILD_TESTS=OFF \
   >/dev/null
-cmake --build "$build" -j "$jobs" --target qxlog_bench qxlog_bench_host >/dev/null
+cmake --build "$build" -j "$jobs" --target qxlog_bench qxlog_bench_host qxlog_bench_journal \
+  >/dev/null
 
 data="${QXLOG_BENCH_DIR:-$PWD/$build/bench-data}"
 mkdir -p "$data"
@@ -53,6 +54,9 @@ echo "bench: loopback host, peak memory at $((records / 10)) and $records report
 host memory.jsonl "$((records / 10))" 20
 host memory.jsonl "$records" 20
 
+echo "bench: at least once, reports at backlogs 1 to 50 000 and at batch size 20"
+QXLOG_BENCH_DIR="$data" "$build/bench/qxlog_bench_journal" >"$out/journal.jsonl"
+
 leaks() {  # leaks <records>
   QXLOG_BENCH_DIR="$data/valgrind" valgrind --leak-check=full --show-leak-kinds=definite \
     --log-file="$out/valgrind-$1.log" "$build/bench/qxlog_bench_host" "$1" 20 0 >/dev/null
@@ -67,3 +71,5 @@ echo
 echo "Machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs)," \
   "$(uname -sr), queue files on $fstype"
 python3 scripts/bench_table.py "$out"
+echo
+python3 scripts/bench_journal_table.py "$out/journal.jsonl"

@@ -57,8 +57,9 @@ void AtLeastOnceDelivery::openLocked(Reports& reports) {
   opened_ = true;
   const platform::Env& env = center_.env();
   if (std::size_t damaged = journal_.open(); damaged != 0) {
-    reports.push_back({Outcome::kDropped, damaged, "journal damaged"});
+    reports.reports.push_back({Outcome::kDropped, damaged, "journal damaged"});
   }
+  for (std::string& line : journal_.takeNotes()) reports.lines.push_back(std::move(line));
   if (env.files().exists(env.documentsPath(kActionQueueFile))) {
     Array carried = support::readArray(env, kActionQueueFile).value_or(Array());
     for (const Value& record : carried) {
@@ -66,7 +67,7 @@ void AtLeastOnceDelivery::openLocked(Reports& reports) {
       serial::appendJson(payload, record);
       if (record.isDictionary()) journal_.append(payload);
     }
-    support::removeQueueFile(env, kActionQueueFile);
+    reports.removeQueueFile = true;
   }
   if (auto read = platform::readRegularFile(inFlightPath(), SealedBatch::kMaxFileBytes)) {
     std::optional<SealedBatch> batch = SealedBatch::decode(read->bytes);
@@ -111,9 +112,9 @@ void AtLeastOnceDelivery::makeRoomLocked(Reports& reports) {
     if (more != 0) journal_.settleThrough(journal_.pending()[more - 1].end);
     dropped += more;
   }
-  center_.env().consoleWrite("QXLog: queue limit reached, dropped " + std::to_string(dropped) +
-                             " oldest records");
-  reports.push_back({Outcome::kDropped, dropped, "queue limit"});
+  reports.lines.push_back("QXLog: queue limit reached, dropped " + std::to_string(dropped) +
+                          " oldest records");
+  reports.reports.push_back({Outcome::kDropped, dropped, "queue limit"});
 }
 
 void AtLeastOnceDelivery::storeAction(Dictionary record) {
@@ -125,8 +126,8 @@ void AtLeastOnceDelivery::storeAction(Dictionary record) {
     openLocked(reports);
     makeRoomLocked(reports);
     if (!journal_.append(payload)) {
-      center_.env().consoleWrite("QXLog: a record could not be written to the journal, dropped");
-      reports.push_back({Outcome::kDropped, 1, "journal not writable"});
+      reports.lines.push_back("QXLog: a record could not be written to the journal, dropped");
+      reports.reports.push_back({Outcome::kDropped, 1, "journal not writable"});
     }
   }
   tell(reports);
@@ -151,7 +152,7 @@ Array AtLeastOnceDelivery::actionRecords() {
     MutexLock lock(mutex_);
     openLocked(reports);
     for (const Journal::Entry& entry : journal_.pending()) {
-      if (std::optional<Value> record = serial::parseJson(entry.payload)) {
+      if (std::optional<Value> record = serial::parseJson(*entry.payload)) {
         records.push_back(std::move(*record));
       }
     }
@@ -205,7 +206,7 @@ void AtLeastOnceDelivery::flush() {
 }
 
 void AtLeastOnceDelivery::seal(uint64_t generation) {
-  std::string json = "[";
+  std::vector<std::shared_ptr<const std::string>> payloads;
   SealedBatch batch;
   {
     MutexLock lock(mutex_);
@@ -215,11 +216,14 @@ void AtLeastOnceDelivery::seal(uint64_t generation) {
       return;
     }
     batch.records = std::min(pending.size(), kMaxBatchRecords);
-    for (std::size_t i = 0; i < batch.records; ++i) {
-      if (i > 0) json += ',';
-      json += pending[i].payload;
-    }
+    payloads.reserve(batch.records);
+    for (std::size_t i = 0; i < batch.records; ++i) payloads.push_back(pending[i].payload);
     batch.end = pending[batch.records - 1].end;
+  }
+  std::string json = "[";
+  for (const auto& payload : payloads) {
+    if (json.size() > 1) json += ',';
+    json += *payload;
   }
   json += ']';
   Dictionary envelope = center_.envelopeOfJson(json);
@@ -288,7 +292,7 @@ void AtLeastOnceDelivery::retry(const std::string& reason) {
     records = sealed_ ? sealed_->records : 0;
     ticket = ++retryTicket_;
   }
-  tell({{Outcome::kRetrying, records, reason}});
+  tell({{{Outcome::kRetrying, records, reason}}, {}, false});
   // The batch stays out until its retry, so that no other upload overtakes it.
   center_.env().mainQueue()->post(
       [this, ticket] {
@@ -318,7 +322,7 @@ void AtLeastOnceDelivery::settle(Outcome outcome, const std::string& reason) {
                                " records after " + std::to_string(kMaxRefusals + 1) +
                                " refusals (" + reason + ")");
   }
-  tell({{outcome, records, reason}});
+  tell({{{outcome, records, reason}}, {}, false});
   if (outcome == Outcome::kConfirmed) {
     center_.startTime(pushIntervalSeconds(center_.format().push_interval_time()));
   }
@@ -329,7 +333,9 @@ void AtLeastOnceDelivery::settle(Outcome outcome, const std::string& reason) {
 }
 
 void AtLeastOnceDelivery::tell(const Reports& reports) {
-  for (const Report& report : reports) {
+  if (reports.removeQueueFile) support::removeQueueFile(center_.env(), kActionQueueFile);
+  for (const std::string& line : reports.lines) center_.env().consoleWrite(line);
+  for (const Report& report : reports.reports) {
     center_.reportBatch(report.outcome, report.records, report.reason);
   }
 }

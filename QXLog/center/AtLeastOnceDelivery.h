@@ -48,7 +48,13 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
     std::size_t records;
     std::string reason;
   };
-  using Reports = std::vector<Report>;
+  // What is told outside the lock: delivery reports and console lines, and
+  // whether the described queue file, carried into the journal, goes.
+  struct Reports {
+    std::vector<Report> reports;
+    std::vector<std::string> lines;
+    bool removeQueueFile = false;
+  };
 
   void openLocked(Reports& reports) REQUIRES(mutex_);
   void makeRoomLocked(Reports& reports) REQUIRES(mutex_);

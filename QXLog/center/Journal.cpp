@@ -143,8 +143,8 @@ std::size_t Journal::open() {
   }
   std::sort(numbers.begin(), numbers.end());
   if (numbers.size() > kMaxSegments) {
-    env_.consoleWrite("QXLog: journal has more than " + std::to_string(kMaxSegments) +
-                      " segments, the newest are skipped");
+    notes_.push_back("QXLog: journal has more than " + std::to_string(kMaxSegments) +
+                     " segments, the newest are skipped");
     numbers.resize(kMaxSegments);
     ++damaged;
   }
@@ -155,7 +155,7 @@ std::size_t Journal::open() {
       continue;
     }
     if (i > 0 && numbers[i - 1] >= settled_.segment && number != numbers[i - 1] + 1) {
-      env_.consoleWrite("QXLog: journal segments missing before " + numbered(number));
+      notes_.push_back("QXLog: journal segments missing before " + numbered(number));
       ++damaged;
     }
     readSegment(number, number == settled_.segment ? settled_.offset : 0, i + 1 == numbers.size(),
@@ -169,12 +169,12 @@ void Journal::readSegment(uint64_t number, uint64_t from, bool last, std::size_t
   auto read = platform::readRegularFile(env_.documentsPath(name), kMaxSegmentReadBytes);
   segments_[number] = read.has_value();
   if (!read) {
-    env_.consoleWrite("QXLog: journal segment " + name + " is not a readable file, skipped");
+    notes_.push_back("QXLog: journal segment " + name + " is not a readable file, skipped");
     ++damaged;
     return;
   }
   if (read->truncated) {
-    env_.consoleWrite("QXLog: journal segment " + name + " is too long, its end is skipped");
+    notes_.push_back("QXLog: journal segment " + name + " is too long, its end is skipped");
     ++damaged;
   }
   std::string_view bytes = read->bytes;
@@ -184,17 +184,17 @@ void Journal::readSegment(uint64_t number, uint64_t from, bool last, std::size_t
   FrameVisitor visit;
   visit.record = [&](std::string_view payload, uint64_t end) {
     if (!isRecord(payload)) {
-      env_.consoleWrite("QXLog: journal " + name + " holds a frame that is no record at " +
-                        std::to_string(end - payload.size()) + ", skipped");
+      notes_.push_back("QXLog: journal " + name + " holds a frame that is no record at " +
+                       std::to_string(end - payload.size()) + ", skipped");
       ++damaged;
       repairs.emplace_back(end - payload.size() - kHeaderBytes, std::string(kPaddingMagic));
       return;
     }
-    pending_.push_back({std::string(payload), {number, end}});
+    pending_.push_back({std::make_shared<const std::string>(payload), {number, end}});
   };
   visit.damaged = [&](uint64_t at, uint64_t to, bool atEnd) {
-    env_.consoleWrite("QXLog: journal " + name + " damaged at " + std::to_string(at) +
-                      ", skipped " + std::to_string(to - at) + " bytes");
+    notes_.push_back("QXLog: journal " + name + " damaged at " + std::to_string(at) + ", skipped " +
+                     std::to_string(to - at) + " bytes");
     ++damaged;
     if (atEnd) {
       tornTail = true;
@@ -238,7 +238,7 @@ bool Journal::append(std::string_view payload) {
   if (!openTail()) return false;
   std::string frame = journalFrame(payload);
   if (!tail_->append(frame)) return false;
-  pending_.push_back({std::string(payload), {tailNumber_, tail_->size()}});
+  pending_.push_back({std::make_shared<const std::string>(payload), {tailNumber_, tail_->size()}});
   if (flush_) flush_->written(tail_->path());
   return true;
 }

@@ -11,7 +11,8 @@
 // in order, for cutting batches.
 //
 // Reading back, a frame that is torn, damaged or not a JSON dictionary is
-// skipped up to the next frame that reads whole; the damage is counted. A
+// skipped up to the next frame that reads whole; the damage is counted and
+// padded over in place, so that it is counted once. A
 // torn tail of the last segment is cut off, so that appends follow whole
 // frames. Reads are bounded: a frame by kMaxFrameBytes, a segment by
 // kMaxSegmentReadBytes, the segments by kMaxSegments.
@@ -28,6 +29,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QXLog/platform/AppendFile.h"
 #include "QXLog/platform/DurableFlush.h"
@@ -70,7 +72,9 @@ class Journal {
   static constexpr std::size_t kMaxSegments = 4096;
 
   struct Entry {
-    std::string payload;  // the record's JSON
+    // The record's JSON, shared so that a batch can be cut without holding
+    // the owner's lock for the copy.
+    std::shared_ptr<const std::string> payload;
     JournalPosition end;
   };
 
@@ -79,8 +83,11 @@ class Journal {
   Journal(const platform::Env& env, std::shared_ptr<platform::DurableFlush> flush);
 
   // Reads what is on disk, once; later calls do nothing. Returns how many
-  // damaged runs were skipped (each traced by one console line).
+  // damaged runs were skipped, each with one line for the console in notes().
   std::size_t open();
+  // Console lines about damage, taken out; the owner writes them once it
+  // holds no lock.
+  std::vector<std::string> takeNotes() { return std::move(notes_); }
   // Whether any journal file is in the Documents directory.
   static bool presentIn(const platform::Env& env);
 
@@ -108,6 +115,7 @@ class Journal {
   std::deque<Entry> pending_;
   std::unique_ptr<platform::AppendFile> tail_;
   uint64_t tailNumber_ = 0;
+  std::vector<std::string> notes_;
 };
 
 }  // namespace qxlog::center

@@ -42,9 +42,10 @@ void QXLogCenter::carryJournalLocked() {
   if (std::size_t damaged = journal.open(); damaged != 0) {
     reportBatch(BatchOutcome::kDropped, damaged, "journal damaged");
   }
+  for (const std::string& line : journal.takeNotes()) env().consoleWrite(line);
   Array carried = actionQueue_->records();
   for (const qxlog::center::Journal::Entry& entry : journal.pending()) {
-    if (std::optional<qxlog::Value> record = qxlog::serial::parseJson(entry.payload)) {
+    if (std::optional<qxlog::Value> record = qxlog::serial::parseJson(*entry.payload)) {
       carried.push_back(std::move(*record));
     }
   }

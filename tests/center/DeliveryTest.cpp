@@ -66,7 +66,7 @@ class DeliveryTest : public UploadTest {
     journal.open();
     Array records;
     for (const auto& entry : journal.pending())
-      records.push_back(*serial::parseJson(entry.payload));
+      records.push_back(*serial::parseJson(*entry.payload));
     return items(records);
   }
 

@@ -185,7 +185,7 @@ TEST(JournalTortureTest, KilledHostsLeaveWholeFramesAndKeepAcknowledgedRecords) 
     damaged += journal.open();
     std::vector<uint64_t> held;
     for (const center::Journal::Entry& entry : journal.pending()) {
-      std::optional<Value> record = serial::parseJson(entry.payload);
+      std::optional<Value> record = serial::parseJson(*entry.payload);
       if (!record || field(*record, "p") != "<missing>") continue;  // folded play headers
       held.push_back(std::strtoull(field(*record, "a_1").c_str(), nullptr, 10));
     }
