@@ -10,6 +10,7 @@
 #include "QXLog/platform/Env.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/support/QueueFiles.h"
+#include "QXLog/support/Token.h"
 
 namespace qxlog::center {
 namespace {
@@ -251,9 +252,11 @@ void AtLeastOnceDelivery::seal(uint64_t generation) {
 }
 
 void AtLeastOnceDelivery::send(const SealedBatch& batch, uint64_t generation) {
+  // The sealed "log_data" goes as it is; the token is the day's, as the log
+  // server accepts only recent ones (the batch may outlast its day).
   Dictionary fields;
   fields.setString("log_data", batch.logData);
-  fields.setString("token", batch.token);
+  fields.setString("token", support::dayToken(center_.env().clock()));
   platform::HttpRequest request =
       makeUploadRequest(fields, center_.format().pushLogUrl().value_or(""), false);
   const platform::Env& env = center_.env();

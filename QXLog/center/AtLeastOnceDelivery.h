@@ -2,11 +2,10 @@
 // until an answer "200" confirms the upload that carried them. One batch of
 // the oldest records is out at a time; it is cut and sealed once, on the
 // global queue, and kept in "QXLogJournal.inflight" so that every attempt,
-// also after a restart, posts the same bytes. Transport failures are retried
-// with backoff (1 s doubling to 5 minutes); a refused batch is tried three
-// times and then dropped. Beyond the queue limit the oldest records are
-// dropped. Switching from the described delivery carries its queue file's
-// records into the journal once.
+// also after a restart, posts the same "log_data" (with the day's token). Transport failures are
+// retried with backoff (1 s doubling to 5 minutes); a refused batch is tried three times and then
+// dropped. Beyond the queue limit the oldest records are dropped. Switching from the described
+// delivery carries its queue file's records into the journal once.
 //
 // Thread-safe. The reporting thread only frames and appends the record.
 // Answers are handled on the main queue. No host callback runs under the

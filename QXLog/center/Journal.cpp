@@ -250,8 +250,11 @@ void Journal::settleThrough(JournalPosition end) {
   env_.files().replaceAtomically(
       env_.documentsPath(kJournalPositionFile),
       std::to_string(end.segment) + " " + std::to_string(end.offset) + "\n");
-  // Wholly settled segments go, the one being appended to excepted.
-  while (!segments_.empty() && segments_.begin()->first < end.segment &&
+  // Wholly settled segments go: those before the oldest pending record's,
+  // the one being appended to excepted.
+  uint64_t firstKept =
+      pending_.empty() ? std::max(end.segment, tailNumber_) : pending_.front().end.segment;
+  while (!segments_.empty() && segments_.begin()->first < firstKept &&
          segments_.begin()->first != tailNumber_) {
     env_.files().remove(segmentPath(segments_.begin()->first));
     segments_.erase(segments_.begin());

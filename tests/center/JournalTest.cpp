@@ -171,6 +171,28 @@ TEST_F(JournalTest, PendingRecordsCrossAChangeOfDeliveryOnceEachWay) {
   EXPECT_EQ(items(center().actionLog()), (std::vector<std::string>{"0", "1", "2"}));
 }
 
+TEST_F(JournalTest, SegmentsRollAndGoOnceEverythingInThemIsSettled) {
+  const std::string big = R"({"a_1":")" + std::string(100000, 'x') + R"("})";
+  std::size_t second = 0;
+  {
+    center::Journal journal(center().env(), nullptr);
+    for (int i = 0; i < 45; ++i) ASSERT_TRUE(journal.append(big));
+    ASSERT_FALSE(journal.append(std::string(center::Journal::kMaxFrameBytes + 1, ' ')));
+    EXPECT_TRUE(std::filesystem::exists(documentsPath("QXLogJournal.0000000002")));
+    // Settling the last record of the first segment removes it.
+    while (journal.pending()[second].end.segment == 1) ++second;
+    ASSERT_GT(second, 30u);
+    journal.settleThrough(journal.pending()[second - 1].end);
+    EXPECT_EQ(journal.pending().size(), 45 - second);
+  }
+  EXPECT_FALSE(std::filesystem::exists(documentsPath(kSegment)));
+  center::Journal reopened(center().env(), nullptr);
+  EXPECT_EQ(reopened.open(), 0u);
+  EXPECT_EQ(reopened.pending().size(), 45 - second);
+  ASSERT_TRUE(reopened.append(R"({"a_1":"next"})"));
+  EXPECT_EQ(reopened.pending().back().end.segment, 2u);
+}
+
 TEST_F(JournalTest, FlushSendsBelowTheBatchSizeAndCountsWhatDidNotArrive) {
   report(0, 3);
   EXPECT_EQ(center().flush(5000), 0);
