@@ -90,6 +90,8 @@ void AtLeastOnceDelivery::dropSealedLocked() {
   sealed_.reset();
   center_.env().files().remove(inFlightPath());
   out_ = false;
+  waitingRetry_ = false;
+  ++retryTicket_;
   failures_ = 0;
   refusals_ = 0;
   ++generation_;
@@ -109,6 +111,8 @@ void AtLeastOnceDelivery::makeRoomLocked(Reports& reports) {
     dropSealedLocked();
   }
   if (dropped < want) {
+    // A batch being cut now may hold what goes: it is cut again later.
+    if (sealing_) ++generation_;
     std::size_t more = std::min(want - dropped, journal_.pending().size());
     if (more != 0) journal_.settleThrough(journal_.pending()[more - 1].end);
     dropped += more;
@@ -196,7 +200,8 @@ void AtLeastOnceDelivery::flush() {
     MutexLock lock(mutex_);
     flushing_ = true;
     // A batch waiting for its retry goes now.
-    if (out_ && sealed_ && failures_ > 0) {
+    if (waitingRetry_ && sealed_) {
+      waitingRetry_ = false;
       ++retryTicket_;
       resend = sealed_;
       generation = generation_;
@@ -294,6 +299,7 @@ void AtLeastOnceDelivery::retry(const std::string& reason) {
     delay = backoff(failures_++, jitter_);
     records = sealed_ ? sealed_->records : 0;
     ticket = ++retryTicket_;
+    waitingRetry_ = true;
   }
   tell({{{Outcome::kRetrying, records, reason}}, {}, false});
   // The batch stays out until its retry, so that no other upload overtakes it.
@@ -302,6 +308,7 @@ void AtLeastOnceDelivery::retry(const std::string& reason) {
         {
           MutexLock lock(mutex_);
           if (ticket != retryTicket_) return;
+          waitingRetry_ = false;
           out_ = false;
         }
         submit();

@@ -85,7 +85,9 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   // Changes whenever the sealed batch settles or is dropped: answers and
   // seals of an older generation are stale.
   uint64_t generation_ GUARDED_BY(mutex_) = 0;
-  // Changes when a waiting retry is overtaken by a flush.
+  // The sealed batch waits for its retry; a flush sends it at once instead.
+  bool waitingRetry_ GUARDED_BY(mutex_) = false;
+  // Changes when a waiting retry is overtaken (by a flush) or moot.
   uint64_t retryTicket_ GUARDED_BY(mutex_) = 0;
   std::minstd_rand jitter_ GUARDED_BY(mutex_);
 };

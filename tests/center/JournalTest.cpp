@@ -194,9 +194,16 @@ TEST_F(JournalTest, SegmentsRollAndGoOnceEverythingInThemIsSettled) {
 }
 
 TEST_F(JournalTest, FlushSendsBelowTheBatchSizeAndCountsWhatDidNotArrive) {
+  // A batch waiting for its retry's backoff goes at once on a flush.
+  server_->script({503, "text/plain", "busy"});
+  report(100, 1);
+  EXPECT_EQ(center().flush(20), 1);
+  EXPECT_EQ(center().flush(5000), 0);
+  EXPECT_EQ(server_->requestCount(), 2u);
+
   report(0, 3);
   EXPECT_EQ(center().flush(5000), 0);
-  EXPECT_EQ(sentItems(0), (std::vector<std::string>{"0", "1", "2"}));
+  EXPECT_EQ(sentItems(2), (std::vector<std::string>{"0", "1", "2"}));
 
   format().setPushLogUrl(refusedUrl("/log"));
   report(3, 2);
@@ -209,7 +216,7 @@ TEST_F(JournalTest, FlushSendsBelowTheBatchSizeAndCountsWhatDidNotArrive) {
   format().setLimitLogCount(100);
   report(5, 2);
   EXPECT_EQ(center().flush(5000), 0);
-  EXPECT_EQ(sentItems(1), (std::vector<std::string>{"3", "4", "5", "6"}));
+  EXPECT_EQ(sentItems(3), (std::vector<std::string>{"3", "4", "5", "6"}));
 }
 
 }  // namespace
