@@ -146,12 +146,16 @@ QXLOG_EXPORT void QXLogSetConsoleHandler(void (*handler)(const char* line, void*
  * transport failure. It drops records: a batch that fails twice or is answered
  * with another code than "200", a backlog of more than 500 records, and the
  * records stored while an upload was out, which its confirmation clears.
- * QXLogDeliveryAtLeastOnce keeps every record queued, on disk too, until an
- * answer "200" confirms the upload that carried it: one upload at a time,
- * oldest records first in batches of at most 500, transport failures retried
- * with backoff (1 s doubling to 5 minutes, across restarts), a refused batch
- * retried twice and then dropped. Only an upload whose answer was lost can
- * arrive twice. The wire format and the files are the same in both. */
+ * QXLogDeliveryAtLeastOnce keeps every record in an append-only journal in the
+ * Documents directory ("QXLogJournal.*") until an answer "200" confirms the
+ * upload that carried it: one upload at a time, oldest records first in
+ * batches of at most 500, each batch sealed once and posted with the same
+ * log_data on every attempt, across restarts too (the token is the day's);
+ * transport failures retried with backoff (1 s doubling to 5 minutes), a
+ * refused batch retried twice and then dropped. Only an upload whose answer
+ * was lost can arrive twice, with the same log_data. The wire format is the
+ * same in both; a mode finds the other's pending records and carries them
+ * over once. */
 typedef enum { QXLogDeliveryDescribed = 0, QXLogDeliveryAtLeastOnce = 1 } QXLogDelivery;
 QXLOG_EXPORT void QXLogSetDelivery(QXLogDelivery delivery);
 /* At least once: the most records each queue keeps (50 000 unless set);
@@ -170,6 +174,14 @@ typedef enum {
 QXLOG_EXPORT void QXLogSetDeliveryHandler(void (*handler)(QXLogBatchOutcome outcome, size_t records,
                                                           const char* reason, void* context),
                                           void* context);
+
+/* Sends what is queued now, whatever the batch size, in either delivery, and
+ * waits up to timeout_ms for the answers; on the thread that serves the main
+ * queue (QXLogMainQueueDrain/Run) it serves the queue meanwhile. Returns the
+ * number of records still not confirmed: 0 when everything arrived. In the
+ * described delivery it is one submission now, with that delivery's usual
+ * outcome. For the host's exit path; not from a delivery handler. */
+QXLOG_EXPORT int QXLogFlush(int64_t timeout_ms);
 
 /* Runs every main-queue task that is due, on the calling thread. */
 QXLOG_EXPORT void QXLogMainQueueDrain(void);

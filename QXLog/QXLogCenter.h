@@ -12,15 +12,18 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <string>
+#include <string_view>
 
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/QXLogValue.h"
 
 namespace qxlog {
 namespace center {
+class AtLeastOnceDelivery;
 class CenterRegistry;
+class DeliveryPolicy;
+class DescribedDelivery;
 class PendingQueue;
 }  // namespace center
 namespace platform {
@@ -86,6 +89,14 @@ class QXLogCenter {
   // queue and its answer is handled on the main queue.
   void pushLog(Dictionary envelope, const NullableString& url, bool diagnosis);
 
+  // Sends what is queued now, whatever the batch size, and waits up to
+  // `timeoutMs` for the answers, serving the main queue meanwhile when the
+  // calling thread is the one that serves it. Returns how many records are
+  // still not confirmed (0: everything arrived). In the described delivery it
+  // is one submitAllLog now, with that delivery's usual outcome. For a host's
+  // exit path; not to be called from a delivery handler.
+  int flush(int64_t timeoutMs);
+
   // Server settings and the push timer. The settings exchange runs on the
   // global queue, which stores the answer; the timer fires on the global
   // queue and submits on the main queue.
@@ -93,11 +104,13 @@ class QXLogCenter {
   void startTime(int32_t seconds);
 
   // Delivery. kDescribed (the default) sends and clears as existing log
-  // servers expect. kAtLeastOnce keeps each record queued, on disk too, until
-  // an answer "200" confirms the upload that carried it: one upload at a time,
-  // oldest records first in batches of at most 500, transport failures
+  // servers expect. kAtLeastOnce keeps each record in an append-only journal
+  // until an answer "200" confirms the upload that carried it: one upload at
+  // a time, oldest records first in batches of at most 500, each batch sealed
+  // once and posted with the same bytes on every attempt, transport failures
   // retried with backoff, a refused batch retried twice and then dropped.
-  // Chosen before the first report.
+  // Chosen before the first report; the records pending in the other mode's
+  // files are carried over once.
   enum class Delivery { kDescribed = 0, kAtLeastOnce = 1 };
   void setDelivery(Delivery delivery) { delivery_ = delivery; }
   Delivery delivery() const { return delivery_; }
@@ -117,6 +130,8 @@ class QXLogCenter {
 
  private:
   friend class qxlog::center::CenterRegistry;
+  friend class qxlog::center::DescribedDelivery;
+  friend class qxlog::center::AtLeastOnceDelivery;
   struct OutgoingUpload;
   explicit QXLogCenter(std::shared_ptr<qxlog::platform::Env> env);
 
@@ -128,13 +143,16 @@ class QXLogCenter {
   void clearActionQueueLocked();
   void reportBatch(BatchOutcome outcome, std::size_t records, const std::string& reason);
 
-  // The at-least-once path: the oldest records go out and stay queued until
-  // confirmed.
-  void submitOldestBatch();
-  void oldestBatchAnswered(const qxlog::platform::HttpResponse& response);
-  void retryOldestBatch(const std::string& reason);
-  void oldestBatchSettled(BatchOutcome outcome, const std::string& reason);
+  qxlog::center::DeliveryPolicy& policy();
+  // The upload envelope of records given as a JSON array.
+  Dictionary envelopeOfJson(std::string_view recordsJson) {
+    return format().combinationLogOfJson(recordsJson);
+  }
   void storeBounded(qxlog::center::PendingQueue& queue, Dictionary record);
+  // The described submission, as submitAllLog has always done it.
+  void submitDescribed();
+  // Described delivery: the records a journal left behind join the queue.
+  void carryJournalLocked();
 
   qxlog::center::PendingQueue& actionQueueLocked();
   qxlog::center::PendingQueue& playQueueLocked();
@@ -155,13 +173,13 @@ class QXLogCenter {
   std::atomic<std::size_t> queueLimit_{50000};
   std::mutex handlerMutex_;
   DeliveryHandler deliveryHandler_;
-  // The at-least-once batch, under lock_: whether one is out or waiting for
-  // its retry, how many of the oldest records it carries, and its failures.
-  bool batchOut_ = false;
-  std::size_t batchRecords_ = 0;
-  int batchFailures_ = 0;
-  int batchRefusals_ = 0;
-  std::minstd_rand jitter_{std::random_device{}()};
+  std::unique_ptr<qxlog::center::DeliveryPolicy> described_;
+  std::unique_ptr<qxlog::center::DeliveryPolicy> atLeastOnce_;
+  bool journalChecked_ = false;  // under lock_
+  // Described delivery: records in uploads not yet answered, and records
+  // confirmed so far, for flush.
+  std::atomic<std::size_t> describedOut_{0};
+  std::atomic<std::size_t> describedConfirmed_{0};
 
   std::atomic<bool> pushLogging_{false};
   std::atomic<bool> hasRepeatSendLog_{false};

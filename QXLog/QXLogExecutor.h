@@ -20,6 +20,10 @@ class Executor {
   // Runs the task once, no earlier than `delay` from now on the monotonic clock.
   virtual void post(Task task, std::chrono::nanoseconds delay) = 0;
   void async(Task task) { post(std::move(task), std::chrono::nanoseconds(0)); }
+  // Runs the tasks that are due on the calling thread, when that thread may
+  // serve this queue; false when it may not (the default), and the caller
+  // then waits for the queue's own thread instead. QXLogFlush uses it.
+  virtual bool serveHere() { return false; }
 };
 
 // Where main-queue tasks go from now on; nullptr restores the built-in queue

@@ -16,7 +16,8 @@ build=build-release
 jobs="$(nproc 2>/dev/null || echo 2)"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQXLOG_BUILD_BENCH=ON -DQXLOG_BUILD_TESTS=OFF \
   >/dev/null
-cmake --build "$build" -j "$jobs" --target qxlog_bench qxlog_bench_host qxlog_bench_c_report qxlog \
+cmake --build "$build" -j "$jobs" --target qxlog_bench qxlog_bench_host qxlog_bench_journal \
+  qxlog_bench_c_report qxlog \
   >/dev/null
 
 data="${QXLOG_BENCH_DIR:-$PWD/$build/bench-data}"
@@ -54,6 +55,9 @@ echo "bench: loopback host, peak memory at $((records / 10)) and $records report
 host memory.jsonl "$((records / 10))" 20
 host memory.jsonl "$records" 20
 
+echo "bench: at least once, reports at backlogs 1 to 50 000 and at batch size 20"
+QXLOG_BENCH_DIR="$data" "$build/bench/qxlog_bench_journal" >"$out/journal.jsonl"
+
 echo "bench: one report from C and from Python, at least once, server unreachable"
 rm -rf "$data/c-report" "$data/python-report"
 QXLOG_CONSOLE=off "$build/bench/qxlog_bench_c_report" "$data/c-report" >>"$out/languages.jsonl"
@@ -74,3 +78,5 @@ echo
 echo "Machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs)," \
   "$(uname -sr), queue files on $fstype"
 python3 scripts/bench_table.py "$out"
+echo
+python3 scripts/bench_journal_table.py "$out/journal.jsonl"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the reliability checks and prints one summary table:
-#   - the queue-file torture test (a host killed with SIGKILL at random moments),
+#   - the queue-file and journal torture tests (a host killed with SIGKILL at
+#     random moments),
 #   - the hostile-server, host-input, disk-trouble and hostile-queue-file tests,
 #   - start-up against hostile queue files: time and peak memory per case,
 #   - every libFuzzer harness,
@@ -34,8 +35,9 @@ cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog_tests \
 
 status=0
 torture_log=$(QXLOG_TORTURE_KILLS=$kills build/tests/qxlog_tests \
-  --gtest_filter='QueueTortureTest.*' 2>&1) || status=1
+  --gtest_filter='QueueTortureTest.*:JournalTortureTest.*' 2>&1) || status=1
 torture=$(grep -o 'queue torture:.*' <<<"$torture_log" || echo "queue torture: did not run")
+journal=$(grep -o 'journal torture:.*' <<<"$torture_log" || echo "journal torture: did not run")
 
 tests_log=$(build/tests/qxlog_tests \
   --gtest_filter='HostileServerTest.*:HostInputTest.*:*DiskTroubleTest.*:InterruptedWriteTest.*:*HostileQueueFileTest.*' \
@@ -79,6 +81,8 @@ echo "Reliability summary ($([[ $kills == 300 ]] && echo long || echo short) run
 echo "----------------------------------------------------------------"
 echo "Queue-file torture"
 sed 's/^queue torture: /  /; s/, /\n  /g' <<<"$torture"
+echo "Journal torture (at least once)"
+sed 's/^journal torture: /  /; s/, /\n  /g' <<<"$journal"
 echo "Hostile servers, host input, disk trouble, hostile queue files"
 echo "  passed $passed, failed $failed, skipped $skipped"
 echo "Hostile queue files at start-up (goal: under 2 s and 64 MB each)"

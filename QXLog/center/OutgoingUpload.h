@@ -15,8 +15,6 @@ struct QXLogCenter::OutgoingUpload {
   // the request, are restored from `snapshot` on a failure, and the answer's
   // outcome is reported for them.
   bool carriesQueue = false;
-  // At least once: the batch of the oldest queued records, which stay queued.
-  bool oldestBatch = false;
   Array snapshot;
 };
 

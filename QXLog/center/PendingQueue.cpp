@@ -32,6 +32,11 @@ std::size_t PendingQueue::makeRoom(std::size_t limit, std::size_t room) {
   return dropped;
 }
 
+void PendingQueue::rewrite(Array records) {
+  replace(std::move(records));
+  writeFile();
+}
+
 void PendingQueue::replace(Array records) {
   records_ = std::move(records);
   forgetCaches();

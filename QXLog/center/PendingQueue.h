@@ -33,6 +33,8 @@ class PendingQueue {
   // Drops the oldest records (memory only) until `room` more fit under
   // `limit`; returns how many were dropped.
   std::size_t makeRoom(std::size_t limit, std::size_t room = 1);
+  // Replaces the records and rewrites the file.
+  void rewrite(Array records);
   // Replaces the records in memory; the file is left as it is.
   void replace(Array records);
   // Takes the records out, leaving the queue empty in memory (file untouched).

@@ -1,8 +1,17 @@
 #include "QXLog/QXLogCenter.h"
 
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <thread>
+
+#include "QXLog/center/AtLeastOnceDelivery.h"
+#include "QXLog/center/DescribedDelivery.h"
+#include "QXLog/center/Journal.h"
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/QueueFileNames.h"
 #include "QXLog/platform/Env.h"
+#include "QXLog/serial/Json.h"
 #include "QXLog/support/QueueFiles.h"
 
 using qxlog::center::kActionQueueFile;
@@ -13,12 +22,63 @@ QXLogCenter::QXLogCenter(std::shared_ptr<qxlog::platform::Env> env)
     : format_(std::make_unique<QXLogMessageFormat>(std::move(env))),
       playQueue_(std::make_unique<qxlog::center::PendingQueue>(this->env(), kPlayQueueFile, false)),
       actionQueue_(
-          std::make_unique<qxlog::center::PendingQueue>(this->env(), kActionQueueFile, true)) {}
+          std::make_unique<qxlog::center::PendingQueue>(this->env(), kActionQueueFile, true)),
+      described_(std::make_unique<qxlog::center::DescribedDelivery>(*this)),
+      atLeastOnce_(std::make_unique<qxlog::center::AtLeastOnceDelivery>(*this)) {}
 
 QXLogCenter::~QXLogCenter() = default;
 
 qxlog::center::PendingQueue& QXLogCenter::actionQueueLocked() {
+  if (!journalChecked_ && delivery() == Delivery::kDescribed) carryJournalLocked();
   return *actionQueue_;
+}
+
+// Once per process: records that the at-least-once delivery left in its
+// journal (sealed or not) join the described queue, and the journal goes.
+void QXLogCenter::carryJournalLocked() {
+  journalChecked_ = true;
+  if (!qxlog::center::Journal::presentIn(env())) return;
+  qxlog::center::Journal journal(env(), nullptr);
+  if (std::size_t damaged = journal.open(); damaged != 0) {
+    reportBatch(BatchOutcome::kDropped, damaged, "journal damaged");
+  }
+  for (const std::string& line : journal.takeNotes()) env().consoleWrite(line);
+  Array carried = actionQueue_->records();
+  for (const qxlog::center::Journal::Entry& entry : journal.pending()) {
+    if (std::optional<qxlog::Value> record = qxlog::serial::parseJson(*entry.payload)) {
+      carried.push_back(std::move(*record));
+    }
+  }
+  if (!journal.pending().empty()) actionQueue_->rewrite(std::move(carried));
+  journal.removeAll();
+}
+
+qxlog::center::DeliveryPolicy& QXLogCenter::policy() {
+  return delivery() == Delivery::kAtLeastOnce ? *atLeastOnce_ : *described_;
+}
+
+int QXLogCenter::flush(int64_t timeoutMs) {
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(std::max<int64_t>(
+                                                  0, std::min<int64_t>(timeoutMs, INT32_MAX)));
+  qxlog::center::DeliveryPolicy& delivery = policy();
+  std::size_t before = delivery.unconfirmed();
+  std::size_t confirmedBefore = describedConfirmed_.load();
+  delivery.flush();
+  std::shared_ptr<qxlog::platform::Executor> main = env().mainQueue();
+  for (;;) {
+    main->serveHere();
+    std::size_t left = delivery.unconfirmed();
+    // Described: what went out and no answer confirmed is not coming back.
+    if (&delivery == described_.get() && describedOut_.load() == 0) {
+      std::size_t confirmed = describedConfirmed_.load() - confirmedBefore;
+      left = before - std::min(before, confirmed);
+    }
+    if (left == 0 || Clock::now() >= deadline) {
+      return static_cast<int>(std::min<std::size_t>(left, INT_MAX));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 qxlog::center::PendingQueue& QXLogCenter::playQueueLocked() {
@@ -46,8 +106,7 @@ void QXLogCenter::setPlayActionLog(Array queue) {
 }
 
 QXLogCenter::Array QXLogCenter::actionLog() {
-  std::lock_guard lock(lock_);
-  return actionQueueLocked().records();
+  return policy().actionRecords();
 }
 
 void QXLogCenter::setActionLog(Array queue) {
@@ -81,8 +140,7 @@ std::size_t QXLogCenter::playCount() {
 }
 
 std::size_t QXLogCenter::pendingCount() {
-  std::lock_guard lock(lock_);
-  return actionQueueLocked().size() + playQueueLocked().size();
+  return policy().actionCount() + playCount();
 }
 
 void QXLogCenter::setDeliveryHandler(DeliveryHandler handler) {

@@ -5,6 +5,7 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/center/DeliveryPolicy.h"
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/platform/Env.h"
 
@@ -23,10 +24,7 @@ bool reachesBatchSize(std::size_t pending, int64_t limit) {
 // The count check does not look at the record, so the stored record is moved
 // into its queue and the check is handed an empty one.
 void QXLogCenter::storeActionLog(Dictionary record) {
-  {
-    std::lock_guard lock(lock_);
-    storeBounded(actionQueueLocked(), std::move(record));
-  }
+  policy().storeAction(std::move(record));
   storeLog(Dictionary());
 }
 
@@ -38,13 +36,12 @@ void QXLogCenter::storePlayLog(Dictionary record) {
   storeLog(Dictionary());
 }
 
-// At least once, a queue never outgrows its limit: the oldest records make
-// room, and an in-flight batch that carried them now carries fewer.
+// At least once, the play queue never outgrows its limit: the oldest records
+// make room (the journal keeps the action records within it).
 void QXLogCenter::storeBounded(qxlog::center::PendingQueue& queue, Dictionary record) {
   if (delivery() == Delivery::kAtLeastOnce) {
     std::size_t dropped = queue.makeRoom(queueLimit());
     if (dropped != 0) {
-      if (&queue == actionQueue_.get()) batchRecords_ -= std::min(dropped, batchRecords_);
       env().consoleWrite("QXLog: queue limit reached, dropped " + std::to_string(dropped) +
                          " oldest records");
       reportBatch(BatchOutcome::kDropped, dropped, "queue limit");

@@ -2,6 +2,7 @@
 // envelope, and what the answer does to the action queue.
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/center/DeliveryPolicy.h"
 #include "QXLog/center/OutgoingUpload.h"
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/center/PushTimer.h"
@@ -16,7 +17,10 @@ void QXLogCenter::clearActionQueueLocked() {
 }
 
 void QXLogCenter::submitAllLog() {
-  if (delivery() == Delivery::kAtLeastOnce) return submitOldestBatch();
+  policy().submit();
+}
+
+void QXLogCenter::submitDescribed() {
   // The envelope, the snapshot and the clearing happen under one hold of the
   // lock, so that a record stored meanwhile is either sent or still queued.
   std::lock_guard lock(lock_);
@@ -41,7 +45,7 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
   {
     std::lock_guard lock(lock_);
     pushLogging_ = true;
-    if (!diagnosis && actionQueueLocked().empty() && playQueueLocked().empty()) return;
+    if (!diagnosis && policy().actionCount() == 0 && playQueueLocked().empty()) return;
     if (envelope.empty()) return;
     // An ordinary batch leaves the queue when its request starts; a failure
     // restores it from the snapshot.
@@ -52,6 +56,7 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
       } else {
         upload->snapshot = actionQueueLocked().take();
         upload->carriesQueue = true;
+        describedOut_ += upload->snapshot.size();
         clearActionQueueLocked();
       }
     }
@@ -80,7 +85,7 @@ void QXLogCenter::send(std::shared_ptr<const OutgoingUpload> upload) {
 
 void QXLogCenter::uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
                                  const platform::HttpResponse& response) {
-  if (upload->oldestBatch) return oldestBatchAnswered(response);
+  if (upload->carriesQueue) describedOut_ -= upload->snapshot.size();
   std::optional<qxlog::Value> answer = qxlog::center::acceptedAnswer(response);
   if (!answer) return uploadFailed(*upload, qxlog::center::failureReason(response));
   pushLogging_ = false;
@@ -96,6 +101,7 @@ void QXLogCenter::uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
   if (upload->carriesQueue) {
     std::lock_guard lock(lock_);
     reportBatch(BatchOutcome::kConfirmed, upload->snapshot.size(), "");
+    describedConfirmed_ += upload->snapshot.size();
     // Records stored while the upload was out go with the confirmation.
     if (!actionQueueLocked().empty()) {
       reportBatch(BatchOutcome::kDropped, actionQueueLocked().size(),

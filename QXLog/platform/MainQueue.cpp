@@ -47,6 +47,10 @@ void MainQueue::armLocked() {
 
 std::size_t MainQueue::drain() {
   std::size_t ran = 0;
+  {
+    std::lock_guard lock(mutex_);
+    server_ = std::this_thread::get_id();
+  }
   for (;;) {
     std::optional<Task> task;
     {
@@ -62,9 +66,19 @@ std::size_t MainQueue::drain() {
 
 void MainQueue::run() {
   std::unique_lock lock(mutex_);
+  server_ = std::this_thread::get_id();
   serveUntil(
       lock, wake_, schedule_, *clock_, [this] { return stopRequested_; }, [] {});
   stopRequested_ = false;
+}
+
+bool MainQueue::serveHere() {
+  {
+    std::lock_guard lock(mutex_);
+    if (server_ != std::thread::id() && server_ != std::this_thread::get_id()) return false;
+  }
+  drain();
+  return true;
 }
 
 void MainQueue::stop() {

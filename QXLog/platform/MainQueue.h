@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "QXLog/QXLogExecutor.h"
 #include "QXLog/platform/Clock.h"
@@ -25,6 +26,9 @@ class MainQueue final : public Executor {
   // Serves the queue on the calling thread until stop() is called.
   void run();
   void stop();
+  // Drains when the calling thread is the one that last served the queue, or
+  // when no thread has served it yet.
+  bool serveHere() override;
   std::size_t pending() const;
   // A descriptor (a timerfd, close-on-exec, owned by the queue) that is
   // readable exactly when a task is due: at once for an immediate task, at its
@@ -45,6 +49,7 @@ class MainQueue final : public Executor {
   std::condition_variable wake_;
   TaskSchedule schedule_;
   bool stopRequested_ = false;
+  std::thread::id server_;
 };
 
 }  // namespace qxlog::platform

@@ -70,6 +70,10 @@ void QXLogSetQueueLimit(size_t limit) {
   QXLogCenter::center().setQueueLimit(limit);
 }
 
+int QXLogFlush(int64_t timeout_ms) {
+  return QXLogCenter::center().flush(timeout_ms);
+}
+
 void QXLogSetDeliveryHandler(void (*handler)(QXLogBatchOutcome outcome, size_t records,
                                              const char* reason, void* context),
                              void* context) {

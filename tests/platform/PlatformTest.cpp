@@ -194,7 +194,7 @@ TEST(GlibHostTest, AGlibLoopServesTheMainQueueThroughItsDescriptorWithoutPolling
   testing::Finished host =
       testing::run(std::string(QXLOG_TEST_GLIB_HOST) + " " + server.url("") + " " + pattern);
   EXPECT_EQ(host.status, 0) << host.output;
-  // Each of the two uploads wakes the loop for its answer, and the answer for
+  // Each upload wakes the loop for its answer, and the answer for
   // the delivery report; a loop that polled would wake far more often.
   int confirmed = 0, milliseconds = 0, wakeups = 0;
   std::size_t at = host.output.rfind("\nconfirmed ");
@@ -204,7 +204,10 @@ TEST(GlibHostTest, AGlibLoopServesTheMainQueueThroughItsDescriptorWithoutPolling
             3);
   EXPECT_EQ(confirmed, 3);
   EXPECT_LE(wakeups, 8);
-  EXPECT_EQ(server.requestCount(), 2u);
+  // The first batch is cut off the reporting thread: it holds one record or
+  // all three, depending on how soon its cutting runs.
+  EXPECT_GE(server.requestCount(), 1u);
+  EXPECT_LE(server.requestCount(), 2u);
   std::filesystem::remove_all(pattern);
 }
 #endif

@@ -2,8 +2,9 @@
 // settings, reports COUNT numbered actions ("FIRST", "FIRST+1", ...) as fast
 // as it can while serving the main queue between reports, as an application's
 // event loop would, and writes each report's number, as 8 bytes, to standard
-// output once the report has returned. Then it serves the main queue until the
-// action queue is empty and the last answers are in, and exits.
+// output once the report has returned. Then, as a host's exit path does, it
+// flushes: what is queued goes out and the main queue is served until the
+// answers are in; and it exits.
 //
 //   qxlog_delivery_host DOCUMENTS_DIR SERVER_URL KEY described|at-least-once FIRST COUNT
 #include <unistd.h>
@@ -63,9 +64,8 @@ int main(int argc, char** argv) {
     if (!acknowledge(number)) return 1;
     QXLogMainQueueDrain();
   }
-  QXLogCenter& center = QXLogCenter::center();
-  serveMainQueue(std::chrono::seconds(60), [&] { return center.actionLog().empty(); });
-  // The last upload's answer, and the push timer's submission of what is left.
-  serveMainQueue(std::chrono::milliseconds(2500), [] { return false; });
+  QXLogFlush(60000);
+  // The delivery reports of the last answers.
+  serveMainQueue(std::chrono::milliseconds(100), [] { return false; });
   return 0;
 }

@@ -4,7 +4,7 @@
 // standard output. The parent kills it at a random moment and checks the
 // files against the numbers it received.
 //
-//   qxlog_torture_host DOCUMENTS_DIR FIRST_NUMBER
+//   qxlog_torture_host DOCUMENTS_DIR FIRST_NUMBER [at-least-once]
 #include <unistd.h>
 
 #include <cstdint>
@@ -23,8 +23,11 @@ using qxlog::testing::ignoreConsole;
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) return 2;
+  if (argc != 3 && argc != 4) return 2;
   QXLogSetDocumentsDirectory(argv[1]);
+  if (argc == 4 && std::string(argv[3]) == "at-least-once") {
+    QXLogSetDelivery(QXLogDeliveryAtLeastOnce);
+  }
   QXLogSetConsoleHandler(ignoreConsole, nullptr);
   QXLogCenter::center().format().setLimitLogCount(INT64_MAX);
   logEnvReady(true);

@@ -1,0 +1,97 @@
+// At-least-once delivery: the action records live in a journal (Journal.h)
+// until an answer "200" confirms the upload that carried them. One batch of
+// the oldest records is out at a time; it is cut and sealed once, on the
+// global queue, and kept in "QXLogJournal.inflight" so that every attempt,
+// also after a restart, posts the same "log_data" (with the day's token). Transport failures are
+// retried with backoff (1 s doubling to 5 minutes); a refused batch is tried three times and then
+// dropped. Beyond the queue limit the oldest records are dropped. Switching from the described
+// delivery carries its queue file's records into the journal once.
+//
+// Thread-safe. The reporting thread only frames and appends the record.
+// Answers are handled on the main queue. No host callback runs under the
+// policy's lock: delivery reports go through the center, which posts them to
+// the main queue.
+#ifndef QXLOG_CENTER_ATLEASTONCEDELIVERY_H_
+#define QXLOG_CENTER_ATLEASTONCEDELIVERY_H_
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "QXLog/QXLogCenter.h"
+#include "QXLog/center/DeliveryPolicy.h"
+#include "QXLog/center/Journal.h"
+#include "QXLog/center/SealedBatch.h"
+#include "QXLog/center/ThreadAnnotations.h"
+
+namespace qxlog::center {
+
+class AtLeastOnceDelivery final : public DeliveryPolicy {
+ public:
+  explicit AtLeastOnceDelivery(QXLogCenter& center);
+  ~AtLeastOnceDelivery() override;
+
+  void storeAction(Dictionary record) override EXCLUDES(mutex_);
+  std::size_t actionCount() override EXCLUDES(mutex_);
+  Array actionRecords() override EXCLUDES(mutex_);
+  void submit() override EXCLUDES(mutex_);
+  void flush() override EXCLUDES(mutex_);
+  std::size_t unconfirmed() override EXCLUDES(mutex_);
+
+ private:
+  struct Report {
+    QXLogCenter::BatchOutcome outcome;
+    std::size_t records;
+    std::string reason;
+  };
+  // What is told outside the lock: delivery reports and console lines, and
+  // whether the described queue file, carried into the journal, goes.
+  struct Reports {
+    std::vector<Report> reports;
+    std::vector<std::string> lines;
+    bool removeQueueFile = false;
+  };
+
+  void openLocked(Reports& reports) REQUIRES(mutex_);
+  void makeRoomLocked(Reports& reports) REQUIRES(mutex_);
+  void dropSealedLocked() REQUIRES(mutex_);
+  // Cuts the oldest records into a batch and seals it; on the global queue.
+  void seal(uint64_t generation) EXCLUDES(mutex_);
+  void send(const SealedBatch& batch, uint64_t generation) EXCLUDES(mutex_);
+  void answered(uint64_t generation, const platform::HttpResponse& response) EXCLUDES(mutex_);
+  void retry(const std::string& reason) EXCLUDES(mutex_);
+  void settle(QXLogCenter::BatchOutcome outcome, const std::string& reason) EXCLUDES(mutex_);
+  void tell(const Reports& reports) EXCLUDES(mutex_);
+  std::string inFlightPath() const;
+
+  QXLogCenter& center_;
+  const std::shared_ptr<platform::DurableFlush> durable_;
+  Mutex mutex_;
+  Journal journal_ GUARDED_BY(mutex_);
+  bool opened_ GUARDED_BY(mutex_) = false;
+  // The batch that is out or waiting for its next attempt.
+  std::optional<SealedBatch> sealed_ GUARDED_BY(mutex_);
+  // A batch is being cut and sealed on the global queue.
+  bool sealing_ GUARDED_BY(mutex_) = false;
+  // The sealed batch's upload is out, or its retry is waiting.
+  bool out_ GUARDED_BY(mutex_) = false;
+  // Everything kept goes out, whatever the batch size, until nothing is left.
+  bool flushing_ GUARDED_BY(mutex_) = false;
+  int failures_ GUARDED_BY(mutex_) = 0;
+  int refusals_ GUARDED_BY(mutex_) = 0;
+  // Changes whenever the sealed batch settles or is dropped: answers and
+  // seals of an older generation are stale.
+  uint64_t generation_ GUARDED_BY(mutex_) = 0;
+  // The sealed batch waits for its retry; a flush sends it at once instead.
+  bool waitingRetry_ GUARDED_BY(mutex_) = false;
+  // Changes when a waiting retry is overtaken (by a flush) or moot.
+  uint64_t retryTicket_ GUARDED_BY(mutex_) = 0;
+  std::minstd_rand jitter_ GUARDED_BY(mutex_);
+};
+
+}  // namespace qxlog::center
+
+#endif  // QXLOG_CENTER_ATLEASTONCEDELIVERY_H_
