@@ -83,13 +83,18 @@ MpvSession::~MpvSession() {
 void MpvSession::run() {
   for (;;) {
     mpv_handle* client;
+    bool stopping;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (stopping_ || client_ == nullptr) return;
+      if (client_ == nullptr) return;
       client = client_;
+      stopping = stopping_;
     }
-    // Only this thread destroys the handle while it runs, so it stays valid here.
-    const mpv_event* event = mpv_wait_event(client, -1);
+    // Only this thread destroys the handle while it runs, so it stays valid
+    // here. Detaching first handles what the core has already told the
+    // handle (a file's end the host saw too), without waiting for more.
+    const mpv_event* event = mpv_wait_event(client, stopping ? 0 : -1);
+    if (stopping && event->event_id == MPV_EVENT_NONE) return;
     if (!handle(*event)) return;
   }
 }

@@ -386,11 +386,12 @@ TEST_P(CollectorFleetTest, AnswersAsOneCollectorWouldAndSaysWhenTheDatabaseIsBus
   const std::string diagnosis =
       logForm(R"({"play_info":{"playUrl":"u"}})").replace(0, 8, "diagnosis_log");
   const std::string form = diagnosis.substr(0, diagnosis.find("&token=")) + "&token=" + today();
-  const testing::HttpReply proxied =
-      testing::roundTrip(fleet[1]->port(),
-                         "POST /diagnosis HTTP/1.1\r\nHost: x\r\nX-Forwarded-For: 203.0.113.7\r\n"
-                         "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
-                             std::to_string(form.size()) + "\r\n\r\n" + form);
+  const testing::HttpReply proxied = testing::roundTrip(
+      fleet[1]->port(),
+      "POST /diagnosis HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(fleet[1]->port()) +
+          "\r\nX-Forwarded-For: 203.0.113.7\r\n"
+          "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
+          std::to_string(form.size()) + "\r\n\r\n" + form);
   EXPECT_EQ(proxied.status, 200) << proxied.body;
   const auto stored = fleet[0]->store().allDiagnoses();
   ASSERT_EQ(stored.size(), 1u);
