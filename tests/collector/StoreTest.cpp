@@ -281,6 +281,8 @@ TEST_P(StoreTest, TitlesAndFailuresComeFromTheLatestSummariesWithinTheFilter) {
   EXPECT_EQ(store->latestRecords(10, false, filtered(&StoreFilter::device, "d1"s)).size(), 0u);
   EXPECT_EQ(store->latestRecords(10, false, filtered(&StoreFilter::device, "d2"s)).size(), 3u);
   EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::title, "film-u"s)).size(), 1u);
+  // "_" is no wildcard in the stored text either.
+  EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::title, "film_u"s)).size(), 0u);
   EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::to, 9000)).size(), 0u);
 }
 
