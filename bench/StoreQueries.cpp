@@ -86,6 +86,9 @@ int main(int argc, char** argv) {
       {"latest_plays", [&] { store->latestRecords(10, true); }},
       {"latest_diagnoses", [&] { store->latestDiagnoses(20, false); }},
       {"play_summaries", [&] { store->latestDiagnoses(1000, true); }},
+      {"latest_plays_joined", [&] { store->latestRecords(200, true); }},
+      {"titles", [&] { store->titles({}, 10000, 100); }},
+      {"failures", [&] { store->failures({}, 10000, 50); }},
       {"received_one_device", [&] { store->delivered("device-7"); }},
       {"received_all", [&] { store->delivered(); }},
   };

@@ -8,8 +8,19 @@
 //   GET /api/summary      totals, records per type, devices, uploads and
 //                         records per minute, and the players' measures
 //   GET /api/records      the latest records, each key with its meaning
-//   GET /api/plays        the latest plays with their play actions
+//   GET /api/plays        the latest plays: the parts of one play (its header
+//                         copies with the same "play_id") joined, actions in
+//                         time order, with its end-of-play summary
 //   GET /api/diagnoses    the latest diagnoses
+//   GET /api/titles       per movie id, from the latest end-of-play summaries:
+//                         plays, startup p50 and p95, rebuffering ratio,
+//                         failure rate, exits before start, average bitrate
+//   GET /api/failures     failed plays per cause
+//
+// Every /api/ answer takes the query fields "from" and "to" (ms since 1970,
+// of arrival), "device" and "title" (a movie id); the totals, devices and
+// per-minute counts of /api/summary are of everything, its players' measures
+// within them.
 #ifndef QXLOG_COLLECTOR_DASHBOARD_DASHBOARD_H_
 #define QXLOG_COLLECTOR_DASHBOARD_DASHBOARD_H_
 
@@ -34,14 +45,21 @@ class Dashboard {
 
  private:
   HttpServerAnswer chartJs() const;
-  HttpServerAnswer summary();
-  HttpServerAnswer records();
-  HttpServerAnswer plays();
-  HttpServerAnswer diagnoses();
+  HttpServerAnswer summary(const StoreFilter& filter);
+  HttpServerAnswer records(const StoreFilter& filter);
+  HttpServerAnswer plays(const StoreFilter& filter);
+  HttpServerAnswer diagnoses(const StoreFilter& filter);
+  HttpServerAnswer titles(const StoreFilter& filter);
+  HttpServerAnswer failures(const StoreFilter& filter);
 
   CollectorStore& store_;
   std::string chartJsPath_;
 };
+
+// The filter of a request's query fields "from", "to", "device" and
+// "title"; a number that does not parse, or a text longer than 256
+// characters, is left out.
+StoreFilter dashboardFilter(const HttpServerRequest& request);
 
 // The page itself: HTML, CSS and script in one text.
 const char* dashboardPage();

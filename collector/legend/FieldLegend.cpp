@@ -96,6 +96,7 @@ constexpr Field kPlay[] = {
     {"a_8", "play URL, percent-encoded (the path for a download)"},
     {"a_9", "PCDN flag (\"1\" unless given)"},
     {"p", "the play's actions, in order"},
+    {"play_id", "play id: every part of one play (header copies, summary) carries it"},
 };
 
 constexpr Field kPlayAction[] = {
@@ -108,9 +109,32 @@ constexpr Field kPlayAction[] = {
     {"p_6", "start position, ms of media time"},
     {"p_7", "end position, ms of media time"},
     {"p_8", "play time, ms (the host's value plus 2000)"},
+    {"from_height", "quality change: the height shown before, pixels (0 unknown)"},
+    {"to_height", "quality change: the height shown now, pixels (0 unknown)"},
+    {"bitrate_bps", "quality change: the bitrate shown now, bits/s (0 unknown)"},
 };
 
-constexpr std::array<Table, 7> kTables = {{
+constexpr Field kPlaySummary[] = {
+    {"play_id", "play id, as in the play's header copies"},
+    {"movie_id", "movie id, as the play began"},
+    {"video_type", "video type: 1 film, 5 short video, 6 channel"},
+    {"view_source", "view source (where the play was started from)"},
+    {"url", "play URL, as given"},
+    {"cause", "the error's cause; \"\" unless the play failed"},
+    {"startup_ms", "begin to first frame, ms; without one, begin to the end"},
+    {"rebuffer_count", "rebuffering spans after the first frame"},
+    {"rebuffer_ms", "their total, ms"},
+    {"seek_count", "seeks"},
+    {"seek_avg_ms", "their average time, ms"},
+    {"played_ms", "time frames moved, ms (outside rebuffering and seeks)"},
+    {"exit_before_start", "\"1\" when the host ended the play before its first frame"},
+    {"failed", "\"1\" when an error ended the play"},
+    {"rendition_switches", "quality changes after the first frame"},
+    {"average_bitrate_bps", "bitrate weighted by the time played at each, bits/s (0 unknown)"},
+    {"top_height", "the highest rendition's height, pixels (0 unknown)"},
+};
+
+constexpr std::array<Table, 8> kTables = {{
     {LegendTable::kHeader, "header (once per upload)", kHeader},
     {LegendTable::kLaunch, "launch record", kLaunch},
     {LegendTable::kAction, "action record", kAction},
@@ -118,6 +142,8 @@ constexpr std::array<Table, 7> kTables = {{
     {LegendTable::kDownload, "download record", kDownload},
     {LegendTable::kPlay, "play header (film, short video, channel)", kPlay},
     {LegendTable::kPlayAction, "play action (under \"p\")", kPlayAction},
+    {LegendTable::kPlaySummary, "end-of-play summary (a diagnosis's \"play_summary\")",
+     kPlaySummary},
 }};
 
 const Table& tableOf(LegendTable id) {
@@ -194,6 +220,14 @@ std::string explainRecord(const Dictionary& record, const std::string& indent) {
 
 std::string explainHeader(const Dictionary& header, const std::string& indent) {
   return explainFields(LegendTable::kHeader, header, indent);
+}
+
+std::string explainPlaySummary(const Value& report, const std::string& indent) {
+  const Dictionary* fields = report.asDictionary();
+  const Value* summary = fields != nullptr ? fields->find("play_summary") : nullptr;
+  if (summary == nullptr || summary->asDictionary() == nullptr) return {};
+  return indent + "play summary\n" +
+         explainFields(LegendTable::kPlaySummary, *summary->asDictionary(), indent + "  ");
 }
 
 }  // namespace qxlog::collector

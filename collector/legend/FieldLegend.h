@@ -1,5 +1,6 @@
 // What each coded key means: the common header's "t_" keys, each record
-// type's "a_" keys and the play actions' "p_" keys. One table serves
+// type's "a_" keys, the play actions' "p_" keys and the end-of-play
+// summary's keys. One table serves
 // qxlog-decode --explain, the collector's printed report and the README.
 #ifndef QXLOG_COLLECTOR_LEGEND_FIELDLEGEND_H_
 #define QXLOG_COLLECTOR_LEGEND_FIELDLEGEND_H_
@@ -11,7 +12,16 @@
 
 namespace qxlog::collector {
 
-enum class LegendTable { kHeader, kLaunch, kAction, kNetwork, kDownload, kPlay, kPlayAction };
+enum class LegendTable {
+  kHeader,
+  kLaunch,
+  kAction,
+  kNetwork,
+  kDownload,
+  kPlay,
+  kPlayAction,
+  kPlaySummary
+};
 
 // The table of a record, by its "a_t" and whether it is a play header.
 LegendTable legendTableOf(const Dictionary& record);
@@ -23,6 +33,9 @@ std::string legendText();
 // prefixed by `indent`; play actions under "p" are explained in turn.
 std::string explainRecord(const Dictionary& record, const std::string& indent);
 std::string explainHeader(const Dictionary& header, const std::string& indent);
+// The end-of-play summary under a diagnosis report's "play_summary", one
+// line per key with its meaning; "" when the report has none.
+std::string explainPlaySummary(const Value& report, const std::string& indent);
 
 }  // namespace qxlog::collector
 

@@ -106,12 +106,13 @@ std::string describeUpload(int64_t id, const UploadRow& upload, bool explain) {
   return out;
 }
 
-std::string describeDiagnosis(int64_t id, const DiagnosisRow& diagnosis) {
+std::string describeDiagnosis(int64_t id, const DiagnosisRow& diagnosis, bool explain) {
   Dictionary fields = diagnosisFields(id, diagnosis);
   for (const char* omitted : {"kind", "id", "received_at", "peer"}) fields.erase(omitted);
   return "diagnosis #" + std::to_string(id) + " from " + diagnosis.peer + "\n  " + label("fields") +
          serial::toJson(Value(std::move(fields))) + "\n  " + label("report") +
-         serial::toJson(diagnosis.report) + "\n";
+         serial::toJson(diagnosis.report) + "\n" +
+         (explain ? explainPlaySummary(diagnosis.report, "  ") : std::string());
 }
 
 std::string uploadJsonLine(int64_t id, const UploadRow& upload) {

@@ -28,7 +28,8 @@ std::string describeRecord(const Dictionary& record, const std::string& indent =
                            bool explain = false);
 // The header once, then each record.
 std::string describeUpload(int64_t id, const UploadRow& upload, bool explain = false);
-std::string describeDiagnosis(int64_t id, const DiagnosisRow& diagnosis);
+// With `explain`, an end-of-play summary's keys follow with their meanings.
+std::string describeDiagnosis(int64_t id, const DiagnosisRow& diagnosis, bool explain = false);
 
 // One compact JSON object per line, for scripts.
 std::string uploadJsonLine(int64_t id, const UploadRow& upload);

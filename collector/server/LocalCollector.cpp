@@ -49,8 +49,9 @@ std::unique_ptr<LocalCollector> LocalCollector::start(LocalCollectorOptions opti
                       : describeUpload(id, upload, output == Output::kExplained));
     };
     events.diagnosis = [self, output](int64_t id, const DiagnosisRow& diagnosis) {
-      self->print(output == Output::kJson ? diagnosisJsonLine(id, diagnosis) + "\n"
-                                          : describeDiagnosis(id, diagnosis));
+      self->print(output == Output::kJson
+                      ? diagnosisJsonLine(id, diagnosis) + "\n"
+                      : describeDiagnosis(id, diagnosis, output == Output::kExplained));
     };
     events.settings = [self](const HttpServerRequest& request, const std::string& uid) {
       self->logLine("settings for uid=" + uid + " from " + request.peer);

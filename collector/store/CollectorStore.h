@@ -116,6 +116,34 @@ struct MinuteCount {
   int64_t records = 0;
 };
 
+// What the dashboard's answers are limited to; each part applies when given.
+// `from` and `to` bound "received_at" (ms since 1970, `from` included, `to`
+// not); `device` is the device id; `title` a movie id (a play header's
+// "a_7", a summary's "movie_id").
+struct StoreFilter {
+  std::optional<int64_t> from;
+  std::optional<int64_t> to;
+  std::optional<std::string> device;
+  std::optional<std::string> title;
+};
+
+// One title's plays, from their end-of-play summaries. Startup percentiles
+// (nearest rank) are over the plays that reached a first frame; the
+// rebuffering ratio is rebuffering time over played plus rebuffering time;
+// the average bitrate is weighted by the time played (plays that reported
+// none are left out), 0 when none reported one.
+struct TitleQuality {
+  std::string movieId;
+  int64_t plays = 0;
+  int64_t startupP50 = 0;
+  int64_t startupP95 = 0;
+  double rebufferRatio = 0;
+  double failureRate = 0;
+  int64_t failures = 0;
+  int64_t exitsBeforeStart = 0;
+  int64_t averageBitrate = 0;
+};
+
 // The outcome of storing an upload: its id, or, for a repeat, the id of the
 // upload it repeats.
 struct UploadOutcome {
@@ -189,12 +217,30 @@ class CollectorStore {
   // Uploads and records per minute over the `minutes` minutes up to the
   // latest upload, oldest first; minutes without uploads are left out.
   virtual std::vector<MinuteCount> perMinute(std::size_t minutes) = 0;
-  // The latest records, newest first; with `playsOnly` those with play
-  // actions.
-  virtual std::vector<StoredRecord> latestRecords(std::size_t limit, bool playsOnly) = 0;
-  // The latest diagnoses, newest first; with `playSummaries` those whose
-  // report holds an end-of-play summary.
-  virtual std::vector<StoredDiagnosis> latestDiagnoses(std::size_t limit, bool playSummaries) = 0;
+  // The latest records within `filter`, newest first; with `playsOnly`
+  // those with play actions.
+  virtual std::vector<StoredRecord> latestRecords(std::size_t limit, bool playsOnly,
+                                                  const StoreFilter& filter) = 0;
+  std::vector<StoredRecord> latestRecords(std::size_t limit, bool playsOnly) {
+    return latestRecords(limit, playsOnly, {});
+  }
+  // The latest diagnoses within `filter`, newest first; with
+  // `playSummaries` those whose report holds an end-of-play summary (the
+  // title then filters on its "movie_id"; it is ignored otherwise).
+  virtual std::vector<StoredDiagnosis> latestDiagnoses(std::size_t limit, bool playSummaries,
+                                                       const StoreFilter& filter) = 0;
+  std::vector<StoredDiagnosis> latestDiagnoses(std::size_t limit, bool playSummaries) {
+    return latestDiagnoses(limit, playSummaries, {});
+  }
+  // Per movie id over the latest `summaries` end-of-play summaries within
+  // `filter`: the `titles` titles with the most plays, most first (ties by
+  // movie id).
+  std::vector<TitleQuality> titles(const StoreFilter& filter, std::size_t summaries,
+                                   std::size_t titles);
+  // Failed plays per cause ("" when none was given) over the latest
+  // `summaries` summaries within `filter`, most first, at most `causes`.
+  std::vector<NamedCount> failures(const StoreFilter& filter, std::size_t summaries,
+                                   std::size_t causes);
   // Every diagnosis in arrival order.
   virtual std::vector<StoredDiagnosis> allDiagnoses() = 0;
 };

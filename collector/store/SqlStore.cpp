@@ -70,6 +70,33 @@ std::vector<StoredRecord> toRecords(const std::vector<SqlRow>& rows) {
   return out;
 }
 
+// The conditions of `filter` ("AND ..." each), their values appended to
+// `params`. The title is matched as the text `"<titleKey>":"<title>"` in the
+// compact JSON column `text` (LIKE, its wildcards escaped); without
+// `titleKey` it is not applied.
+std::string filterSql(const StoreFilter& filter, const char* receivedAt, const char* device,
+                      const char* text, const char* titleKey, std::vector<SqlParam>& params) {
+  std::string sql;
+  auto add = [&](const std::string& condition, SqlParam value) {
+    params.push_back(std::move(value));
+    sql += "AND " + condition + " $" + std::to_string(params.size()) + " ";
+  };
+  if (filter.from) add(std::string(receivedAt) + " >=", *filter.from);
+  if (filter.to) add(std::string(receivedAt) + " <", *filter.to);
+  if (filter.device) add(std::string(device) + " =", *filter.device);
+  if (filter.title && titleKey != nullptr) {
+    std::string pattern = "%";
+    for (char c : serial::toJson(Value(std::string(titleKey))) + ":" +
+                      serial::toJson(Value(*filter.title))) {
+      if (c == '%' || c == '_' || c == '!') pattern += '!';
+      pattern += c;
+    }
+    params.push_back(pattern + "%");
+    sql += "AND " + std::string(text) + " LIKE $" + std::to_string(params.size()) + " ESCAPE '!' ";
+  }
+  return sql;
+}
+
 constexpr const char* kDiagnosisColumnsSelect =
     "SELECT id, received_at, peer, user_id, device, user_phone, velin, version, report "
     "FROM diagnoses ";
@@ -307,20 +334,25 @@ std::vector<MinuteCount> SqlStore::perMinute(std::size_t minutes) {
   return out;
 }
 
-std::vector<StoredRecord> SqlStore::latestRecords(std::size_t limit, bool playsOnly) {
+std::vector<StoredRecord> SqlStore::latestRecords(std::size_t limit, bool playsOnly,
+                                                  const StoreFilter& filter) {
+  std::vector<SqlParam> params = {static_cast<int64_t>(limit)};
+  std::string where = std::string("WHERE 1 = 1 ") + (playsOnly ? "AND r.play_actions > 0 " : "") +
+                      filterSql(filter, "u.received_at", "u.device", "r.body", "a_7", params);
   Lease session = lease();
-  return toRecords(session->run(std::string(kRecordColumnsSelect) +
-                                    (playsOnly ? "WHERE r.play_actions > 0 " : "") +
-                                    "ORDER BY r.id DESC LIMIT $1",
-                                {static_cast<int64_t>(limit)}));
+  return toRecords(session->run(
+      std::string(kRecordColumnsSelect) + where + "ORDER BY r.id DESC LIMIT $1", params));
 }
 
-std::vector<StoredDiagnosis> SqlStore::latestDiagnoses(std::size_t limit, bool playSummaries) {
+std::vector<StoredDiagnosis> SqlStore::latestDiagnoses(std::size_t limit, bool playSummaries,
+                                                       const StoreFilter& filter) {
+  std::vector<SqlParam> params = {static_cast<int64_t>(limit)};
+  std::string where = std::string("WHERE 1 = 1 ") + (playSummaries ? "AND play_summary = 1 " : "") +
+                      filterSql(filter, "received_at", "device", "report",
+                                playSummaries ? "movie_id" : nullptr, params);
   Lease session = lease();
-  return toDiagnoses(session->run(std::string(kDiagnosisColumnsSelect) +
-                                      (playSummaries ? "WHERE play_summary = 1 " : "") +
-                                      "ORDER BY id DESC LIMIT $1",
-                                  {static_cast<int64_t>(limit)}));
+  return toDiagnoses(session->run(
+      std::string(kDiagnosisColumnsSelect) + where + "ORDER BY id DESC LIMIT $1", params));
 }
 
 std::vector<StoredDiagnosis> SqlStore::allDiagnoses() {

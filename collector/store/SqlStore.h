@@ -45,8 +45,12 @@ class SqlStore : public CollectorStore {
   std::vector<NamedCount> recordsPerName() override;
   std::vector<DeviceSeen> devices(std::size_t limit) override;
   std::vector<MinuteCount> perMinute(std::size_t minutes) override;
-  std::vector<StoredRecord> latestRecords(std::size_t limit, bool playsOnly) override;
-  std::vector<StoredDiagnosis> latestDiagnoses(std::size_t limit, bool playSummaries) override;
+  using CollectorStore::latestDiagnoses;
+  using CollectorStore::latestRecords;
+  std::vector<StoredRecord> latestRecords(std::size_t limit, bool playsOnly,
+                                          const StoreFilter& filter) override;
+  std::vector<StoredDiagnosis> latestDiagnoses(std::size_t limit, bool playSummaries,
+                                               const StoreFilter& filter) override;
   std::vector<StoredDiagnosis> allDiagnoses() override;
 
  private:

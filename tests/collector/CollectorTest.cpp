@@ -21,6 +21,7 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/format/PlaySessionRecords.h"
 #include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
 #include "QXLog/support/Codecs.h"
@@ -634,6 +635,29 @@ TEST(LegendTextTest, ExplainsValuesBesideTheirMeaningAndListsEveryTable) {
                             "download record", "play header", "play action"}) {
     EXPECT_NE(legend.find(title), std::string::npos) << title;
   }
+}
+
+TEST(LegendTextTest, NamesThePlayIdTheRenditionAndEverySummaryKey) {
+  EXPECT_FALSE(collector::meaningOf(LegendTable::kPlay, format::kPlayIdKey).empty());
+  for (const char* key : {format::kFromHeightKey, format::kToHeightKey, format::kBitrateKey}) {
+    EXPECT_FALSE(collector::meaningOf(LegendTable::kPlayAction, key).empty()) << key;
+  }
+  // Every key of a real end-of-play summary is explained.
+  format::PlayDescription play;
+  play.playId = "0123456789abcdef0123456789abcdef";
+  play.movieId = "film-1";
+  format::PlayTimeline timeline(1000);
+  timeline.end(2000, 0);
+  Dictionary report = format::playSummaryReport(play, timeline, "", 2000);
+  const Dictionary* summary = report.find("play_summary")->asDictionary();
+  ASSERT_NE(summary, nullptr);
+  EXPECT_GE(summary->size(), 17u);
+  for (const auto& [key, value] : *summary) {
+    EXPECT_FALSE(collector::meaningOf(LegendTable::kPlaySummary, key).empty()) << key;
+  }
+  std::string explained = collector::explainPlaySummary(Value(report), "  ");
+  EXPECT_NE(explained.find("  play summary\n    play_id"), std::string::npos) << explained;
+  EXPECT_NE(collector::legendText().find("end-of-play summary"), std::string::npos);
 }
 
 // The status of the answer to a whole GET sent from `from`, 0 for none.

@@ -47,6 +47,23 @@ TEST(DashboardTest, ShowsTheDemoSessionInAHeadlessBrowser) {
   Finished demo = run(std::string(QXLOG_TEST_DEMO) +
                       " --quiet --api-token dashboard-token-7 --server " + collector->baseUrl());
   ASSERT_EQ(demo.status, 0) << demo.output;
+  // Two end-of-play summaries of one title, one of them failed.
+  for (const char* failed : {"0", "1"}) {
+    collector::DiagnosisRow diagnosis;
+    diagnosis.device = "summary-device";
+    Dictionary summary;
+    const std::pair<const char*, const char*> fields[] = {
+        {"movie_id", "title-77"},
+        {"startup_ms", "400"},
+        {"played_ms", "9000"},
+        {"failed", failed},
+        {"cause", failed[0] == '1' ? "decoder lost" : ""}};
+    for (const auto& [key, value] : fields) summary.set(key, Value(std::string(value)));
+    Dictionary report;
+    report.set("play_summary", Value(summary));
+    diagnosis.report = Value(report);
+    collector->store().storeDiagnosis(diagnosis);
+  }
 
   const std::string flags =
       " --headless=new --no-sandbox --disable-gpu --hide-scrollbars "
@@ -77,6 +94,17 @@ TEST(DashboardTest, ShowsTheDemoSessionInAHeadlessBrowser) {
   // Each play with its actions on a timeline, the buffering span among them.
   EXPECT_EQ(count(dom, "class=\"play\""), 3u);
   EXPECT_EQ(count(dom, "class=\"action op5\""), 1u);
+  // The title table and the failures by cause.
+  EXPECT_NE(
+      dom.find("<tr class=\"title\"><td class=\"key\">title-77</td><td>2</td><td>400 ms</td>"),
+      std::string::npos);
+  EXPECT_NE(dom.find("<td>decoder lost</td><td>1</td>"), std::string::npos);
+  // A filter in the page's URL applies to every table.
+  Finished filtered = run(browser + flags + "--dump-dom '" + page + "?title=other' 2>/dev/null");
+  EXPECT_NE(filtered.output.find("data-loaded=\"1\""), std::string::npos);
+  EXPECT_EQ(count(filtered.output, "class=\"play\""), 0u);
+  EXPECT_EQ(count(filtered.output, "title-77"), 0u);
+  EXPECT_NE(filtered.output.find("value=\"other\""), std::string::npos);
 
   const std::string screenshot = std::string(QXLOG_TEST_ARTIFACTS) + "/dashboard.png";
   std::filesystem::remove(screenshot);

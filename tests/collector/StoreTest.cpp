@@ -13,11 +13,13 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <thread>
 
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/support/Codecs.h"
+#include "collector/dashboard/Dashboard.h"
 #include "collector/server/ClientAddress.h"
 #include "collector/server/LocalCollector.h"
 #include "tests/support/HttpClient.h"
@@ -31,6 +33,7 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using collector::CollectorStore;
 using collector::StoreError;
+using collector::StoreFilter;
 using collector::UploadRow;
 
 enum class Backend { kSqlite, kPostgres };
@@ -189,6 +192,151 @@ TEST_P(StoreTest, AnswersEveryQueryOfTheDashboardAndTheApi) {
   EXPECT_EQ(store->delivered("d2").diagnoses, 2);
   EXPECT_EQ(store->records("1"s).size(), 4u);
   EXPECT_EQ(store->records().size(), 11u);
+}
+
+// A filter with the given members set, e.g. (&StoreFilter::to, 9000).
+StoreFilter filtered() {
+  return {};
+}
+template <typename T, typename V, typename... Rest>
+StoreFilter filtered(std::optional<T> StoreFilter::*member, V value, Rest... rest) {
+  StoreFilter filter = filtered(rest...);
+  filter.*member = std::move(value);
+  return filter;
+}
+
+TEST_P(StoreTest, TitlesAndFailuresComeFromTheLatestSummariesWithinTheFilter) {
+  auto store = open();
+  ASSERT_TRUE(store);
+  struct Planted {
+    const char* movie;
+    const char* device;
+    const char* startup;
+    const char* rebuffer;
+    const char* played;
+    const char* bitrate;
+    const char* failed;
+    const char* exit;
+    const char* cause;
+  };
+  const Planted planted[] = {
+      {"film-1", "d1", "100", "100", "900", "1000000", "0", "0", ""},
+      {"film-1", "d1", "300", "0", "1800", "2500000", "0", "0", ""},
+      {"film-1", "d1", "200", "200", "0", "0", "0", "0", ""},
+      {"film-1", "d1", "5000", "0", "0", "0", "1", "0", "timeout"},
+      {"film-1", "d1", "700", "0", "0", "0", "0", "1", ""},
+      {"film_2", "d2", "400", "0", "100", "0", "1", "0", "timeout"},
+  };
+  int64_t at = 1000;
+  for (const Planted& play : planted) {
+    collector::DiagnosisRow diagnosis;
+    diagnosis.device = play.device;
+    diagnosis.receivedAt = at += 1000;
+    Dictionary report;
+    report.set("play_summary", Value(strings({{"movie_id", play.movie},
+                                              {"startup_ms", play.startup},
+                                              {"rebuffer_ms", play.rebuffer},
+                                              {"played_ms", play.played},
+                                              {"average_bitrate_bps", play.bitrate},
+                                              {"failed", play.failed},
+                                              {"exit_before_start", play.exit},
+                                              {"cause", play.cause}})));
+    diagnosis.report = Value(report);
+    store->storeDiagnosis(diagnosis);
+  }
+  ASSERT_FALSE(store->storeUpload(upload("u", "d2", 9000)).replay);
+
+  const auto titles = store->titles({}, 1000, 100);
+  ASSERT_EQ(titles.size(), 2u);
+  EXPECT_EQ(titles[0].movieId, "film-1");
+  EXPECT_EQ(titles[0].plays, 5);
+  EXPECT_EQ(titles[0].startupP50, 200);  // of 100, 200, 300: failures and exits left out
+  EXPECT_EQ(titles[0].startupP95, 300);
+  EXPECT_DOUBLE_EQ(titles[0].rebufferRatio, 300.0 / 3000.0);
+  EXPECT_DOUBLE_EQ(titles[0].failureRate, 0.2);
+  EXPECT_EQ(titles[0].exitsBeforeStart, 1);
+  EXPECT_EQ(titles[0].averageBitrate, 2000000);  // weighted by 900 and 1800 ms played
+  EXPECT_EQ(titles[1].movieId, "film_2");
+  EXPECT_DOUBLE_EQ(titles[1].failureRate, 1.0);
+  EXPECT_EQ(titles[1].startupP50, 0);
+
+  EXPECT_EQ(store->titles({}, 1000, 1).size(), 1u);
+  const auto latest = store->titles({}, 1, 100);  // the newest summary only
+  ASSERT_EQ(latest.size(), 1u);
+  EXPECT_EQ(latest[0].movieId, "film_2");
+  // "_" is no wildcard: film_1 matches no title.
+  EXPECT_TRUE(store->titles(filtered(&StoreFilter::title, "film_1"s), 1000, 100).empty());
+  EXPECT_EQ(store->titles(filtered(&StoreFilter::title, "film-1"s), 1000, 100).at(0).plays, 5);
+  EXPECT_EQ(store->titles(filtered(&StoreFilter::from, 3000, &StoreFilter::to, 5000), 1000, 100)
+                .at(0)
+                .plays,
+            2);
+
+  const auto causes = store->failures({}, 1000, 10);
+  ASSERT_EQ(causes.size(), 1u);
+  EXPECT_EQ(causes[0].name, "timeout");
+  EXPECT_EQ(causes[0].count, 2);
+  EXPECT_EQ(store->failures(filtered(&StoreFilter::device, "d1"s), 1000, 10).at(0).count, 1);
+
+  EXPECT_EQ(store->latestRecords(10, false, filtered(&StoreFilter::device, "d1"s)).size(), 0u);
+  EXPECT_EQ(store->latestRecords(10, false, filtered(&StoreFilter::device, "d2"s)).size(), 3u);
+  EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::title, "film-u"s)).size(), 1u);
+  // "_" is no wildcard in the stored text either.
+  EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::title, "film_u"s)).size(), 0u);
+  EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::to, 9000)).size(), 0u);
+}
+
+// A header copy of play `id` holding actions that start at `starts`.
+Dictionary playPart(const std::string& id, const std::string& movie,
+                    std::initializer_list<const char*> starts) {
+  Dictionary header = strings({{"a_t", "1"}, {"a_7", movie}, {"play_id", id}});
+  Array actions;
+  for (const char* start : starts)
+    actions.push_back(Value(strings({{"p_2", "5"}, {"p_4", start}})));
+  header.set("p", Value(std::move(actions)));
+  return header;
+}
+
+TEST_P(StoreTest, PlaysJoinTheirHeaderCopiesByIdWithTheirSummary) {
+  auto store = open();
+  ASSERT_TRUE(store);
+  UploadRow first = upload("x", "d1", 1000, 0);
+  first.records = {Value(playPart("aa", "film-1", {"300", "100"})),
+                   Value(playPart("bb", "film-2", {"150"}))};
+  ASSERT_FALSE(store->storeUpload(first).replay);
+  UploadRow second = upload("y", "d1", 2000, 0);
+  second.records = {Value(playPart("aa", "film-1", {"200"}))};
+  ASSERT_FALSE(store->storeUpload(second).replay);
+  collector::DiagnosisRow diagnosis;
+  Dictionary report;
+  report.set("play_summary", Value(strings({{"play_id", "aa"}, {"movie_id", "film-1"}})));
+  diagnosis.report = Value(report);
+  store->storeDiagnosis(diagnosis);
+
+  collector::Dashboard dashboard(*store);
+  auto plays = [&](const std::string& query) {
+    collector::HttpServerRequest request;
+    request.method = "GET";
+    request.path = "/api/plays";
+    collector::parseFormFields(query, request.params);
+    auto answer = dashboard.serve(request);
+    EXPECT_TRUE(answer && answer->status == 200);
+    return nlohmann::json::parse(answer ? answer->body : "[]");
+  };
+  nlohmann::json all = plays("");
+  ASSERT_EQ(all.size(), 2u) << all;
+  EXPECT_EQ(all[0]["play_id"], "aa");  // its latest part arrived last
+  EXPECT_EQ(all[0]["parts"], 2);
+  std::vector<int64_t> starts;
+  for (const auto& action : all[0]["actions"]) starts.push_back(action["start"]);
+  EXPECT_EQ(starts, (std::vector<int64_t>{100, 200, 300}));
+  EXPECT_EQ(all[0]["summary"]["movie_id"], "film-1");
+  EXPECT_EQ(all[1]["play_id"], "bb");
+  EXPECT_EQ(all[1]["actions"].size(), 1u);
+  EXPECT_TRUE(all[1]["summary"].is_null());
+  EXPECT_EQ(plays("title=film-2").size(), 1u);
+  EXPECT_EQ(plays("to=2000").at(0)["parts"], 1);  // the first upload's part only
+  EXPECT_EQ(plays("device=d2").size(), 0u);
 }
 
 TEST_P(StoreTest, RepeatsArrivingAtOnceThroughTwoStoresAreStoredOnce) {
