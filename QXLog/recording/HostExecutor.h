@@ -12,7 +12,7 @@ namespace qxlog::recording {
 class HostExecutor final : public platform::Executor {
  public:
   using Post = void (*)(void (*task)(void*), void* taskContext, uint64_t delayNanos, void* context);
-  HostExecutor(Post post, void* context) : post_(post), context_(context) {}
+  HostExecutor(Post hostPost, void* context) : post_(hostPost), context_(context) {}
   void post(platform::Task task, std::chrono::nanoseconds delay) override;
 
  private:
