@@ -45,7 +45,8 @@ AtLeastOnceDelivery::AtLeastOnceDelivery(QXLogCenter& center)
     : center_(center),
       durable_(std::make_shared<platform::DurableFlush>(center.env().globalQueue())),
       journal_(center.env(), durable_),
-      jitter_(std::random_device{}()) {}
+      jitter_(std::random_device{}()),
+      diagnoses_(center) {}
 
 AtLeastOnceDelivery::~AtLeastOnceDelivery() = default;
 
@@ -185,7 +186,13 @@ Array AtLeastOnceDelivery::actionRecords() {
 }
 
 std::size_t AtLeastOnceDelivery::unconfirmed() {
-  return actionCount();
+  return actionCount() + diagnoses_.count();
+}
+
+bool AtLeastOnceDelivery::keepDiagnosis(const Dictionary& envelope, const std::string& url,
+                                        bool announceGzip) {
+  diagnoses_.keep(envelope, url, announceGzip);
+  return true;
 }
 
 void AtLeastOnceDelivery::submit() {
@@ -207,6 +214,8 @@ void AtLeastOnceDelivery::submit() {
     }
   }
   tell(reports);
+  // Diagnoses left by an earlier process go out with the first submission.
+  diagnoses_.resume();
   if (resend) return send(*resend, generation);
   if (cut) center_.env().globalQueue()->async([this, generation] { seal(generation); });
 }

@@ -34,6 +34,7 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/center/DeliveryPolicy.h"
+#include "QXLog/center/DiagnosisQueue.h"
 #include "QXLog/center/Journal.h"
 #include "QXLog/center/SealedBatch.h"
 #include "QXLog/center/ThreadAnnotations.h"
@@ -51,6 +52,9 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   void submit() override EXCLUDES(mutex_);
   void flush() override EXCLUDES(mutex_);
   std::size_t unconfirmed() override EXCLUDES(mutex_);
+  // Diagnoses are kept and delivered at least once as well (DiagnosisQueue).
+  bool keepDiagnosis(const Dictionary& envelope, const std::string& url,
+                     bool announceGzip) override;
 
  private:
   struct Report {
@@ -114,6 +118,7 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   // The queue limit last raised to hold two batches, told once.
   std::size_t raisedLimit_ GUARDED_BY(mutex_) = 0;
   std::minstd_rand jitter_ GUARDED_BY(mutex_);
+  DiagnosisQueue diagnoses_;
 };
 
 }  // namespace qxlog::center

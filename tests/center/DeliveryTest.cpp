@@ -2,8 +2,11 @@
 // retries and drops, and what the delivery handler is told.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <optional>
 #include <random>
 
@@ -315,6 +318,39 @@ TEST_F(DeliveryTest, WithAWrongKeyEveryRecordEndsDroppedWithTheReasonAndRetriesS
   EXPECT_EQ(settledTotals(reports_), "C0 D40 ");
   EXPECT_EQ(console_->countStartingWith("QXLog: dropped a batch of 20 records after 3 refusals"),
             1u);
+}
+
+TEST_F(DeliveryTest, DiagnosesReportedDuringAnOutageArriveAfterTheServerReturns) {
+  atLeastOnce();
+  auto down = std::make_shared<std::atomic<bool>>(true);
+  server_->setResponder([down](const ReceivedRequest&) -> std::optional<ScriptedAnswer> {
+    if (!*down) return std::nullopt;
+    return ScriptedAnswer{503, "text/plain", "store: unavailable\n"};
+  });
+  for (int i = 0; i < 5; ++i) {
+    recordDiagnosLog(std::to_string(i).c_str(), "cause", "p3", "p4", "p5", "p6", "p7", "p8");
+  }
+  dispatcher_->advance(seconds(4));
+  std::size_t refused = server_->requestCount();
+  EXPECT_GE(refused, 2u);
+  EXPECT_EQ(settledTotals(reports_), "C0 D0 ");
+  // Kept on disk meanwhile.
+  std::ifstream file(documentsPath("QXLogDiagnoses.json"));
+  std::string kept((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  std::optional<Value> onDisk = serial::parseJson(kept);
+  ASSERT_TRUE(onDisk && onDisk->asArray());
+  EXPECT_EQ(onDisk->asArray()->size(), 5u);
+  *down = false;
+  dispatcher_->advance(seconds(30));
+
+  std::vector<std::string> arrived;
+  std::vector<ReceivedRequest> sent = server_->requests();
+  for (std::size_t i = refused; i < sent.size(); ++i) {
+    if (sent[i].path == "/diagnosis") arrived.push_back(sent[i].param("diagnosis_log"));
+  }
+  EXPECT_EQ(arrived.size(), 5u);
+  EXPECT_EQ(settledTotals(reports_), "C5 D0 ");
+  EXPECT_FALSE(std::filesystem::exists(documentsPath("QXLogDiagnoses.json")));
 }
 
 // The C handler sees the same reports as the C++ one.
