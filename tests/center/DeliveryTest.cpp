@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -267,6 +268,11 @@ TEST_F(DeliveryTest, ARecordTooLargeForTheServerCostsThatRecordAlone) {
   EXPECT_EQ(dropped.reason, "status 413");
   EXPECT_LE(sent.size(), 12u);
   EXPECT_TRUE(queuedOnDisk().empty());
+  // One line for scripts/reliability.sh.
+  std::printf(
+      "poison record: reported 20, delivered %zu, handler confirmed/dropped %s"
+      "requests %zu\n",
+      delivered.size(), settledTotals(reports_).c_str(), sent.size());
 }
 
 TEST_F(DeliveryTest, RetryAfterIsWaitedOn429And503WithinFiveMinutes) {
@@ -350,6 +356,8 @@ TEST_F(DeliveryTest, DiagnosesReportedDuringAnOutageArriveAfterTheServerReturns)
   }
   EXPECT_EQ(arrived.size(), 5u);
   EXPECT_EQ(settledTotals(reports_), "C5 D0 ");
+  std::printf("diagnoses outage: reported 5, arrived %zu within 30 s of the server's return\n",
+              arrived.size());
   EXPECT_FALSE(std::filesystem::exists(documentsPath("QXLogDiagnoses.json")));
 }
 
