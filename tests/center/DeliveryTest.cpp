@@ -140,6 +140,8 @@ TEST_F(DeliveryTest, TransportFailuresAreRetriedWithGrowingWaitsUntilConfirmed) 
   EXPECT_TRUE(center().actionLog().empty());
   EXPECT_EQ(outcomes(), "R1 R1 R1 C1 C1 ");
   EXPECT_EQ(reports_[0].reason, "status 503");
+  // A batch's console line is written when it is sealed, not on each attempt.
+  EXPECT_EQ(console_->countStartingWith("Ostra->LogContent:"), 2u);
 }
 
 TEST_F(DeliveryTest, ARefusedBatchIsTriedThreeTimesThenDroppedAlone) {
