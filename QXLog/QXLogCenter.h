@@ -21,6 +21,7 @@
 namespace qxlog {
 namespace center {
 class AtLeastOnceDelivery;
+class DiagnosisQueue;
 class CenterRegistry;
 class DeliveryPolicy;
 class DescribedDelivery;
@@ -132,6 +133,7 @@ class QXLogCenter {
   friend class qxlog::center::CenterRegistry;
   friend class qxlog::center::DescribedDelivery;
   friend class qxlog::center::AtLeastOnceDelivery;
+  friend class qxlog::center::DiagnosisQueue;
   struct OutgoingUpload;
   explicit QXLogCenter(std::shared_ptr<qxlog::platform::Env> env);
 

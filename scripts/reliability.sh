@@ -46,6 +46,11 @@ passed=$(grep -c '^\[       OK \]' <<<"$tests_log" || true)
 failed=$(grep -c '^\[  FAILED  \].*(' <<<"$tests_log" || true)
 skipped=$(grep -c '^\[  SKIPPED \]' <<<"$tests_log" || true)
 
+faults_log=$(build/tests/qxlog_tests --gtest_filter='DeliveryTest.ARecordTooLarge*:DeliveryTest.Diagnoses*' \
+  2>&1) || status=1
+poison=$(grep -o 'poison record:.*' <<<"$faults_log" || echo "poison record: did not run")
+diagnoses=$(grep -o 'diagnoses outage:.*' <<<"$faults_log" || echo "diagnoses outage: did not run")
+
 files_table=$(build/tests/qxlog_hostile_file_check) || status=1
 
 fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
@@ -85,6 +90,9 @@ echo "Journal torture (at least once)"
 sed 's/^journal torture: /  /; s/, /\n  /g' <<<"$journal"
 echo "Hostile servers, host input, disk trouble, hostile queue files"
 echo "  passed $passed, failed $failed, skipped $skipped"
+echo "Refused records and diagnoses, at least once"
+echo "  $poison"
+echo "  $diagnoses"
 echo "Hostile queue files at start-up (goal: under 2 s and 64 MB each)"
 sed 's/^/  /' <<<"$files_table"
 echo "Fuzzing, $fuzz_seconds s per harness"
@@ -98,6 +106,6 @@ sed 's/^/  /' <<<"$attack_table"
 echo "----------------------------------------------------------------"
 if ((status != 0)); then
   echo "FAILED"
-  grep -E 'Failure|FAILED' <<<"$torture_log$tests_log" | head -20 || true
+  grep -E 'Failure|FAILED' <<<"$torture_log$tests_log$faults_log" | head -20 || true
 fi
 exit $status

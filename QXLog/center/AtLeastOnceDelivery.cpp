@@ -19,6 +19,9 @@ using Outcome = QXLogCenter::BatchOutcome;
 
 // A refused batch is sent this many more times, then dropped.
 constexpr int kMaxRefusals = 2;
+// Single records refused in a row after which the server is taken to refuse
+// everything (a wrong key or token): batches are then dropped whole.
+constexpr int kRefusedInARow = 3;
 constexpr double kFirstBackoffSeconds = 1;
 constexpr double kMaxBackoffSeconds = 300;
 
@@ -42,7 +45,8 @@ AtLeastOnceDelivery::AtLeastOnceDelivery(QXLogCenter& center)
     : center_(center),
       durable_(std::make_shared<platform::DurableFlush>(center.env().globalQueue())),
       journal_(center.env(), durable_),
-      jitter_(std::random_device{}()) {}
+      jitter_(std::random_device{}()),
+      diagnoses_(center) {}
 
 AtLeastOnceDelivery::~AtLeastOnceDelivery() = default;
 
@@ -100,8 +104,19 @@ void AtLeastOnceDelivery::dropSealedLocked() {
 // At the queue limit the oldest records make room, in steps of a hundredth
 // of the limit so that a long outage does not rewrite the position on every
 // store; a sealed batch holding them goes whole.
-void AtLeastOnceDelivery::makeRoomLocked(Reports& reports) {
+void AtLeastOnceDelivery::makeRoomLocked(Reports& reports, std::size_t batch) {
   std::size_t limit = std::max<std::size_t>(center_.queueLimit(), 1);
+  // Below two batches the batch that is out would be dropped by the records
+  // gathering behind it, and nothing would ever be delivered.
+  if (std::size_t needed = 2 * batch; limit < needed) {
+    if (raisedLimit_ != needed) {
+      raisedLimit_ = needed;
+      reports.lines.push_back("QXLog: queue limit " + std::to_string(limit) +
+                              " is below what one batch needs, raised to " +
+                              std::to_string(needed));
+    }
+    limit = needed;
+  }
   std::size_t size = journal_.pending().size();
   if (size < limit) return;
   std::size_t want = size - limit + std::max<std::size_t>(limit / 100, 1);
@@ -110,6 +125,8 @@ void AtLeastOnceDelivery::makeRoomLocked(Reports& reports) {
     dropped = sealed_->records;
     dropSealedLocked();
   }
+  suspect_ = 0;
+  piece_ = 0;
   if (dropped < want) {
     // A batch being cut now may hold what goes: it is cut again later.
     if (sealing_) ++generation_;
@@ -125,11 +142,13 @@ void AtLeastOnceDelivery::makeRoomLocked(Reports& reports) {
 void AtLeastOnceDelivery::storeAction(Dictionary record) {
   std::string payload;
   serial::appendJson(payload, Value(std::move(record)));
+  const auto batch = static_cast<std::size_t>(
+      std::clamp<int64_t>(center_.format().limitLogCount(), 1, kMaxBatchRecords));
   Reports reports;
   {
     MutexLock lock(mutex_);
     openLocked(reports);
-    makeRoomLocked(reports);
+    makeRoomLocked(reports, batch);
     if (!journal_.append(payload)) {
       reports.lines.push_back("QXLog: a record could not be written to the journal, dropped");
       reports.reports.push_back({Outcome::kDropped, 1, "journal not writable"});
@@ -167,7 +186,13 @@ Array AtLeastOnceDelivery::actionRecords() {
 }
 
 std::size_t AtLeastOnceDelivery::unconfirmed() {
-  return actionCount();
+  return actionCount() + diagnoses_.count();
+}
+
+bool AtLeastOnceDelivery::keepDiagnosis(const Dictionary& envelope, const std::string& url,
+                                        bool announceGzip) {
+  diagnoses_.keep(envelope, url, announceGzip);
+  return true;
 }
 
 void AtLeastOnceDelivery::submit() {
@@ -189,6 +214,8 @@ void AtLeastOnceDelivery::submit() {
     }
   }
   tell(reports);
+  // Diagnoses left by an earlier process go out with the first submission.
+  diagnoses_.resume();
   if (resend) return send(*resend, generation);
   if (cut) center_.env().globalQueue()->async([this, generation] { seal(generation); });
 }
@@ -222,6 +249,7 @@ void AtLeastOnceDelivery::seal(uint64_t generation) {
       return;
     }
     batch.records = std::min(pending.size(), kMaxBatchRecords);
+    if (piece_ != 0) batch.records = std::min(batch.records, piece_);
     payloads.reserve(batch.records);
     for (std::size_t i = 0; i < batch.records; ++i) payloads.push_back(pending[i].payload);
     batch.end = pending[batch.records - 1].end;
@@ -277,26 +305,55 @@ void AtLeastOnceDelivery::answered(uint64_t generation, const platform::HttpResp
     MutexLock lock(mutex_);
     if (generation != generation_ || !sealed_) return;
   }
-  std::optional<Value> answer = acceptedAnswer(response);
-  if (!answer) return retry(failureReason(response));
-  if (confirmsBatch(*answer)) return settle(Outcome::kConfirmed, "");
-  // Another code refuses the content itself: a few more tries, then it goes.
+  AnswerVerdict verdict = judgeAnswer(response);
+  if (verdict.kind == AnswerVerdict::Kind::kConfirmed) return settle(Outcome::kConfirmed, "");
+  if (verdict.kind == AnswerVerdict::Kind::kTransient) {
+    return retry(verdict.reason, verdict.retryAfterSeconds);
+  }
+  std::size_t split = 0;
   bool again = false;
   {
     MutexLock lock(mutex_);
-    again = ++refusals_ <= kMaxRefusals;
+    if (generation != generation_ || !sealed_) return;
+    if (sealed_->records > 1 && refusedInARow_ < kRefusedInARow) {
+      split = sealed_->records;
+      splitLocked();
+    } else {
+      again = ++refusals_ <= kMaxRefusals;
+    }
   }
-  if (again) return retry(refusalReason(*answer));
-  settle(Outcome::kDropped, refusalReason(*answer));
+  if (split != 0) {
+    tell({{{Outcome::kRetrying, split, verdict.reason}}, {}, false});
+    return submit();
+  }
+  if (again) return retry(verdict.reason, -1);
+  settle(Outcome::kDropped, verdict.reason);
 }
 
-void AtLeastOnceDelivery::retry(const std::string& reason) {
+void AtLeastOnceDelivery::splitLocked() {
+  suspect_ = sealed_->records;
+  piece_ = (suspect_ + 1) / 2;
+  sealed_.reset();
+  center_.env().files().remove(inFlightPath());
+  out_ = false;
+  waitingRetry_ = false;
+  ++retryTicket_;
+  failures_ = 0;
+  refusals_ = 0;
+  ++generation_;
+}
+
+void AtLeastOnceDelivery::retry(const std::string& reason, int64_t retryAfterSeconds) {
   std::chrono::nanoseconds delay{};
   std::size_t records = 0;
   uint64_t ticket = 0;
   {
     MutexLock lock(mutex_);
     delay = backoff(failures_++, jitter_);
+    if (retryAfterSeconds >= 0) {
+      delay = std::chrono::seconds(
+          std::min<int64_t>(retryAfterSeconds, static_cast<int64_t>(kMaxBackoffSeconds)));
+    }
     records = sealed_ ? sealed_->records : 0;
     ticket = ++retryTicket_;
     waitingRetry_ = true;
@@ -323,9 +380,21 @@ void AtLeastOnceDelivery::settle(Outcome outcome, const std::string& reason) {
     MutexLock lock(mutex_);
     if (!sealed_) return;
     records = sealed_->records;
+    // The records of a split batch were due: they go on at once, also
+    // those after the suspect ones.
+    bool splitGoesOn = suspect_ != 0;
+    if (suspect_ != 0) {
+      suspect_ -= std::min(records, suspect_);
+      piece_ = suspect_ == 0 ? 0 : std::min(piece_, suspect_);
+    }
+    if (outcome == Outcome::kConfirmed) {
+      refusedInARow_ = 0;
+    } else if (records == 1) {
+      ++refusedInARow_;
+    }
     dropSealedLocked();
     if (journal_.pending().empty()) flushing_ = false;
-    more = flushing_;
+    more = flushing_ || (splitGoesOn && !journal_.pending().empty());
   }
   if (outcome == Outcome::kDropped) {
     center_.env().consoleWrite("QXLog: dropped a batch of " + std::to_string(records) +

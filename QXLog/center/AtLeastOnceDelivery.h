@@ -2,10 +2,21 @@
 // until an answer "200" confirms the upload that carried them. One batch of
 // the oldest records is out at a time; it is cut and sealed once, on the
 // global queue, and kept in "QXLogJournal.inflight" so that every attempt,
-// also after a restart, posts the same "log_data" (with the day's token). Transport failures are
-// retried with backoff (1 s doubling to 5 minutes); a refused batch is tried three times and then
-// dropped. Beyond the queue limit the oldest records are dropped. Switching from the described
-// delivery carries its queue file's records into the journal once.
+// also after a restart, posts the same "log_data" (with the day's token).
+//
+// Answers by kind (judgeAnswer): no answer, 408, 429 and 5xx are retried with
+// backoff (1 s doubling to 5 minutes; a "Retry-After" on 429 and 503 is
+// waited instead, up to 5 minutes). A refused batch of more than one record
+// is split: its first half is sealed and sent on its own, then the rest, and
+// so on down to the record that is refused, so that one bad record costs
+// that record alone. A single refused record is tried three times and then
+// dropped with the refusal as reason. Once three records in a row were
+// dropped that way (a wrong key or token refuses everything), refused batches
+// are no longer split but dropped whole after three tries, until an upload is
+// confirmed again.
+//
+// Beyond the queue limit the oldest records are dropped. Switching from the
+// described delivery carries its queue file's records into the journal once.
 //
 // Thread-safe. The reporting thread only frames and appends the record.
 // Answers are handled on the main queue. No host callback runs under the
@@ -23,6 +34,7 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/center/DeliveryPolicy.h"
+#include "QXLog/center/DiagnosisQueue.h"
 #include "QXLog/center/Journal.h"
 #include "QXLog/center/SealedBatch.h"
 #include "QXLog/center/ThreadAnnotations.h"
@@ -40,6 +52,9 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   void submit() override EXCLUDES(mutex_);
   void flush() override EXCLUDES(mutex_);
   std::size_t unconfirmed() override EXCLUDES(mutex_);
+  // Diagnoses are kept and delivered at least once as well (DiagnosisQueue).
+  bool keepDiagnosis(const Dictionary& envelope, const std::string& url,
+                     bool announceGzip) override;
 
  private:
   struct Report {
@@ -56,13 +71,17 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   };
 
   void openLocked(Reports& reports) REQUIRES(mutex_);
-  void makeRoomLocked(Reports& reports) REQUIRES(mutex_);
+  // `batch` is the batch size: the limit is raised to hold two batches (one
+  // out, one gathering), with one console line.
+  void makeRoomLocked(Reports& reports, std::size_t batch) REQUIRES(mutex_);
   void dropSealedLocked() REQUIRES(mutex_);
   // Cuts the oldest records into a batch and seals it; on the global queue.
   void seal(uint64_t generation) EXCLUDES(mutex_);
   void send(const SealedBatch& batch, uint64_t generation) EXCLUDES(mutex_);
   void answered(uint64_t generation, const platform::HttpResponse& response) EXCLUDES(mutex_);
-  void retry(const std::string& reason) EXCLUDES(mutex_);
+  void retry(const std::string& reason, int64_t retryAfterSeconds) EXCLUDES(mutex_);
+  // Takes the refused sealed batch back unsettled; its first half goes next.
+  void splitLocked() REQUIRES(mutex_);
   void settle(QXLogCenter::BatchOutcome outcome, const std::string& reason) EXCLUDES(mutex_);
   void tell(const Reports& reports) EXCLUDES(mutex_);
   std::string inFlightPath() const;
@@ -82,6 +101,13 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   bool flushing_ GUARDED_BY(mutex_) = false;
   int failures_ GUARDED_BY(mutex_) = 0;
   int refusals_ GUARDED_BY(mutex_) = 0;
+  // After a split: how many of the oldest pending records hold a refused
+  // one, and the most records a batch carries until they are settled.
+  std::size_t suspect_ GUARDED_BY(mutex_) = 0;
+  std::size_t piece_ GUARDED_BY(mutex_) = 0;
+  // Single records dropped as refused since the last confirmation; from
+  // kRefusedInARow on, refused batches are not split.
+  int refusedInARow_ GUARDED_BY(mutex_) = 0;
   // Changes whenever the sealed batch settles or is dropped: answers and
   // seals of an older generation are stale.
   uint64_t generation_ GUARDED_BY(mutex_) = 0;
@@ -89,7 +115,10 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   bool waitingRetry_ GUARDED_BY(mutex_) = false;
   // Changes when a waiting retry is overtaken (by a flush) or moot.
   uint64_t retryTicket_ GUARDED_BY(mutex_) = 0;
+  // The queue limit last raised to hold two batches, told once.
+  std::size_t raisedLimit_ GUARDED_BY(mutex_) = 0;
   std::minstd_rand jitter_ GUARDED_BY(mutex_);
+  DiagnosisQueue diagnoses_;
 };
 
 }  // namespace qxlog::center

@@ -7,6 +7,7 @@
 #define QXLOG_CENTER_DELIVERYPOLICY_H_
 
 #include <cstddef>
+#include <string>
 
 #include "QXLog/QXLogValue.h"
 
@@ -28,6 +29,13 @@ class DeliveryPolicy {
   virtual void flush() = 0;
   // Records kept or out that no answer has confirmed yet.
   virtual std::size_t unconfirmed() = 0;
+  // Takes over a diagnosis upload (its envelope, resolved URL and whether it
+  // announces gzip) to deliver it itself; false leaves it to the center,
+  // which posts it once.
+  virtual bool keepDiagnosis(const Dictionary& /*envelope*/, const std::string& /*url*/,
+                             bool /*announceGzip*/) {
+    return false;
+  }
 };
 
 }  // namespace qxlog::center

@@ -69,6 +69,11 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
     upload->url = url;
     upload->announceGzip = true;
   }
+  // At least once, the policy keeps diagnoses until they are confirmed.
+  if (diagnosis &&
+      policy().keepDiagnosis(upload->envelope, upload->url.value_or(""), upload->announceGzip)) {
+    return;
+  }
   send(std::move(upload));
 }
 

@@ -82,4 +82,22 @@ std::string refusalReason(const Value& answer) {
   return "refused: operate_code " + serial::describe(*code);
 }
 
+AnswerVerdict judgeAnswer(const platform::HttpResponse& response) {
+  using Kind = AnswerVerdict::Kind;
+  const long status = response.status;
+  if (!response.completed || status < 200 || status > 299) {
+    bool refused =
+        response.completed && status >= 400 && status <= 499 && status != 408 && status != 429;
+    AnswerVerdict verdict{refused ? Kind::kRefused : Kind::kTransient, failureReason(response)};
+    if (response.completed && (status == 429 || status == 503)) {
+      verdict.retryAfterSeconds = response.retryAfterSeconds;
+    }
+    return verdict;
+  }
+  std::optional<Value> answer = acceptedAnswer(response);
+  if (!answer) return {Kind::kTransient, failureReason(response)};
+  if (confirmsBatch(*answer)) return {Kind::kConfirmed, ""};
+  return {Kind::kRefused, refusalReason(*answer)};
+}
+
 }  // namespace qxlog::center

@@ -4,6 +4,7 @@
 #define QXLOG_CENTER_UPLOAD_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -38,6 +39,19 @@ bool confirmsBatch(const Value& answer);
 // answer refused the batch, for the console and the delivery handler.
 std::string failureReason(const platform::HttpResponse& response);
 std::string refusalReason(const Value& answer);
+
+// What an answer means for the records it carried, at least once: confirmed;
+// transient (no answer, 408, 429, 5xx, or an unreadable 2xx answer: sent
+// again later); or refused (any other 4xx, or a readable answer with another
+// "operate_code": the content itself is turned down). `retryAfterSeconds` is
+// the "Retry-After" of a 429 or 503, -1 otherwise.
+struct AnswerVerdict {
+  enum class Kind { kConfirmed, kTransient, kRefused };
+  Kind kind = Kind::kTransient;
+  std::string reason;
+  int64_t retryAfterSeconds = -1;
+};
+AnswerVerdict judgeAnswer(const platform::HttpResponse& response);
 
 }  // namespace qxlog::center
 

@@ -117,6 +117,11 @@ HttpResponse CurlTransport::perform(const HttpRequest& request) {
   const char* contentType = nullptr;
   curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_TYPE, &contentType);
   if (contentType != nullptr) response.contentType = contentType;
+  curl_off_t retryAfter = 0;
+  if (curl_easy_getinfo(easy.get(), CURLINFO_RETRY_AFTER, &retryAfter) == CURLE_OK &&
+      retryAfter > 0) {
+    response.retryAfterSeconds = static_cast<int64_t>(retryAfter);
+  }
   return response;
 }
 

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,6 +31,9 @@ struct HttpResponse {
   long status = 0;
   std::string contentType;
   std::string body;
+  // The answer's "Retry-After", in seconds (a date is counted from now); -1
+  // when it has none.
+  int64_t retryAfterSeconds = -1;
 };
 
 // Answers are read up to this size; a larger one fails the exchange, so that a

@@ -2,8 +2,14 @@
 // retries and drops, and what the delivery handler is told.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <random>
 
 #include "QXLog/QXLog.h"
 #include "QXLog/center/Journal.h"
@@ -134,6 +140,8 @@ TEST_F(DeliveryTest, TransportFailuresAreRetriedWithGrowingWaitsUntilConfirmed) 
   EXPECT_TRUE(center().actionLog().empty());
   EXPECT_EQ(outcomes(), "R1 R1 R1 C1 C1 ");
   EXPECT_EQ(reports_[0].reason, "status 503");
+  // A batch's console line is written when it is sealed, not on each attempt.
+  EXPECT_EQ(console_->countStartingWith("Ostra->LogContent:"), 2u);
 }
 
 TEST_F(DeliveryTest, ARefusedBatchIsTriedThreeTimesThenDroppedAlone) {
@@ -193,13 +201,166 @@ TEST_F(DeliveryTest, TheQueueLimitDropsTheOldestAndCountsThem) {
   atLeastOnce();
   QXLogSetQueueLimit(3);
   format().setPushLogUrl(refusedUrl("/log"));
-  format().setLimitLogCount(100000);
   for (int i = 0; i < 5; ++i) recordActionLog(std::to_string(i).c_str(), "");
   settle();
   EXPECT_EQ(queuedOnDisk(), (std::vector<std::string>{"2", "3", "4"}));
   EXPECT_EQ(outcomes(), "D1 D1 ");
   EXPECT_EQ(reports_[0].reason, "queue limit");
   EXPECT_EQ(console_->countStartingWith("QXLog: queue limit reached"), 2u);
+}
+
+// Sums the records of each outcome: "C19 D1 " and the like, retries left out.
+std::string settledTotals(const std::vector<Report>& reports) {
+  std::size_t confirmed = 0, dropped = 0;
+  for (const Report& report : reports) {
+    if (report.outcome == Outcome::kConfirmed) confirmed += report.records;
+    if (report.outcome == Outcome::kDropped) dropped += report.records;
+  }
+  return "C" + std::to_string(confirmed) + " D" + std::to_string(dropped) + " ";
+}
+
+TEST_F(DeliveryTest, AQueueLimitBelowTwoBatchesIsRaisedSoThatBatchesStillGoOut) {
+  atLeastOnce();
+  QXLogSetQueueLimit(1);
+  format().setLimitLogCount(20);
+  for (int round = 0; round < 8; ++round) {
+    for (int i = 0; i < 25; ++i) recordActionLog(std::to_string(round * 25 + i).c_str(), "");
+    settle();
+  }
+  EXPECT_EQ(allSentItems().size(), 200u);
+  EXPECT_EQ(settledTotals(reports_), "C200 D0 ");
+  EXPECT_EQ(console_->countStartingWith("QXLog: queue limit 1 is below what one batch needs, "
+                                        "raised to 40"),
+            1u);
+}
+
+TEST_F(DeliveryTest, ARecordTooLargeForTheServerCostsThatRecordAlone) {
+  atLeastOnce();
+  format().setLimitLogCount(20);
+  constexpr std::size_t kTooLarge = 20000;
+  server_->setResponder([](const ReceivedRequest& request) -> std::optional<ScriptedAnswer> {
+    if (request.param("log_data").size() <= kTooLarge) return std::nullopt;
+    return ScriptedAnswer{413, "text/plain", "log_data: over the limit\n"};
+  });
+  // Digits that do not compress: the poison record alone is over the limit.
+  std::minstd_rand digits(7);
+  std::string poison;
+  for (int i = 0; i < 60000; ++i) poison += static_cast<char>('0' + digits() % 10);
+  for (int i = 0; i < 20; ++i) {
+    recordActionLog(i == 7 ? poison.c_str() : std::to_string(i).c_str(), "");
+  }
+  dispatcher_->advance(seconds(30));
+
+  std::vector<std::string> delivered;
+  std::vector<ReceivedRequest> sent = server_->requests();
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    if (sent[i].param("log_data").size() > kTooLarge) continue;
+    for (const std::string& item : sentItems(i)) delivered.push_back(item);
+  }
+  std::vector<std::string> expected;
+  for (int i = 0; i < 20; ++i) {
+    if (i != 7) expected.push_back(std::to_string(i));
+  }
+  EXPECT_EQ(delivered, expected);
+  EXPECT_EQ(settledTotals(reports_), "C19 D1 ");
+  ASSERT_EQ(reports_.back().outcome, Outcome::kConfirmed);
+  const Report& dropped = reports_[reports_.size() - 2];
+  EXPECT_EQ(dropped.outcome, Outcome::kDropped);
+  EXPECT_EQ(dropped.records, 1u);
+  EXPECT_EQ(dropped.reason, "status 413");
+  EXPECT_LE(sent.size(), 12u);
+  EXPECT_TRUE(queuedOnDisk().empty());
+  // One line for scripts/reliability.sh.
+  std::printf(
+      "poison record: reported 20, delivered %zu, handler confirmed/dropped %s"
+      "requests %zu\n",
+      delivered.size(), settledTotals(reports_).c_str(), sent.size());
+}
+
+TEST_F(DeliveryTest, RetryAfterIsWaitedOn429And503WithinFiveMinutes) {
+  struct Case {
+    int status;
+    const char* retryAfter;
+    int64_t earliestMillis, latestMillis;
+  } cases[] = {
+      {503, "7", 7000, 7000},
+      {429, "2", 2000, 2000},
+      {503, "99999", 300000, 300000},
+      {500, "7", 500, 1000},  // not honoured: the usual backoff
+  };
+  atLeastOnce();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.status);
+    std::size_t before = server_->requestCount();
+    server_->script({c.status, "text/plain", "later\n", {{"Retry-After", c.retryAfter}}});
+    recordActionLog("x", "");
+    settle();
+    ASSERT_EQ(server_->requestCount(), before + 1);
+    int64_t waited = 0;
+    while (server_->requestCount() == before + 1 && waited < 400000) {
+      dispatcher_->advance(milliseconds(250));
+      waited += 250;
+    }
+    EXPECT_GE(waited, c.earliestMillis);
+    EXPECT_LE(waited, c.latestMillis + 250);
+  }
+  EXPECT_EQ(settledTotals(reports_), "C4 D0 ");
+}
+
+TEST_F(DeliveryTest, WithAWrongKeyEveryRecordEndsDroppedWithTheReasonAndRetriesStop) {
+  atLeastOnce();
+  format().setLimitLogCount(20);
+  server_->setFallback({400, "text/plain", "log_data: cannot decrypt\n"});
+  for (int i = 0; i < 20; ++i) recordActionLog(std::to_string(i).c_str(), "");
+  dispatcher_->advance(seconds(120));
+  EXPECT_EQ(settledTotals(reports_), "C0 D20 ");
+  for (const Report& report : reports_) EXPECT_EQ(report.reason, "status 400");
+  EXPECT_TRUE(queuedOnDisk().empty());
+  std::size_t requests = server_->requestCount();
+  EXPECT_LE(requests, 40u);
+
+  // Further batches are no longer split: three tries each, then dropped whole.
+  for (int i = 0; i < 20; ++i) recordActionLog(std::to_string(i).c_str(), "");
+  dispatcher_->advance(seconds(600));
+  EXPECT_EQ(server_->requestCount(), requests + 3);
+  EXPECT_EQ(settledTotals(reports_), "C0 D40 ");
+  EXPECT_EQ(console_->countStartingWith("QXLog: dropped a batch of 20 records after 3 refusals"),
+            1u);
+}
+
+TEST_F(DeliveryTest, DiagnosesReportedDuringAnOutageArriveAfterTheServerReturns) {
+  atLeastOnce();
+  auto down = std::make_shared<std::atomic<bool>>(true);
+  server_->setResponder([down](const ReceivedRequest&) -> std::optional<ScriptedAnswer> {
+    if (!*down) return std::nullopt;
+    return ScriptedAnswer{503, "text/plain", "store: unavailable\n"};
+  });
+  for (int i = 0; i < 5; ++i) {
+    recordDiagnosLog(std::to_string(i).c_str(), "cause", "p3", "p4", "p5", "p6", "p7", "p8");
+  }
+  dispatcher_->advance(seconds(4));
+  std::size_t refused = server_->requestCount();
+  EXPECT_GE(refused, 2u);
+  EXPECT_EQ(settledTotals(reports_), "C0 D0 ");
+  // Kept on disk meanwhile.
+  std::ifstream file(documentsPath("QXLogDiagnoses.json"));
+  std::string kept((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  std::optional<Value> onDisk = serial::parseJson(kept);
+  ASSERT_TRUE(onDisk && onDisk->asArray());
+  EXPECT_EQ(onDisk->asArray()->size(), 5u);
+  *down = false;
+  dispatcher_->advance(seconds(30));
+
+  std::vector<std::string> arrived;
+  std::vector<ReceivedRequest> sent = server_->requests();
+  for (std::size_t i = refused; i < sent.size(); ++i) {
+    if (sent[i].path == "/diagnosis") arrived.push_back(sent[i].param("diagnosis_log"));
+  }
+  EXPECT_EQ(arrived.size(), 5u);
+  EXPECT_EQ(settledTotals(reports_), "C5 D0 ");
+  std::printf("diagnoses outage: reported 5, arrived %zu within 30 s of the server's return\n",
+              arrived.size());
+  EXPECT_FALSE(std::filesystem::exists(documentsPath("QXLogDiagnoses.json")));
 }
 
 // The C handler sees the same reports as the C++ one.

@@ -22,9 +22,15 @@ TestServer::TestServer() {
     std::lock_guard lock(mutex_);
     requests_.push_back(
         {request.method, request.path, request.query, request.headers, request.params});
-    ScriptedAnswer answer = script_.empty() ? fallback_ : script_.front();
-    if (!script_.empty()) script_.pop_front();
-    return collector::HttpServerAnswer{answer.status, answer.contentType, answer.body};
+    std::optional<ScriptedAnswer> answer;
+    if (responder_) answer = responder_(requests_.back());
+    if (!answer) {
+      answer = script_.empty() ? fallback_ : script_.front();
+      if (!script_.empty()) script_.pop_front();
+    }
+    collector::HttpServerAnswer reply{answer->status, answer->contentType, answer->body};
+    reply.headers = answer->headers;
+    return reply;
   };
   server_ = std::make_unique<collector::HttpServer>(collector::HttpServer::Options(), handle);
   if (!server_->start()) ADD_FAILURE() << "test server: " << server_->error();
@@ -41,6 +47,12 @@ std::string TestServer::url(const std::string& path) const {
 void TestServer::script(ScriptedAnswer answer) {
   std::lock_guard lock(mutex_);
   script_.push_back(std::move(answer));
+}
+
+void TestServer::setResponder(
+    std::function<std::optional<ScriptedAnswer>(const ReceivedRequest&)> responder) {
+  std::lock_guard lock(mutex_);
+  responder_ = std::move(responder);
 }
 
 void TestServer::setFallback(ScriptedAnswer answer) {

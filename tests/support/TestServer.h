@@ -4,9 +4,11 @@
 #define QXLOG_TESTS_SUPPORT_TESTSERVER_H_
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,8 @@ struct ScriptedAnswer {
   int status = 200;
   std::string contentType = "application/json";
   std::string body = R"({"operate_code":"200"})";
+  // Further headers, such as "Retry-After".
+  std::vector<std::pair<std::string, std::string>> headers = {};
 
   static ScriptedAnswer json(std::string body) {
     return ScriptedAnswer{200, "application/json", std::move(body)};
@@ -46,6 +50,8 @@ class TestServer {
   // Answers for the next requests, in order; afterwards `fallback` answers.
   void script(ScriptedAnswer answer);
   void setFallback(ScriptedAnswer answer);
+  // Answers each request for which it returns an answer, before the script.
+  void setResponder(std::function<std::optional<ScriptedAnswer>(const ReceivedRequest&)> responder);
   std::vector<ReceivedRequest> requests() const;
   std::size_t requestCount() const;
 
@@ -54,6 +60,7 @@ class TestServer {
   mutable std::mutex mutex_;
   std::deque<ScriptedAnswer> script_;
   ScriptedAnswer fallback_;
+  std::function<std::optional<ScriptedAnswer>(const ReceivedRequest&)> responder_;
   std::vector<ReceivedRequest> requests_;
 };
 

@@ -1,0 +1,172 @@
+#include "QXLog/center/DiagnosisQueue.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <optional>
+
+#include "QXLog/center/Upload.h"
+#include "QXLog/platform/Env.h"
+#include "QXLog/platform/FileSystem.h"
+#include "QXLog/serial/Json.h"
+#include "QXLog/support/Token.h"
+
+namespace qxlog::center {
+namespace {
+
+using Outcome = QXLogCenter::BatchOutcome;
+
+constexpr int kMaxRefusals = 2;
+constexpr double kMaxBackoffSeconds = 300;
+
+std::chrono::nanoseconds backoff(int failures, int64_t retryAfterSeconds,
+                                 std::minstd_rand& jitter) {
+  if (retryAfterSeconds >= 0) {
+    return std::chrono::seconds(
+        std::min<int64_t>(retryAfterSeconds, static_cast<int64_t>(kMaxBackoffSeconds)));
+  }
+  double span = std::min(std::ldexp(1.0, std::min(failures, 30)), kMaxBackoffSeconds);
+  std::uniform_real_distribution<double> share(0.5, 1.0);
+  return std::chrono::nanoseconds(static_cast<int64_t>(span * share(jitter) * 1e9));
+}
+
+}  // namespace
+
+DiagnosisQueue::DiagnosisQueue(QXLogCenter& center)
+    : center_(center), jitter_(std::random_device{}()) {}
+
+void DiagnosisQueue::openLocked() {
+  if (opened_) return;
+  opened_ = true;
+  const platform::Env& env = center_.env();
+  platform::RegularFileRead read =
+      env.files().readRegularFile(env.documentsPath(kDiagnosisQueueFile), kMaxFileBytes);
+  if (read.outcome != platform::RegularFileRead::Outcome::kRead) return;
+  std::optional<Value> kept = serial::parseJson(read.contents);
+  if (!kept || !kept->asArray()) return;
+  for (const Value& entry : *kept->asArray()) {
+    const Dictionary* fields = entry.asDictionary();
+    if (fields == nullptr || fields->find("envelope") == nullptr ||
+        !fields->find("envelope")->isDictionary()) {
+      continue;
+    }
+    if (kept_.size() < kMaxKept) kept_.push_back(*fields);
+  }
+}
+
+void DiagnosisQueue::saveLocked() {
+  const platform::Env& env = center_.env();
+  std::string path = env.documentsPath(kDiagnosisQueueFile);
+  if (kept_.empty()) {
+    env.files().remove(path);
+    return;
+  }
+  std::string json;
+  serial::appendJson(json, Value(Array(kept_.begin(), kept_.end())));
+  env.files().replaceAtomically(path, json);
+}
+
+void DiagnosisQueue::keep(const Dictionary& envelope, const std::string& url, bool announceGzip) {
+  Dictionary entry;
+  entry.set("url", Value(url));
+  entry.set("gzip", Value(announceGzip));
+  entry.set("envelope", Value(envelope));
+  bool dropped = false;
+  {
+    MutexLock lock(mutex_);
+    openLocked();
+    if (kept_.size() >= kMaxKept) {
+      // The oldest goes; if it is out, its answer is stale.
+      kept_.pop_front();
+      if (out_) {
+        ++generation_;
+        out_ = false;
+        failures_ = 0;
+        refusals_ = 0;
+      }
+      dropped = true;
+    }
+    kept_.push_back(std::move(entry));
+    saveLocked();
+  }
+  if (dropped) center_.reportBatch(Outcome::kDropped, 1, "queue limit");
+  sendNext();
+}
+
+void DiagnosisQueue::resume() {
+  sendNext();
+}
+
+std::size_t DiagnosisQueue::count() {
+  MutexLock lock(mutex_);
+  openLocked();
+  return kept_.size();
+}
+
+void DiagnosisQueue::sendNext() {
+  Dictionary entry;
+  uint64_t generation = 0;
+  {
+    MutexLock lock(mutex_);
+    openLocked();
+    if (out_ || kept_.empty()) return;
+    out_ = true;
+    entry = kept_.front();
+    generation = generation_;
+  }
+  Dictionary envelope = *entry.find("envelope")->asDictionary();
+  // The day's token: the log server accepts only recent ones.
+  if (envelope.find("token") != nullptr) {
+    envelope.setString("token", support::dayToken(center_.env().clock()));
+  }
+  const Value* url = entry.find("url");
+  const bool* gzip = entry.find("gzip") != nullptr ? entry.find("gzip")->asBool() : nullptr;
+  platform::HttpRequest request =
+      makeUploadRequest(envelope, url != nullptr && url->asString() ? *url->asString() : "",
+                        gzip != nullptr && *gzip);
+  center_.env().globalQueue()->async([this, generation, request = std::move(request)] {
+    platform::HttpResponse response = center_.env().performHttp(request);
+    center_.env().mainQueue()->async(
+        [this, generation, response = std::move(response)] { answered(generation, response); });
+  });
+}
+
+void DiagnosisQueue::answered(uint64_t generation, const platform::HttpResponse& response) {
+  AnswerVerdict verdict = judgeAnswer(response);
+  Outcome outcome = Outcome::kConfirmed;
+  std::chrono::nanoseconds delay{};
+  {
+    MutexLock lock(mutex_);
+    if (generation != generation_ || kept_.empty()) return;
+    bool settles = verdict.kind == AnswerVerdict::Kind::kConfirmed ||
+                   (verdict.kind == AnswerVerdict::Kind::kRefused && ++refusals_ > kMaxRefusals);
+    if (settles) {
+      outcome =
+          verdict.kind == AnswerVerdict::Kind::kConfirmed ? Outcome::kConfirmed : Outcome::kDropped;
+      kept_.pop_front();
+      saveLocked();
+      out_ = false;
+      failures_ = 0;
+      refusals_ = 0;
+      ++generation_;
+    } else {
+      outcome = Outcome::kRetrying;
+      delay = backoff(failures_++, verdict.retryAfterSeconds, jitter_);
+    }
+  }
+  center_.reportBatch(outcome, 1, verdict.reason);
+  if (outcome != Outcome::kRetrying) return sendNext();
+  // The diagnosis stays out until its retry, so that none overtakes it.
+  center_.env().mainQueue()->post(
+      [this, generation] {
+        {
+          MutexLock lock(mutex_);
+          if (generation != generation_) return;
+          out_ = false;
+        }
+        sendNext();
+      },
+      delay);
+}
+
+}  // namespace qxlog::center
