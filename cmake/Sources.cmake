@@ -7,6 +7,7 @@ set(QXLOG_LIBRARY_SOURCES
   QXLog/center/CenterEnvironment.cpp
   QXLog/center/CenterRegistry.cpp
   QXLog/center/DescribedDelivery.cpp
+  QXLog/center/DiagnosisQueue.cpp
   QXLog/center/Journal.cpp
   QXLog/center/PendingQueue.cpp
   QXLog/center/PushTimer.cpp
