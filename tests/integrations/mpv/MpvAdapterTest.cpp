@@ -42,7 +42,8 @@ struct Delivered {
 // What the host saw through its own handle: the ground truth.
 struct HostView {
   RealClock::time_point loaded;
-  std::optional<int64_t> firstRestartMillis;  // since loadfile
+  std::optional<RealClock::time_point> fileStarted;
+  std::optional<int64_t> firstRestartMillis;  // since the file started
   int64_t stallMillis = 0;                    // paused-for-cache spans, summed
   int stalls = 0;
   std::optional<RealClock::time_point> stallBegan;
@@ -120,8 +121,10 @@ class MpvAdapterTest : public UploadTest {
   }
 
   static void observe(const mpv_event& event, HostView& view) {
-    if (event.event_id == MPV_EVENT_PLAYBACK_RESTART && !view.firstRestartMillis) {
-      view.firstRestartMillis = millisSince(view.loaded);
+    if (event.event_id == MPV_EVENT_START_FILE && !view.fileStarted) {
+      view.fileStarted = RealClock::now();
+    } else if (event.event_id == MPV_EVENT_PLAYBACK_RESTART && !view.firstRestartMillis) {
+      view.firstRestartMillis = millisSince(view.fileStarted.value_or(view.loaded));
     } else if (event.event_id == MPV_EVENT_END_FILE) {
       view.ended = true;
     } else if (event.event_id == MPV_EVENT_PROPERTY_CHANGE) {
