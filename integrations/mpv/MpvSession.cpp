@@ -72,6 +72,13 @@ MpvSession::MpvSession(mpv_handle* client, PlayIdentity identity)
 MpvSession::~MpvSession() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (client_ != nullptr) {
+      // A round trip through the core: whatever it told its clients before
+      // (a file's end the host has just seen) is then in this handle's
+      // queue too, for the thread to handle before it stops.
+      int64_t idle = 0;
+      mpv_get_property(client_, "idle-active", MPV_FORMAT_FLAG, &idle);
+    }
     stopping_ = true;
     if (client_ != nullptr) mpv_wakeup(client_);
   }
