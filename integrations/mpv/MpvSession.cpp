@@ -59,29 +59,29 @@ std::optional<std::string> failureOf(const mpv_event_end_file& end) {
 MpvSession::MpvSession(mpv_handle* client, PlayIdentity identity)
     : driver_(std::move(identity)), client_(client) {
   for (const Observation& o : kObservations) {
-    mpv_observe_property(client_, o.id, o.name, o.format);
+    mpv_observe_property(client, o.id, o.name, o.format);
   }
   // A file already playing when the session attaches is a play from now on.
-  int64_t idle = 1;
-  if (mpv_get_property(client_, "idle-active", MPV_FORMAT_FLAG, &idle) >= 0 && idle == 0) {
-    driver_.fileStarted(pathOf(client_));
+  int idle = 1;
+  if (mpv_get_property(client, "idle-active", MPV_FORMAT_FLAG, &idle) >= 0 && idle == 0) {
+    driver_.fileStarted(pathOf(client));
   }
   thread_ = std::thread([this] { run(); });
 }
 
 MpvSession::~MpvSession() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (client_ != nullptr) {
-      // A round trip through the core: whatever it told its clients before
-      // (a file's end the host has just seen) is then in this handle's
-      // queue too, for the thread to handle before it stops.
-      int64_t idle = 0;
-      mpv_get_property(client_, "idle-active", MPV_FORMAT_FLAG, &idle);
-    }
-    stopping_ = true;
-    if (client_ != nullptr) mpv_wakeup(client_);
+  // The handle is only destroyed by the thread at the core's shutdown, which
+  // a detach does not overlap (see QXLogMpvDetach).
+  mpv_handle* client = client_.load();
+  if (client != nullptr) {
+    // A round trip through the core: whatever it told its clients before (a
+    // file's end the host has just seen) is then in this handle's queue too,
+    // for the thread to handle before it stops.
+    int idle = 0;
+    mpv_get_property(client, "idle-active", MPV_FORMAT_FLAG, &idle);
   }
+  stopping_.store(true);
+  if (client != nullptr) mpv_wakeup(client);
   thread_.join();
   driver_.fileEnded(std::nullopt);
   releaseClient();
@@ -89,17 +89,11 @@ MpvSession::~MpvSession() {
 
 void MpvSession::run() {
   for (;;) {
-    mpv_handle* client;
-    bool stopping;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (client_ == nullptr) return;
-      client = client_;
-      stopping = stopping_;
-    }
-    // Only this thread destroys the handle while it runs, so it stays valid
-    // here. Detaching first handles what the core has already told the
-    // handle (a file's end the host saw too), without waiting for more.
+    mpv_handle* client = client_.load();
+    if (client == nullptr) return;
+    const bool stopping = stopping_.load();
+    // Detaching first handles what the core has already told the handle,
+    // without waiting for more; the detach's wakeup ends a wait under way.
     const mpv_event* event = mpv_wait_event(client, stopping ? 0 : -1);
     if (stopping && event->event_id == MPV_EVENT_NONE) return;
     if (!handle(*event)) return;
@@ -107,9 +101,10 @@ void MpvSession::run() {
 }
 
 bool MpvSession::handle(const mpv_event& event) {
+  mpv_handle* client = client_.load();
   switch (event.event_id) {
     case MPV_EVENT_START_FILE:
-      driver_.fileStarted(pathOf(client_));
+      driver_.fileStarted(pathOf(client));
       break;
     case MPV_EVENT_END_FILE:
       driver_.fileEnded(failureOf(*static_cast<const mpv_event_end_file*>(event.data)));
@@ -157,10 +152,8 @@ void MpvSession::propertyChanged(const mpv_event_property& property) {
 }
 
 void MpvSession::releaseClient() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (client_ == nullptr) return;
-  mpv_destroy(client_);
-  client_ = nullptr;
+  mpv_handle* client = client_.exchange(nullptr);
+  if (client != nullptr) mpv_destroy(client);
 }
 
 }  // namespace qxlog::mpv

@@ -5,7 +5,7 @@
 
 #include <mpv/client.h>
 
-#include <mutex>
+#include <atomic>
 #include <thread>
 
 #include "integrations/mpv/MpvPlayDriver.h"
@@ -31,10 +31,11 @@ class MpvSession {
   // Destroys the handle once; the core waits for it at shutdown.
   void releaseClient();
 
-  MpvPlayDriver driver_;  // fed by the session's thread only
-  std::mutex mutex_;      // guards client_ and stopping_ between detach and the thread
-  mpv_handle* client_;
-  bool stopping_ = false;
+  MpvPlayDriver driver_;  // fed by the session's thread, then by the detach after the join
+  // Shared by the thread and the detach: the handle (null once destroyed)
+  // and whether the session is being detached.
+  std::atomic<mpv_handle*> client_;
+  std::atomic<bool> stopping_{false};
   std::thread thread_;
 };
 

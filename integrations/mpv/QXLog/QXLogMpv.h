@@ -51,7 +51,8 @@ typedef struct {
  * last handle before the session has seen the shutdown (mpv does that). */
 QXLOG_EXPORT QXLogMpvSession* QXLogMpvAttach(mpv_handle* mpv, const QXLogMpvOptions* options);
 /* Ends a play still open, stops watching and frees the session. Blocks until
- * the session's thread has finished its last report. NULL is ignored. */
+ * the session's thread has finished its last report. Call it before, not
+ * while, the core is destroyed. NULL is ignored. */
 QXLOG_EXPORT void QXLogMpvDetach(QXLogMpvSession* session);
 
 #ifdef __cplusplus
