@@ -12,6 +12,7 @@
 #include "QXLog/QXLogGst.h"
 #include "QXLog/recording/Gate.h"
 #include "collector/decode/EnvelopeDecoder.h"
+#include "tests/integrations/GeneratedMedia.h"
 #include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
 
@@ -55,25 +56,7 @@ class GstAdapterTest : public UploadTest {
     makeClip();
   }
 
-  // Two seconds of test pattern, 160x120 at 25 frames a second, Theora in Ogg.
-  void makeClip() {
-    const std::string description =
-        "videotestsrc num-buffers=50 ! video/x-raw,width=160,height=120,framerate=25/1 ! "
-        "theoraenc ! oggmux ! filesink location=" +
-        clip_;
-    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
-    ASSERT_NE(pipeline, nullptr);
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    GstBus* bus = gst_element_get_bus(pipeline);
-    GstMessage* end = gst_bus_timed_pop_filtered(
-        bus, 10 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-    ASSERT_NE(end, nullptr);
-    EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS);
-    gst_message_unref(end);
-    gst_object_unref(bus);
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(pipeline);
-  }
+  void makeClip() { makeTheoraClip(clip_); }
 
   // Plays `uri` with the adapter attached until the end of stream, an error
   // or `done`; `react` sees each message after the adapter. Real time,
@@ -308,18 +291,7 @@ TEST_F(GstAdapterTest, AnHlsPlayIsReportedWithItsRenditions) {
         " ! mpeg4videoparse ! hlssink2 target-duration=1 max-files=0 playlist-length=0 "
         "location=" +
         dir + "/seg%05d.ts playlist-location=" + dir + "/index.m3u8";
-    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
-    ASSERT_NE(pipeline, nullptr);
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    GstBus* bus = gst_element_get_bus(pipeline);
-    GstMessage* end = gst_bus_timed_pop_filtered(
-        bus, 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-    ASSERT_NE(end, nullptr);
-    EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS);
-    gst_message_unref(end);
-    gst_object_unref(bus);
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(pipeline);
+    runPipelineToEnd(description, 20 * GST_SECOND);
   }
   ASSERT_TRUE(files_->replaceAtomically(hls + "/master.m3u8",
                                         "#EXTM3U\n"

@@ -13,6 +13,7 @@
 #include "QXLog/QXLogMpv.h"
 #include "QXLog/recording/Gate.h"
 #include "collector/decode/EnvelopeDecoder.h"
+#include "tests/integrations/GeneratedMedia.h"
 #include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
 
@@ -66,25 +67,7 @@ class MpvAdapterTest : public UploadTest {
     makeClip();
   }
 
-  // Two seconds of test pattern, 160x120 at 25 frames a second, Theora in Ogg.
-  void makeClip() {
-    const std::string description =
-        "videotestsrc num-buffers=50 ! video/x-raw,width=160,height=120,framerate=25/1 ! "
-        "theoraenc ! oggmux ! filesink location=" +
-        clip_;
-    GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
-    ASSERT_NE(pipeline, nullptr);
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    GstBus* bus = gst_element_get_bus(pipeline);
-    GstMessage* end = gst_bus_timed_pop_filtered(
-        bus, 10 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-    ASSERT_NE(end, nullptr);
-    EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS);
-    gst_message_unref(end);
-    gst_object_unref(bus);
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(pipeline);
-  }
+  void makeClip() { makeTheoraClip(clip_); }
 
   // Loads `url` in a headless core with the adapter attached and serves the
   // host's handle until the file ends or `done`; real time, bounded.
