@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -148,7 +149,16 @@ class QXLogMessageFormat {
   NullableString get(Field field) const;
   void set(Field field, NullableString value);
 
+  // Where downLog finds the start time the host saved for an item. The log
+  // center that owns this object gives its start-time table, once, before
+  // the object is shared; without one every item reads as never started.
+  using StartTimeLookup = std::function<NullableString(const std::string& key)>;
+  void setStartTimeLookup(StartTimeLookup lookup) {
+    startTimeLookup_ = std::move(lookup);
+  }
+
   const std::shared_ptr<qxlog::platform::Env> env_;
+  StartTimeLookup startTimeLookup_;
   mutable std::mutex mutex_;
   std::array<NullableString, static_cast<std::size_t>(Field::kCount)> strings_;
   bool isDev_ = false;

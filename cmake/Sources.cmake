@@ -3,8 +3,6 @@
 # A new source file of the library is added here.
 set(QXLOG_LIBRARY_SOURCES
   QXLog/center/AtLeastOnceDelivery.cpp
-  QXLog/center/CenterContext.cpp
-  QXLog/center/CenterEnvironment.cpp
   QXLog/center/CenterRegistry.cpp
   QXLog/center/DescribedDelivery.cpp
   QXLog/center/DiagnosisQueue.cpp
@@ -69,6 +67,8 @@ set(QXLOG_LIBRARY_SOURCES
   QXLog/support/Codecs.cpp
   QXLog/support/Facts.cpp
   QXLog/support/HelperCodecs.cpp
+  QXLog/support/HelperEnvironment.cpp
+  QXLog/support/HelperSource.cpp
   QXLog/support/QueueFiles.cpp
   QXLog/support/QueueJson.cpp
   QXLog/support/QueueXml.cpp

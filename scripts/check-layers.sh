@@ -34,10 +34,25 @@ while IFS= read -r file; do
       violations=$((violations + 1))
     fi
   done < <(sed -n 's|^#include "\(QXLog/[^"]*\)".*|\1|p' "$file")
-done < <(git ls-files 'QXLog/*.h' 'QXLog/*.cpp')
+done < <(git ls-files -co --exclude-standard 'QXLog/*.h' 'QXLog/*.cpp')
 
-if ((violations > 0)); then
-  echo "check-layers: $violations includes point up a layer"
+# Each public class has one home: its members are defined in its own
+# layer's folder and nowhere else, so no layer defines what another declares
+# (and none below the center can read the center through a member it defines).
+home_violations=0
+for pair in QXLogCenter:center QXLogMessageFormat:format QXLogHelper:support; do
+  class=${pair%%:*}
+  home=QXLog/${pair#*:}/
+  while IFS= read -r hit; do
+    echo "check-layers: ${hit%%:*} defines a member of $class outside $home"
+    home_violations=$((home_violations + 1))
+  done < <(git ls-files -co --exclude-standard 'QXLog/*.cpp' 'QXLog/*.h' | grep -v "^$home" \
+    | xargs -r grep -HnE "^[A-Za-z_][^=]*(^|[ *&])$class::~?[A-Za-z_][A-Za-z0-9_]*\(" || true)
+done
+
+if ((violations > 0 || home_violations > 0)); then
+  ((violations > 0)) && echo "check-layers: $violations includes point up a layer"
+  ((home_violations > 0)) && echo "check-layers: $home_violations member definitions outside their class's folder"
   exit 1
 fi
-echo "check-layers: every include points down or sideways"
+echo "check-layers: every include points down or sideways; every member is defined at home"

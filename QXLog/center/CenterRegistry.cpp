@@ -4,6 +4,8 @@
 #include <mutex>
 #include <vector>
 
+#include "QXLog/support/HelperSource.h"
+
 namespace qxlog::center {
 namespace {
 
@@ -12,12 +14,19 @@ std::once_flag g_once;
 std::mutex g_envMutex;
 std::shared_ptr<platform::Env> g_env;  // the current center's
 
+// QXLogHelper's methods read the current center's environment and key.
+const support::HelperSource g_helperSource{
+    []() -> platform::Env& { return CenterRegistry::instance().env(); },
+    [] { return CenterRegistry::instance().format().logEncryptionKey(); }};
+
 }  // namespace
 
 QXLogCenter* CenterRegistry::createdOn(std::shared_ptr<platform::Env> env) {
   std::lock_guard lock(g_envMutex);
   g_env = std::move(env);
-  return new QXLogCenter(g_env);
+  auto* center = new QXLogCenter(g_env);
+  support::installHelperSource(&g_helperSource);
+  return center;
 }
 
 bool CenterRegistry::createWithEnv(std::shared_ptr<platform::Env> env) {

@@ -24,7 +24,9 @@ QXLogCenter::QXLogCenter(std::shared_ptr<qxlog::platform::Env> env)
       actionQueue_(
           std::make_unique<qxlog::center::PendingQueue>(this->env(), kActionQueueFile, true)),
       described_(std::make_unique<qxlog::center::DescribedDelivery>(*this)),
-      atLeastOnce_(std::make_unique<qxlog::center::AtLeastOnceDelivery>(*this)) {}
+      atLeastOnce_(std::make_unique<qxlog::center::AtLeastOnceDelivery>(*this)) {
+  format_->setStartTimeLookup([this](const std::string& key) { return getActionStartTime(key); });
+}
 
 QXLogCenter::~QXLogCenter() = default;
 

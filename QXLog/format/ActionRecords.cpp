@@ -1,5 +1,4 @@
 // Launch, network and action records.
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
@@ -28,8 +27,9 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::launchLog(const NullableStrin
   auto launchMillis = static_cast<int64_t>(static_cast<uint64_t>(seconds) * 1000u);
   std::string totalSize = serial::formatGeneral(
       gigabytes(support::totalDiskSpaceOf(env(), env().documentsDirectory())));
-  std::string freeSize = serial::formatGeneral(gigabytes(QXLogHelper::freeDiskSpace()));
-  std::string deviceAddress = QXLogHelper::getIPAddress();
+  std::string freeSize =
+      serial::formatGeneral(gigabytes(support::freeDiskSpaceOf(env().facts(), "/var")));
+  std::string deviceAddress = support::ipv4AddressOfInterface(env().facts(), "en0");
 
   Dictionary record;
   record.reserve(12);

@@ -1,8 +1,9 @@
 // Diagnosis report and body.
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Env.h"
+#include "QXLog/serial/Json.h"
 #include "QXLog/serial/Text.h"
+#include "QXLog/support/Codecs.h"
 #include "QXLog/support/Token.h"
 
 namespace support = qxlog::support;
@@ -49,7 +50,9 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisLog(
 
 QXLogMessageFormat::Dictionary QXLogMessageFormat::diagnosisOfCompleteInformation(
     const Value& report) const {
-  NullableString encoded = QXLogHelper::base64String(report);
+  // Sealed under this format object's key, read afresh on each call.
+  const std::string json = qxlog::serial::toJson(report);
+  NullableString encoded = support::sealJson(std::string_view(json), logEncryptionKey());
   NullableString token = support::dayToken(env().clock());
 
   // "uid" carries the device identifier, and the software version travels

@@ -8,6 +8,7 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
+#include "QXLog/support/Facts.h"
 #include "QXLog/support/Time.h"
 #include "QXLog/support/UrlEncoding.h"
 
@@ -43,7 +44,7 @@ Dictionary downloadRecord(const QXLogMessageFormat& format, const DownloadReport
   const NullableString& downsState = report.downsState;
   const NullableString& dataAmount = report.dataAmount;
   const NullableString& storagePath = report.storagePath;
-  std::string deviceAddress = QXLogHelper::getIPAddress();
+  std::string deviceAddress = qxlog::support::ipv4AddressOfInterface(format.env().facts(), "en0");
 
   // Only http and https addresses are recorded, encoded, with the address
   // their host resolves to (a blocking lookup on this thread).
@@ -51,7 +52,7 @@ Dictionary downloadRecord(const QXLogMessageFormat& format, const DownloadReport
   std::string encodedUrl;
   if (!QXLogHelper::isEmptyOrNull(Value::fromNullable(movieUrl)) && movieUrl->starts_with("http")) {
     encodedUrl = qxlog::support::percentEncodeQuery(*movieUrl);
-    hostAddress = QXLogHelper::lookupHostIPAddressForURL(encodedUrl);
+    hostAddress = qxlog::support::ipv4AddressForUrl(format.env().facts(), encodedUrl);
   }
 
   // The start time the host saved for this item; missing or non-numeric is 0.
@@ -99,3 +100,13 @@ Dictionary downloadRecord(const QXLogMessageFormat& format, const DownloadReport
 }
 
 }  // namespace qxlog::format
+
+QXLogMessageFormat::Dictionary QXLogMessageFormat::downLog(
+    const NullableString& downLog, const NullableString& movieUrl, const NullableString& downsState,
+    const NullableString& dataAmount, const NullableString& storagePath,
+    const NullableString& /*movieName: deliberately not recorded*/) const {
+  NullableString savedStart;
+  if (downLog && startTimeLookup_) savedStart = startTimeLookup_(*downLog);
+  return qxlog::format::downloadRecord(
+      *this, {downLog, movieUrl, downsState, dataAmount, storagePath}, savedStart);
+}

@@ -74,3 +74,14 @@ Dictionary envelopeOfRecordsJson(const QXLogMessageFormat& format, std::string_v
 }
 
 }  // namespace qxlog::format
+
+// The envelope is sealed under this format object's own key, read afresh on
+// each call.
+QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLog(const Array* records) const {
+  return qxlog::format::envelopeOfRecords(*this, records, logEncryptionKey());
+}
+
+QXLogMessageFormat::Dictionary QXLogMessageFormat::combinationLogOfJson(
+    std::string_view recordsJson) const {
+  return qxlog::format::envelopeOfRecordsJson(*this, recordsJson, logEncryptionKey());
+}

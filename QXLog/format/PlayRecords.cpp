@@ -1,8 +1,8 @@
 // Play header, play-action and trailer records.
-#include "QXLog/QXLogHelper.h"
 #include "QXLog/QXLogMessageFormat.h"
 #include "QXLog/platform/Env.h"
 #include "QXLog/serial/Text.h"
+#include "QXLog/support/Facts.h"
 #include "QXLog/support/Time.h"
 #include "QXLog/support/UrlEncoding.h"
 
@@ -48,9 +48,9 @@ QXLogMessageFormat::Dictionary QXLogMessageFormat::playLog(const NullableString&
     recordedUrl = playLog.value_or("");
   } else if (playLog && playLog->starts_with("http")) {
     recordedUrl = qxlog::support::percentEncodeQuery(*playLog);
-    hostAddress = QXLogHelper::lookupHostIPAddressForURL(recordedUrl);
+    hostAddress = qxlog::support::ipv4AddressForUrl(env().facts(), recordedUrl);
   }
-  std::string deviceAddress = QXLogHelper::getIPAddress();
+  std::string deviceAddress = qxlog::support::ipv4AddressOfInterface(env().facts(), "en0");
 
   Dictionary header;
   header.reserve(10);
