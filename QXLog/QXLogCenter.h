@@ -21,6 +21,7 @@
 namespace qxlog {
 namespace center {
 class AtLeastOnceDelivery;
+class CenterState;
 class DiagnosisQueue;
 class CenterRegistry;
 class DeliveryPolicy;
@@ -131,53 +132,46 @@ class QXLogCenter {
 
  private:
   friend class qxlog::center::CenterRegistry;
+  friend class qxlog::center::CenterState;
   friend class qxlog::center::DescribedDelivery;
   friend class qxlog::center::AtLeastOnceDelivery;
   friend class qxlog::center::DiagnosisQueue;
   struct OutgoingUpload;
+
   explicit QXLogCenter(std::shared_ptr<qxlog::platform::Env> env);
 
+  // Traces the envelope, resolves the URL and posts it (at least once, a
+  // diagnosis is kept for its own delivery instead). Takes no lock.
+  void dispatch(std::shared_ptr<OutgoingUpload> upload, const NullableString& url);
   void send(std::shared_ptr<const OutgoingUpload> upload);
   void uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
                       const qxlog::platform::HttpResponse& response);
   void uploadFailed(const OutgoingUpload& upload, const std::string& reason);
   void settingsAnswered(const qxlog::platform::HttpResponse& response);
-  void clearActionQueueLocked();
+  // Tells the delivery handler on the main queue; under the center's lock,
+  // the post waits for the lock's release.
   void reportBatch(BatchOutcome outcome, std::size_t records, const std::string& reason);
-
   qxlog::center::DeliveryPolicy& policy();
   // The upload envelope of records given as a JSON array.
   Dictionary envelopeOfJson(std::string_view recordsJson) {
     return format().combinationLogOfJson(recordsJson);
   }
-  void storeBounded(qxlog::center::PendingQueue& queue, Dictionary record);
   // The described submission, as submitAllLog has always done it.
   void submitDescribed();
-  // Described delivery: the records a journal left behind join the queue.
-  void carryJournalLocked();
-
-  qxlog::center::PendingQueue& actionQueueLocked();
-  qxlog::center::PendingQueue& playQueueLocked();
-  Dictionary& startTimeTableLocked();
   std::size_t playCount();
   // Records in both queues together, the figure the batch size applies to.
   std::size_t pendingCount();
 
-  // Held while a queue is changed together with its file.
-  mutable std::recursive_mutex lock_;
   std::unique_ptr<QXLogMessageFormat> format_;
-  std::unique_ptr<qxlog::center::PendingQueue> playQueue_;
-  std::unique_ptr<qxlog::center::PendingQueue> actionQueue_;
-  std::optional<Dictionary> currentPlayHeader_;
-  std::optional<Dictionary> actionStartTime_;
-
+  // The queues, the play header and the start-time table, and the lock that
+  // guards them.
+  std::unique_ptr<qxlog::center::CenterState> state_;
   std::atomic<Delivery> delivery_{Delivery::kDescribed};
   std::atomic<std::size_t> queueLimit_{50000};
   std::mutex handlerMutex_;
   DeliveryHandler deliveryHandler_;
   std::unique_ptr<qxlog::center::DeliveryPolicy> described_;
   std::unique_ptr<qxlog::center::DeliveryPolicy> atLeastOnce_;
-  bool journalChecked_ = false;  // under lock_
   // Described delivery: records in uploads not yet answered, and records
   // confirmed so far, for flush.
   std::atomic<std::size_t> describedOut_{0};

@@ -4,6 +4,7 @@
 set(QXLOG_LIBRARY_SOURCES
   QXLog/center/AtLeastOnceDelivery.cpp
   QXLog/center/CenterRegistry.cpp
+  QXLog/center/CenterState.cpp
   QXLog/center/DescribedDelivery.cpp
   QXLog/center/DiagnosisQueue.cpp
   QXLog/center/Journal.cpp
@@ -26,6 +27,7 @@ set(QXLOG_LIBRARY_SOURCES
   QXLog/format/PlaySessionRecords.cpp
   QXLog/format/PlayTimeline.cpp
   QXLog/format/QXLogMessageFormat.cpp
+  QXLog/platform/AfterUnlock.cpp
   QXLog/platform/AppendFile.cpp
   QXLog/platform/BuiltInQueues.cpp
   QXLog/platform/Clock.cpp

@@ -1,22 +1,28 @@
 #include "QXLog/center/DescribedDelivery.h"
 
+#include "QXLog/center/CenterState.h"
 #include "QXLog/center/PendingQueue.h"
 
 namespace qxlog::center {
 
+using platform::MutexLock;
+
 void DescribedDelivery::storeAction(Dictionary record) {
-  std::lock_guard lock(center_.lock_);
-  center_.storeBounded(center_.actionQueueLocked(), std::move(record));
+  CenterState& state = *center_.state_;
+  MutexLock lock(state.mutex);
+  state.storeBoundedLocked(state.actionQueueLocked(), std::move(record));
 }
 
 std::size_t DescribedDelivery::actionCount() {
-  std::lock_guard lock(center_.lock_);
-  return center_.actionQueueLocked().size();
+  CenterState& state = *center_.state_;
+  MutexLock lock(state.mutex);
+  return state.actionQueueLocked().size();
 }
 
 Array DescribedDelivery::actionRecords() {
-  std::lock_guard lock(center_.lock_);
-  return center_.actionQueueLocked().records();
+  CenterState& state = *center_.state_;
+  MutexLock lock(state.mutex);
+  return state.actionQueueLocked().records();
 }
 
 void DescribedDelivery::submit() {

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "QXLog/center/AtLeastOnceDelivery.h"
+#include "QXLog/center/CenterState.h"
 #include "QXLog/center/DescribedDelivery.h"
 #include "QXLog/center/Journal.h"
 #include "QXLog/center/PendingQueue.h"
@@ -14,46 +15,18 @@
 #include "QXLog/serial/Json.h"
 #include "QXLog/support/QueueFiles.h"
 
-using qxlog::center::kActionQueueFile;
-using qxlog::center::kPlayQueueFile;
-using qxlog::center::kStartTimeFile;
+using qxlog::center::CenterState;
+using qxlog::platform::MutexLock;
 
 QXLogCenter::QXLogCenter(std::shared_ptr<qxlog::platform::Env> env)
     : format_(std::make_unique<QXLogMessageFormat>(std::move(env))),
-      playQueue_(std::make_unique<qxlog::center::PendingQueue>(this->env(), kPlayQueueFile, false)),
-      actionQueue_(
-          std::make_unique<qxlog::center::PendingQueue>(this->env(), kActionQueueFile, true)),
+      state_(std::make_unique<CenterState>(*this)),
       described_(std::make_unique<qxlog::center::DescribedDelivery>(*this)),
       atLeastOnce_(std::make_unique<qxlog::center::AtLeastOnceDelivery>(*this)) {
   format_->setStartTimeLookup([this](const std::string& key) { return getActionStartTime(key); });
 }
 
 QXLogCenter::~QXLogCenter() = default;
-
-qxlog::center::PendingQueue& QXLogCenter::actionQueueLocked() {
-  if (!journalChecked_ && delivery() == Delivery::kDescribed) carryJournalLocked();
-  return *actionQueue_;
-}
-
-// Once per process: records that the at-least-once delivery left in its
-// journal (sealed or not) join the described queue, and the journal goes.
-void QXLogCenter::carryJournalLocked() {
-  journalChecked_ = true;
-  if (!qxlog::center::Journal::presentIn(env())) return;
-  qxlog::center::Journal journal(env(), nullptr);
-  if (std::size_t damaged = journal.open(); damaged != 0) {
-    reportBatch(BatchOutcome::kDropped, damaged, "journal damaged");
-  }
-  for (const std::string& line : journal.takeNotes()) env().consoleWrite(line);
-  Array carried = actionQueue_->records();
-  for (const qxlog::center::Journal::Entry& entry : journal.pending()) {
-    if (std::optional<qxlog::Value> record = qxlog::serial::parseJson(*entry.payload)) {
-      carried.push_back(std::move(*record));
-    }
-  }
-  if (!journal.pending().empty()) actionQueue_->rewrite(std::move(carried));
-  journal.removeAll();
-}
 
 qxlog::center::DeliveryPolicy& QXLogCenter::policy() {
   return delivery() == Delivery::kAtLeastOnce ? *atLeastOnce_ : *described_;
@@ -83,28 +56,14 @@ int QXLogCenter::flush(int64_t timeoutMs) {
   }
 }
 
-qxlog::center::PendingQueue& QXLogCenter::playQueueLocked() {
-  return *playQueue_;
-}
-
-// Each collection is read from its file on first use. A missing, empty,
-// damaged or wrong-typed file gives an empty collection.
-
-QXLogCenter::Dictionary& QXLogCenter::startTimeTableLocked() {
-  if (!actionStartTime_) {
-    actionStartTime_ = qxlog::support::readDictionary(env(), kStartTimeFile).value_or(Dictionary());
-  }
-  return *actionStartTime_;
-}
-
 QXLogCenter::Array QXLogCenter::playActionLog() {
-  std::lock_guard lock(lock_);
-  return playQueueLocked().records();
+  MutexLock lock(state_->mutex);
+  return state_->playQueueLocked().records();
 }
 
 void QXLogCenter::setPlayActionLog(Array queue) {
-  std::lock_guard lock(lock_);
-  playQueueLocked().replace(std::move(queue));
+  MutexLock lock(state_->mutex);
+  state_->playQueueLocked().replace(std::move(queue));
 }
 
 QXLogCenter::Array QXLogCenter::actionLog() {
@@ -112,33 +71,33 @@ QXLogCenter::Array QXLogCenter::actionLog() {
 }
 
 void QXLogCenter::setActionLog(Array queue) {
-  std::lock_guard lock(lock_);
-  actionQueueLocked().replace(std::move(queue));
+  MutexLock lock(state_->mutex);
+  state_->actionQueueLocked().replace(std::move(queue));
 }
 
 std::optional<QXLogCenter::Dictionary> QXLogCenter::currentPlayHeader() const {
-  std::lock_guard lock(lock_);
-  return currentPlayHeader_;
+  MutexLock lock(state_->mutex);
+  return state_->playHeaderLocked();
 }
 
 void QXLogCenter::setCurrentPlayHeader(std::optional<Dictionary> header) {
-  std::lock_guard lock(lock_);
-  currentPlayHeader_ = std::move(header);
+  MutexLock lock(state_->mutex);
+  state_->playHeaderLocked() = std::move(header);
 }
 
 QXLogCenter::Dictionary QXLogCenter::actionStartTime() {
-  std::lock_guard lock(lock_);
-  return startTimeTableLocked();
+  MutexLock lock(state_->mutex);
+  return state_->startTimeTableLocked();
 }
 
 void QXLogCenter::setActionStartTime(Dictionary table) {
-  std::lock_guard lock(lock_);
-  actionStartTime_ = std::move(table);
+  MutexLock lock(state_->mutex);
+  state_->setStartTimeTableLocked(std::move(table));
 }
 
 std::size_t QXLogCenter::playCount() {
-  std::lock_guard lock(lock_);
-  return playQueueLocked().size();
+  MutexLock lock(state_->mutex);
+  return state_->playQueueLocked().size();
 }
 
 std::size_t QXLogCenter::pendingCount() {
@@ -158,6 +117,10 @@ void QXLogCenter::reportBatch(BatchOutcome outcome, std::size_t records,
     handler = deliveryHandler_;
   }
   if (!handler) return;
-  env().mainQueue()->async(
-      [handler, outcome, records, reason] { handler(outcome, records, reason); });
+  // The executor may be the host's: under the center's lock the post waits
+  // for the lock's release.
+  qxlog::platform::AfterUnlock::runOrDefer([this, handler, outcome, records, reason] {
+    env().mainQueue()->async(
+        [handler, outcome, records, reason] { handler(outcome, records, reason); });
+  });
 }

@@ -5,11 +5,13 @@
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/center/CenterState.h"
 #include "QXLog/center/DeliveryPolicy.h"
 #include "QXLog/center/PendingQueue.h"
 #include "QXLog/platform/Env.h"
 
 using qxlog::Value;
+using qxlog::platform::MutexLock;
 
 namespace {
 
@@ -30,24 +32,10 @@ void QXLogCenter::storeActionLog(Dictionary record) {
 
 void QXLogCenter::storePlayLog(Dictionary record) {
   {
-    std::lock_guard lock(lock_);
-    storeBounded(playQueueLocked(), std::move(record));
+    MutexLock lock(state_->mutex);
+    state_->storeBoundedLocked(state_->playQueueLocked(), std::move(record));
   }
   storeLog(Dictionary());
-}
-
-// At least once, the play queue never outgrows its limit: the oldest records
-// make room (the journal keeps the action records within it).
-void QXLogCenter::storeBounded(qxlog::center::PendingQueue& queue, Dictionary record) {
-  if (delivery() == Delivery::kAtLeastOnce) {
-    std::size_t dropped = queue.makeRoom(queueLimit());
-    if (dropped != 0) {
-      env().consoleWrite("QXLog: queue limit reached, dropped " + std::to_string(dropped) +
-                         " oldest records");
-      reportBatch(BatchOutcome::kDropped, dropped, "queue limit");
-    }
-  }
-  queue.append(std::move(record));
 }
 
 void QXLogCenter::storeLog(const Dictionary& /*record*/) {
@@ -67,10 +55,11 @@ void QXLogCenter::storeLog(const Dictionary& /*record*/) {
 void QXLogCenter::makePlayLog() {
   Dictionary folded;
   {
-    std::lock_guard lock(lock_);
-    qxlog::center::PendingQueue& queue = playQueueLocked();
-    if (queue.empty() || !currentPlayHeader_) return;
-    folded = *currentPlayHeader_;
+    MutexLock lock(state_->mutex);
+    qxlog::center::PendingQueue& queue = state_->playQueueLocked();
+    const std::optional<Dictionary>& header = state_->playHeaderLocked();
+    if (queue.empty() || !header) return;
+    folded = *header;
     Array actions;
     if (const Value* earlier = folded.find("p"); earlier && earlier->asArray()) {
       actions = *earlier->asArray();
@@ -81,7 +70,7 @@ void QXLogCenter::makePlayLog() {
     folded.set("p", Value(std::move(actions)));
     queue.clear();
   }
-  QXLogCenter::center().storeActionLog(std::move(folded));
+  storeActionLog(std::move(folded));
 }
 
 void QXLogCenter::conditionAndSubmitLog() {

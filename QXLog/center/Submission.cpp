@@ -2,6 +2,7 @@
 // envelope, and what the answer does to the action queue.
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
+#include "QXLog/center/CenterState.h"
 #include "QXLog/center/DeliveryPolicy.h"
 #include "QXLog/center/OutgoingUpload.h"
 #include "QXLog/center/PendingQueue.h"
@@ -11,10 +12,7 @@
 #include "QXLog/serial/Text.h"
 
 namespace platform = qxlog::platform;
-
-void QXLogCenter::clearActionQueueLocked() {
-  actionQueueLocked().clear();
-}
+using qxlog::platform::MutexLock;
 
 void QXLogCenter::submitAllLog() {
   policy().submit();
@@ -23,46 +21,39 @@ void QXLogCenter::submitAllLog() {
 void QXLogCenter::submitDescribed() {
   // The envelope, the snapshot and the clearing happen under one hold of the
   // lock, so that a record stored meanwhile is either sent or still queued.
-  std::lock_guard lock(lock_);
-  if (actionQueueLocked().empty() && playQueueLocked().empty()) return;
-  if (actionQueueLocked().size() <= qxlog::center::kMaxBatchRecords) {
-    pushLog(combinationStatisticalLog(), std::string(), false);
-  } else {
-    reportBatch(BatchOutcome::kDropped, actionQueueLocked().size(), "backlog over 500 records");
-    clearActionQueueLocked();
+  std::shared_ptr<OutgoingUpload> upload;
+  {
+    MutexLock lock(state_->mutex);
+    qxlog::center::PendingQueue& actions = state_->actionQueueLocked();
+    if (actions.empty() && state_->playQueueLocked().empty()) return;
+    if (actions.size() > qxlog::center::kMaxBatchRecords) {
+      reportBatch(BatchOutcome::kDropped, actions.size(), "backlog over 500 records");
+      actions.clear();
+      return;
+    }
+    upload = state_->takeUploadLocked(format().combinationLogOfJson(actions.json()), false);
   }
+  if (upload) dispatch(std::move(upload), std::string());
 }
 
 QXLogCenter::Dictionary QXLogCenter::combinationStatisticalLog() {
-  std::lock_guard lock(lock_);
+  MutexLock lock(state_->mutex);
   // The records' JSON is kept beside the queue: only records not yet seen are
   // serialised here.
-  return format().combinationLogOfJson(actionQueueLocked().json());
+  return format().combinationLogOfJson(state_->actionQueueLocked().json());
 }
 
 void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool diagnosis) {
-  auto upload = std::make_shared<OutgoingUpload>();
+  std::shared_ptr<OutgoingUpload> upload;
   {
-    std::lock_guard lock(lock_);
-    pushLogging_ = true;
-    if (!diagnosis && policy().actionCount() == 0 && playQueueLocked().empty()) return;
-    if (envelope.empty()) return;
-    // An ordinary batch leaves the queue when its request starts; a failure
-    // restores it from the snapshot.
-    // At least once, the queue is only ever changed by confirmations.
-    if (delivery() == Delivery::kDescribed) {
-      if (diagnosis) {
-        upload->snapshot = actionQueueLocked().records();
-      } else {
-        upload->snapshot = actionQueueLocked().take();
-        upload->carriesQueue = true;
-        describedOut_ += upload->snapshot.size();
-        clearActionQueueLocked();
-      }
-    }
+    MutexLock lock(state_->mutex);
+    upload = state_->takeUploadLocked(std::move(envelope), diagnosis);
   }
-  upload->envelope = qxlog::center::traceEnvelopeText(env(), std::move(envelope));
-  upload->diagnosis = diagnosis;
+  if (upload) dispatch(std::move(upload), url);
+}
+
+void QXLogCenter::dispatch(std::shared_ptr<OutgoingUpload> upload, const NullableString& url) {
+  upload->envelope = qxlog::center::traceEnvelopeText(env(), std::move(upload->envelope));
   if (url && url->empty()) {
     upload->url = format().pushLogUrl();
   } else {
@@ -70,7 +61,7 @@ void QXLogCenter::pushLog(Dictionary envelope, const NullableString& url, bool d
     upload->announceGzip = true;
   }
   // At least once, the policy keeps diagnoses until they are confirmed.
-  if (diagnosis &&
+  if (upload->diagnosis &&
       policy().keepDiagnosis(upload->envelope, upload->url.value_or(""), upload->announceGzip)) {
     return;
   }
@@ -104,15 +95,16 @@ void QXLogCenter::uploadAnswered(std::shared_ptr<const OutgoingUpload> upload,
     return;
   }
   if (upload->carriesQueue) {
-    std::lock_guard lock(lock_);
+    MutexLock lock(state_->mutex);
     reportBatch(BatchOutcome::kConfirmed, upload->snapshot.size(), "");
     describedConfirmed_ += upload->snapshot.size();
     // Records stored while the upload was out go with the confirmation.
-    if (!actionQueueLocked().empty()) {
-      reportBatch(BatchOutcome::kDropped, actionQueueLocked().size(),
+    qxlog::center::PendingQueue& actions = state_->actionQueueLocked();
+    if (!actions.empty()) {
+      reportBatch(BatchOutcome::kDropped, actions.size(),
                   "stored while an upload was out, cleared by its confirmation");
     }
-    clearActionQueueLocked();
+    actions.clear();
   }
   startTime(qxlog::center::pushIntervalSeconds(format().push_interval_time()));
 }

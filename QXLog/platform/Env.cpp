@@ -1,5 +1,6 @@
 #include "QXLog/platform/Env.h"
 
+#include "QXLog/platform/AfterUnlock.h"
 #include "QXLog/platform/BuiltInQueues.h"
 #include "QXLog/platform/CurlTransport.h"
 #include "QXLog/platform/DocumentsDirectory.h"
@@ -79,11 +80,15 @@ void Env::consoleWrite(std::string_view line) const {
     MutexLock lock(consoleMutex_);
     sink = console_;
   }
-  if (*sink) {
-    (*sink)(std::string(line));
-  } else {
-    writeToSystemConsole(*clock_, line);
-  }
+  // Under a library lock the line waits for the lock's release, so that a
+  // handler may call back into the library.
+  AfterUnlock::runOrDefer([this, sink = std::move(sink), text = std::string(line)] {
+    if (*sink) {
+      (*sink)(text);
+    } else {
+      writeToSystemConsole(*clock_, text);
+    }
+  });
 }
 
 void Env::setMainQueue(std::shared_ptr<Executor> executor) {

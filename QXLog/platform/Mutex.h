@@ -5,6 +5,7 @@
 
 #include <mutex>
 
+#include "QXLog/platform/AfterUnlock.h"
 #include "QXLog/platform/ThreadAnnotations.h"
 
 namespace qxlog::platform {
@@ -18,6 +19,9 @@ class QXLOG_CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
+// Holds a Mutex for a scope. Console lines and posts to executors made
+// meanwhile run after the release (AfterUnlock), so host code never runs
+// under a library lock.
 class QXLOG_SCOPED_CAPABILITY MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) QXLOG_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
@@ -26,6 +30,7 @@ class QXLOG_SCOPED_CAPABILITY MutexLock {
   MutexLock& operator=(const MutexLock&) = delete;
 
  private:
+  AfterUnlock hostCallsAfterRelease_;  // built before the lock, ends after it
   Mutex& mutex_;
 };
 

@@ -283,5 +283,23 @@ TEST_F(CInterfaceTest, TheConsoleHandlerMayCallBackIntoTheLibrary) {
                                              "QXLog: unknown property \"reenteredName\" ignored"}));
 }
 
+// A line written while the center holds its lock (the common header's trace
+// for a user without a uid, as a batch is sealed) reaches the handler once
+// the lock is released: a handler that reads the center does not hang.
+TEST_F(CInterfaceTest, TheConsoleHandlerMayCallTheCenterForALineWrittenUnderItsLock) {
+  std::vector<std::size_t> queuedWhenSeen;
+  QXLogSetConsoleHandler(
+      [](const char*, void* context) {
+        static_cast<std::vector<std::size_t>*>(context)->push_back(
+            QXLogCenter::center().actionLog().size());
+      },
+      &queuedWhenSeen);
+  center().storeActionLog(strings({{"a_t", "1"}}));
+  center().submitAllLog();
+  QXLogSetConsoleHandler(nullptr, nullptr);
+  ASSERT_FALSE(queuedWhenSeen.empty());
+  EXPECT_EQ(queuedWhenSeen.front(), 0u);  // the batch had left the queue
+}
+
 }  // namespace
 }  // namespace qxlog::testing
