@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "QXLog/QXLog.h"
 #include "QXLog/center/CenterRegistry.h"
 #include "QXLog/platform/CurlTransport.h"
 #include "QXLog/recording/Gate.h"
@@ -154,6 +155,12 @@ std::vector<std::string> items(const Array& queue) {
 
 std::string json(const Dictionary& record) {
   return serial::toJson(Value(record));
+}
+
+std::string taken(char* text) {
+  std::string copy = text != nullptr ? text : "<null>";
+  QXLogFree(text);
+  return copy;
 }
 
 std::string readToEnd(int fd) {

@@ -12,7 +12,9 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QXLog/QXLogCenter.h"
@@ -167,6 +169,18 @@ std::string field(const Dictionary& record, std::string_view key);
 std::vector<std::string> items(const Array& queue);
 // A record as JSON text, keys in their order: key set, order and values at once.
 std::string json(const Dictionary& record);
+// Text the C interface handed over, freed: "<null>" for none.
+std::string taken(char* text);
+// The given members of each row, as "a b; a b": a whole list in one expectation.
+template <typename Row, typename... Members>
+std::string rows(const std::vector<Row>& list, Members Row::*... members) {
+  std::ostringstream out;
+  for (const Row& row : list) {
+    const char* separator = &row == list.data() ? "" : "; ";
+    ((out << std::exchange(separator, " ") << row.*members), ...);
+  }
+  return out.str();
+}
 
 // Everything readable from a descriptor up to its end.
 std::string readToEnd(int fd);
