@@ -303,17 +303,10 @@ TEST(CollectorReport, PrintsTheHeaderOnceAndEachRecordByName) {
             "{\n  \"b\": \"1\",\n  \"a\": \"2\"\n}");
 }
 
-// What any client may send, with the limits set small so that the attacks
-// are quick: each gets its limit's answer, a log line, and nothing stored.
-TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
-  // The default limits: 16 MiB inflated, 10 000 records.
-  // 32 MiB of zeros seal into less than the body limit, and inflate past 16 MiB.
-  std::string bomb = sealJson("{\"t\":{},\"a\":[\"" + std::string(32 << 20, '0') + "\"]}");
-  ASSERT_LT(bomb.size(), 64u << 10);
-  HttpReply inflated = postForm(port_, "/log", logForm(bomb, today()));
-  EXPECT_EQ(inflated.status, 413);
-  EXPECT_NE(inflated.body.find("inflates past 16777216 bytes"), std::string::npos);
-
+// A flood of records gets its limit's answer and nothing is stored (an
+// inflation bomb is a row of the oversized table below); a line feed in a
+// path cannot start a line of its own in the log.
+TEST_F(CollectorTest, AFloodOfRecordsIsRefusedAndWhatIsLoggedIsEscaped) {
   std::string many = "{\"t\":{},\"a\":[{}";
   for (int i = 0; i < 10000; ++i) many += ",{}";
   HttpReply flood = postForm(port_, "/log", logForm(sealJson(many + "]}"), today()));
@@ -321,7 +314,6 @@ TEST_F(CollectorTest, LimitsRefuseBombsAndFloodsAndEscapeWhatTheyLog) {
   EXPECT_NE(flood.body.find("more than 10000 records"), std::string::npos);
   EXPECT_TRUE(nothingStored());
 
-  // A line feed in the path cannot start a line of its own in the log.
   roundTrip(port_, "GET /x\nqxlog-collector: forged HTTP/1.1\r\n\r\n");
   roundTrip(port_, "GET /y\rqxlog-collector: forged HTTP/1.1\r\n\r\n");
   std::string log = readAll(log_);
@@ -722,28 +714,6 @@ TEST_F(HttpServerTest, ConnectionsOverALimitAreAnswered503WhileOthersAreServed) 
   EXPECT_EQ(refusals(), (std::vector<int>{503, 503, 503}));
 }
 
-TEST_F(HttpServerTest, ARequestThatTricklesPastTheDeadlineIsCutOff) {
-  HttpServer::Options options;
-  options.requestDeadline = 300ms;
-  start(options);
-  int fd = connectFrom("127.0.0.1", server_->port());
-  ASSERT_GE(fd, 0);
-  // One byte of headers every 50 ms keeps a per-read timeout from ever firing.
-  const auto started = std::chrono::steady_clock::now();
-  bool cut = false;
-  while (!cut && std::chrono::steady_clock::now() - started < 3s) {
-    cut = ::send(fd, "X", 1, MSG_NOSIGNAL) != 1;
-    char byte;
-    cut = cut || ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
-    std::this_thread::sleep_for(50ms);
-  }
-  ::close(fd);
-  EXPECT_TRUE(cut);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 1500ms);
-  EXPECT_EQ(refusals(), std::vector<int>{408});
-  EXPECT_EQ(statusOf("127.0.0.1", server_->port()), 200);
-}
-
 // A few addresses that each fill their own limit leave the last quarter of
 // the places to addresses that hold none.
 TEST_F(HttpServerTest, PlacesAreKeptForAddressesThatHoldNone) {
@@ -764,23 +734,28 @@ TEST_F(HttpServerTest, PlacesAreKeptForAddressesThatHoldNone) {
   for (int fd : held) ::close(fd);
 }
 
-// Connections that hold a place without sending: headers that do not end in
-// time, and a body slower than the minimum rate, are cut off long before
-// the request deadline.
-TEST_F(HttpServerTest, SlowHeadersAndSlowBodiesAreCutOff) {
-  HttpServer::Options options;
-  options.headerDeadline = 300ms;
-  options.bodyGrace = 200ms;
-  options.minBodyBytesPerSecond = 2000;
-  start(options);
-  const int port = server_->port();
-  const std::string headers = "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n";
+// Connections that hold a place without sending are cut off with a 408: a
+// request that trickles past the whole request's deadline (one byte every
+// 50 ms keeps a per-read timeout from ever firing), and, long before that
+// deadline, headers that do not end in time and a body slower than the
+// minimum rate.
+TEST_F(HttpServerTest, TricklingRequestsSlowHeadersAndSlowBodiesAreCutOff) {
+  HttpServer::Options deadline, slow;
+  deadline.requestDeadline = 300ms;
+  slow.headerDeadline = 300ms;
+  slow.bodyGrace = 200ms;
+  slow.minBodyBytesPerSecond = 2000;
   const struct {
+    const HttpServer::Options& options;
     std::string first;    // sent at once
     std::size_t perTick;  // then this many bytes every 50 ms
-  } cases[] = {{"POST /x HTTP/1.1\r\n", 0}, {headers, 20}};
+    std::chrono::milliseconds within;
+  } cases[] = {{deadline, "", 1, 1500ms},
+               {slow, "POST /x HTTP/1.1\r\n", 0, 2s},
+               {slow, "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n\r\n", 20, 2s}};
   for (const auto& c : cases) {
-    const int fd = connectFrom("127.0.0.1", port);
+    start(c.options);
+    const int fd = connectFrom("127.0.0.1", server_->port());
     ASSERT_GE(fd, 0);
     ::send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL);
     const auto started = std::chrono::steady_clock::now();
@@ -794,14 +769,15 @@ TEST_F(HttpServerTest, SlowHeadersAndSlowBodiesAreCutOff) {
     }
     ::close(fd);
     EXPECT_TRUE(cut) << c.first;
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s) << c.first;
+    EXPECT_LT(std::chrono::steady_clock::now() - started, c.within) << c.first;
   }
   // A body at a normal pace is served.
   const std::string body(50000, 'x');
-  EXPECT_EQ(
-      roundTrip(port, "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 50000\r\n\r\n" + body).status,
-      200);
-  EXPECT_EQ(refusals(), (std::vector<int>{408, 408}));
+  EXPECT_EQ(roundTrip(server_->port(),
+                      "POST /x HTTP/1.1\r\nHost: x\r\nContent-Length: 50000\r\n\r\n" + body)
+                .status,
+            200);
+  EXPECT_EQ(refusals(), (std::vector<int>{408, 408, 408}));
 }
 
 }  // namespace

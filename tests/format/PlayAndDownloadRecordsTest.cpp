@@ -167,7 +167,7 @@ TEST(QueryEncoding, KeepsTheQueryCharactersAndEncodesEverythingElse) {
   EXPECT_EQ(support::percentEncodeQuery(""), "");
 }
 
-TEST_F(PlayAndDownloadRecordsTest, RecordHasNoA2AndRepeatsTheSendTime) {
+TEST_F(PlayAndDownloadRecordsTest, RecordHasNoA2RepeatsTheSendTimeAndFollowsTheServerClock) {
   // The item's name is not recorded; a_10 repeats the send time a_0.
   EXPECT_EQ(json(reportAfter(milliseconds(5000), "10")),
             R"({"a_t":"3","a_0":"1700000005000","a_1":"127.0.0.1","a_3":")" +
@@ -175,6 +175,12 @@ TEST_F(PlayAndDownloadRecordsTest, RecordHasNoA2AndRepeatsTheSendTime) {
                 R"(","a_4":"0","a_5":"0","a_6":"0","a_7":"item","a_8":"http://localhost/a.mp4",)"
                 R"("a_9":"1700000000000","a_10":"1700000005000","a_11":"done","a_12":"10 M",)"
                 R"("a_13":"2048.00","a_14":"/store/a.mp4"})");
+  // Start and now on the server clock; the elapsed time is local.
+  format().setCurrent_time(Value("100000"));
+  format().setServerInfoUpdateTime(1700000005000.0);
+  Dictionary record = reportAfter(milliseconds(5000), "10");
+  EXPECT_EQ(field(record, "a_9") + "|" + field(record, "a_0") + "|" + field(record, "a_13"),
+            "100000|105000|2048.00");
 }
 
 TEST_F(PlayAndDownloadRecordsTest, AmountAndAverageRate) {
@@ -212,15 +218,6 @@ TEST_F(PlayAndDownloadRecordsTest, StartTimeIsKeptForLaterReportsAndAMissingOneI
   Dictionary never = format().downLog("never-started", "http://x", "s", "10", "p", "n");
   EXPECT_EQ(field(never, "a_9") + "|" + field(never, "a_13"), "0|0.00");
   EXPECT_EQ(field(format().downLog(std::nullopt, "http://x", "s", "10", "p", "n"), "a_9"), "0");
-}
-
-TEST_F(PlayAndDownloadRecordsTest, StartAndNowAreOnTheServerClock) {
-  format().setCurrent_time(Value("100000"));
-  format().setServerInfoUpdateTime(1700000000000.0);
-  Dictionary record = reportAfter(milliseconds(5000), "10");
-  EXPECT_EQ(field(record, "a_9"), "100000");
-  EXPECT_EQ(field(record, "a_0"), "105000");
-  EXPECT_EQ(field(record, "a_13"), "2048.00");  // elapsed time is local
 }
 
 TEST_F(PlayAndDownloadRecordsTest, OnlyHttpAddressesAreEncodedAndResolved) {

@@ -28,13 +28,10 @@ class RecordsTest : public LibraryTest {
   }
 };
 
-TEST_F(RecordsTest, DefaultsFillAllTwelveKeys) {
+TEST_F(RecordsTest, DefaultsFillAllTwelveKeysAndKeysCarryTheirContextAndIdfaTwice) {
   EXPECT_EQ(json(format().publicLog()),
             R"({"t_1":"2","t_2":"","t_3":"","t_4":"","t_5":"","t_6":"","t_7":"","t_8":"",)"
             R"("t_9":"","t_10":"","t_11":"","t_12":""})");
-}
-
-TEST_F(RecordsTest, KeysCarryTheirContextAndIdfaTwice) {
   // Through the named access the C interface uses.
   const std::pair<const char*, const char*> context[] = {
       {"idfa", "device"}, {"devModel", "model"},     {"hardVer", "12.1"},  {"channel", "store"},
@@ -134,7 +131,21 @@ TEST_F(RecordsTest, ActionRecordCorrectsOnlyTheSendTime) {
             R"("a_3":"1700000000456","a_4":"0","a_5":""})");
 }
 
+// The builder takes the prepare time fourth and the end time fifth; nil
+// context and arguments become empty strings.
 TEST_F(RecordsTest, BodyHasSevenKeysWithTheCrossedVersionPairAndTheFullReport) {
+  const Dictionary empty =
+      format().diagnosisLog(std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                            std::nullopt, std::nullopt, std::nullopt);
+  EXPECT_EQ(opened(empty, "diagnosis_log", std::nullopt),
+            R"({"user_info":{"userID":"","userPhone":""},"dev_info":{"deviceID":"",)"
+            R"("devBrand":"","devMode":"","deviceResolution":"1.000000","devSystemVersion":""},)"
+            R"("play_info":{"playUrl":"","decodeType":"1","definition":"","isPlayOK":"",)"
+            R"("causeOfFailure":"","startTime":"","prepareTime":"","endTime":"","duration":""}})");
+  const std::string token = *QXLogHelper::tokenString("0");
+  EXPECT_EQ(json(empty), R"({"user_id":"","uid":"","user_phone":"","diagnosis_log":")" +
+                             field(empty, "diagnosis_log") +
+                             R"(","velin":"","version":"velin","token":")" + token + "\"}");
   format().setUid("42");
   format().setIdfa("device-1");
   format().setPhone("555");
@@ -143,34 +154,16 @@ TEST_F(RecordsTest, BodyHasSevenKeysWithTheCrossedVersionPairAndTheFullReport) {
   format().setHardVer("14");
   format().setScreenScale(3.0);
   format().setLogEncryptionKey("0123456789abcdef");
-  // The builder takes the prepare time fourth and the end time fifth.
   const Dictionary body = format().diagnosisLog("p1", "p2", "p3", "p5", "p4", "p6", "p7", "p8");
   EXPECT_EQ(json(body), R"({"user_id":"42","uid":"device-1","user_phone":"555","diagnosis_log":")" +
                             field(body, "diagnosis_log") +
-                            R"(","velin":"3.1.4","version":"velin","token":")" +
-                            *QXLogHelper::tokenString("0") + "\"}");
+                            R"(","velin":"3.1.4","version":"velin","token":")" + token + "\"}");
   EXPECT_EQ(opened(body, "diagnosis_log", "0123456789abcdef"),
             R"({"user_info":{"userID":"42","userPhone":"555"},"dev_info":{"deviceID":"device-1",)"
             R"("devBrand":"Pixel","devMode":"Pixel","deviceResolution":"3.000000",)"
             R"("devSystemVersion":"14"},"play_info":{"playUrl":"p1","decodeType":"1",)"
             R"("definition":"p8","isPlayOK":"p7","causeOfFailure":"p2","startTime":"p3",)"
             R"("prepareTime":"p5","endTime":"p4","duration":"p6"}})");
-}
-
-TEST_F(RecordsTest, ReportWithoutContextOrArguments) {
-  format().setLogEncryptionKey(std::nullopt);
-  const Dictionary body =
-      format().diagnosisLog(std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
-                            std::nullopt, std::nullopt, std::nullopt);
-  EXPECT_EQ(json(body), R"({"user_id":"","uid":"","user_phone":"","diagnosis_log":")" +
-                            field(body, "diagnosis_log") +
-                            R"(","velin":"","version":"velin","token":")" +
-                            *QXLogHelper::tokenString("0") + "\"}");
-  EXPECT_EQ(opened(body, "diagnosis_log", std::nullopt),
-            R"({"user_info":{"userID":"","userPhone":""},"dev_info":{"deviceID":"",)"
-            R"("devBrand":"","devMode":"","deviceResolution":"1.000000","devSystemVersion":""},)"
-            R"("play_info":{"playUrl":"","decodeType":"1","definition":"","isPlayOK":"",)"
-            R"("causeOfFailure":"","startTime":"","prepareTime":"","endTime":"","duration":""}})");
 }
 
 TEST_F(RecordsTest, HostReportIsEncodedAsGiven) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <latch>
 #include <limits>
 #include <vector>
 
@@ -69,21 +70,19 @@ TEST(MainQueueTest, DrainRunsOnlyWhatIsDueInDueOrder) {
 }
 
 TEST(GlobalQueueTest, RunsTasksConcurrently) {
-  GlobalQueue queue(2);
   // Two tasks that each wait for the other finish only if both run at once.
-  std::promise<void> first, second, done1, done2;
-  queue.async([&] {
-    first.set_value();
-    second.get_future().wait();
-    done1.set_value();
-  });
-  queue.async([&] {
-    second.set_value();
-    first.get_future().wait();
-    done2.set_value();
-  });
-  EXPECT_EQ(done1.get_future().wait_for(seconds(10)), std::future_status::ready);
-  EXPECT_EQ(done2.get_future().wait_for(seconds(10)), std::future_status::ready);
+  std::latch bothRunning(2);
+  std::promise<void> done[2];
+  GlobalQueue queue(2);
+  for (std::promise<void>& finished : done) {
+    queue.async([&] {
+      bothRunning.arrive_and_wait();
+      finished.set_value();
+    });
+  }
+  for (std::promise<void>& finished : done) {
+    EXPECT_EQ(finished.get_future().wait_for(seconds(10)), std::future_status::ready);
+  }
 }
 
 bool readableWithin(int fd, std::chrono::milliseconds wait) {

@@ -216,17 +216,12 @@ TEST_F(GateTest, CurrentTimeTruncatesToTheMillisecond) {
   for (auto [wall, text] :
        {std::pair{1700000000.9999, "1700000000999"}, std::pair{1700000000.1239, "1700000000123"}}) {
     clock_->setWallSeconds(wall);
-    char* now = currentTime();
-    EXPECT_STREQ(now, text);
-    QXLogFree(now);
+    EXPECT_EQ(taken(currentTime()), text);
   }
 }
 
 std::string hostJson(const QXLogDictionary* dictionary) {
-  char* text = QXLogDictionaryCopyJSON(dictionary);
-  std::string copy = text != nullptr ? text : "<null>";
-  QXLogFree(text);
-  return copy;
+  return taken(QXLogDictionaryCopyJSON(dictionary));
 }
 
 TEST(HostDictionaryTest, PutReplacesInPlaceAndOnlyJsonObjectsAreRead) {
@@ -257,9 +252,7 @@ TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentM
   EXPECT_EQ(console_->lines(),
             (std::vector<std::string>{"QXLog: unknown property \"pushlogurl\" ignored",
                                       "QXLog: unknown property \"uidd\" ignored"}));
-  char* url = QXLogFormatCopyString("pushLogUrl");
-  EXPECT_STREQ(url, "http://127.0.0.1:1/log");
-  QXLogFree(url);
+  EXPECT_EQ(taken(QXLogFormatCopyString("pushLogUrl")), "http://127.0.0.1:1/log");
   EXPECT_EQ(QXLogFormatCopyString("phone"), nullptr);  // nil
   EXPECT_EQ(QXLogFormatCopyString("no such property"), nullptr);
   QXLogFormatSetIsDev(true);

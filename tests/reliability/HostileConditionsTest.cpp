@@ -125,18 +125,13 @@ TEST_F(HostInputTest, HostileStringsRoundTripThroughTheFileAndTheUpload) {
 TEST_F(HostInputTest, InvalidUtf8GetsOneTreatmentEverywhere) {
   std::string r = kReplacement;
   QXLogFormatSetString("uid", "u\xfe");
-  char* uid = QXLogFormatCopyString("uid");
-  ASSERT_NE(uid, nullptr);
-  EXPECT_EQ(std::string(uid), "u" + r);
-  QXLogFree(uid);
+  EXPECT_EQ(taken(QXLogFormatCopyString("uid")), "u" + r);
 
   QXLogDictionary* dictionary = QXLogDictionaryCreateWithJSON("{\"k\":\"v\xff\"}");
   ASSERT_NE(dictionary, nullptr);
   put(dictionary, "key\x80", "value\xc3");
-  char* json = QXLogDictionaryCopyJSON(dictionary);
-  ASSERT_NE(json, nullptr);
-  EXPECT_EQ(std::string(json), "{\"k\":\"v" + r + "\",\"key" + r + "\":\"value" + r + "\"}");
-  QXLogFree(json);
+  EXPECT_EQ(taken(QXLogDictionaryCopyJSON(dictionary)),
+            "{\"k\":\"v" + r + "\",\"key" + r + "\":\"value" + r + "\"}");
   QXLogDictionaryRelease(dictionary);
 
   recordLaunchLogWithPushId("launch\xf5", "push\xed\xa0\x80");

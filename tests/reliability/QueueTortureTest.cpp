@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <set>
 #include <thread>
@@ -89,31 +90,68 @@ bool isTorn(std::string_view name, Value::Type root) {
   return !parsed || parsed->type() != root;
 }
 
-TEST(QueueTortureTest, KilledHostsLeaveWholeFilesAndKeepAcknowledgedRecords) {
-  const unsigned long kills = environmentNumber("QXLOG_TORTURE_KILLS", 30);
-  const auto seed = static_cast<unsigned>(environmentNumber("QXLOG_TORTURE_SEED", 20261122));
-  std::mt19937 random(seed);
-  std::uniform_int_distribution<int> killAfterMs(0, 40);
-  const fs::path base = fs::temp_directory_path() / ("qxlog-torture-" + std::to_string(getpid()));
-  const std::string documents = (base / "Documents").string();
+// An empty Documents directory of its own for a torture run.
+std::string freshDocuments(const std::string& name) {
+  const fs::path base = fs::temp_directory_path() / (name + "-" + std::to_string(getpid()));
   fs::remove_all(base);
-  fs::create_directories(documents);
-  center::CenterRegistry::replaceForTesting(
-      std::make_shared<platform::Env>(platform::Env::Parts{.documents = documents}));
+  fs::create_directories(base / "Documents");
+  return (base / "Documents").string();
+}
 
+const unsigned long kKills = environmentNumber("QXLOG_TORTURE_KILLS", 30);
+const unsigned kSeed = static_cast<unsigned>(environmentNumber("QXLOG_TORTURE_SEED", 20261122));
+
+struct Tortured {
+  uint64_t acknowledged = 0;
+  unsigned long lost = 0, unexpected = 0, disordered = 0;
+};
+
+// Kills a host reporting in `mode` at random moments; after each kill `load`
+// gives the numbers the files hold, in the order held. Counts acknowledged
+// records missing, records never reported and loads out of order. The
+// directory is emptied every `resetEvery` kills (which keeps each store's
+// cost small), and removed at the end.
+Tortured torture(const std::string& documents, const std::string& mode, unsigned long resetEvery,
+                 const std::function<std::vector<uint64_t>()>& load) {
+  std::mt19937 random(kSeed);
+  std::uniform_int_distribution<int> killAfterMs(0, 40);
+  Tortured tortured;
   std::set<uint64_t> acknowledged;  // since the directory was last emptied
   std::set<uint64_t> inFlight;      // reported when a host died, not acknowledged
-  uint64_t next = 1, totalAcknowledged = 0;
-  unsigned long torn = 0, lost = 0, unexpected = 0, leftTemporaries = 0;
-  for (unsigned long kill = 0; kill < kills; ++kill) {
+  uint64_t next = 1;
+  for (unsigned long kill = 0; kill < kKills; ++kill) {
     const std::vector<uint64_t> numbers =
-        runHost(documents, next, std::chrono::milliseconds(killAfterMs(random)));
+        runHost(documents, next, std::chrono::milliseconds(killAfterMs(random)), mode);
     acknowledged.insert(numbers.begin(), numbers.end());
-    totalAcknowledged += numbers.size();
+    tortured.acknowledged += numbers.size();
     const uint64_t interrupted = numbers.empty() ? next : numbers.back() + 1;
     inFlight.insert(interrupted);
     next = interrupted + 1;
 
+    const std::vector<uint64_t> held = load();
+    tortured.disordered += !std::is_sorted(held.begin(), held.end());
+    const std::set<uint64_t> heldSet(held.begin(), held.end());
+    for (uint64_t number : acknowledged) tortured.lost += heldSet.count(number) == 0;
+    for (uint64_t number : heldSet) {
+      tortured.unexpected += acknowledged.count(number) == 0 && inFlight.count(number) == 0;
+    }
+    if (kill % resetEvery == resetEvery - 1) {
+      fs::remove_all(documents);
+      fs::create_directories(documents);
+      acknowledged.clear();
+      inFlight.clear();
+    }
+  }
+  fs::remove_all(fs::path(documents).parent_path());
+  return tortured;
+}
+
+TEST(QueueTortureTest, KilledHostsLeaveWholeFilesAndKeepAcknowledgedRecords) {
+  const std::string documents = freshDocuments("qxlog-torture");
+  center::CenterRegistry::replaceForTesting(
+      std::make_shared<platform::Env>(platform::Env::Parts{.documents = documents}));
+  unsigned long torn = 0, leftTemporaries = 0;
+  const Tortured tortured = torture(documents, "", 10, [&] {
     // The three files as a fresh process finds them, then the library's own
     // loader, which also clears away interrupted writes.
     torn += isTorn(center::kActionQueueFile, Value::Type::kArray) +
@@ -128,60 +166,30 @@ TEST(QueueTortureTest, KilledHostsLeaveWholeFilesAndKeepAcknowledgedRecords) {
     std::vector<uint64_t> held;
     for (const Value& record : queue)
       held.push_back(std::strtoull(field(record, "a_1").c_str(), nullptr, 10));
-    EXPECT_TRUE(std::is_sorted(held.begin(), held.end())) << "after kill " << kill;
-    const std::set<uint64_t> heldSet(held.begin(), held.end());
-    for (uint64_t number : acknowledged) lost += heldSet.count(number) == 0;
-    for (uint64_t number : heldSet) {
-      unexpected += acknowledged.count(number) == 0 && inFlight.count(number) == 0;
-    }
-    if (kill % 10 == 9) {  // keeps the files, and so each store's cost, small
-      fs::remove_all(documents);
-      fs::create_directories(documents);
-      acknowledged.clear();
-      inFlight.clear();
-    }
-  }
-  fs::remove_all(base);
+    return held;
+  });
   std::printf(
       "queue torture: kills %lu, acknowledged records %llu, torn files %lu, lost acknowledged "
       "records %lu, unexpected records %lu, temporaries left after a load %lu, seed %u\n",
-      kills, static_cast<unsigned long long>(totalAcknowledged), torn, lost, unexpected,
-      leftTemporaries, seed);
+      kKills, static_cast<unsigned long long>(tortured.acknowledged), torn, tortured.lost,
+      tortured.unexpected, leftTemporaries, kSeed);
   EXPECT_EQ(torn, 0u);
-  EXPECT_EQ(lost, 0u);
-  EXPECT_EQ(unexpected, 0u);
+  EXPECT_EQ(tortured.lost, 0u);
+  EXPECT_EQ(tortured.unexpected, 0u);
+  EXPECT_EQ(tortured.disordered, 0u);
   EXPECT_EQ(leftTemporaries, 0u);
-  EXPECT_GT(totalAcknowledged, 0u);
+  EXPECT_GT(tortured.acknowledged, 0u);
 }
 
 // The same at least once: the journal read back after each kill holds, in
 // order, every acknowledged record and nothing damaged.
 TEST(JournalTortureTest, KilledHostsLeaveWholeFramesAndKeepAcknowledgedRecords) {
-  const unsigned long kills = environmentNumber("QXLOG_TORTURE_KILLS", 30);
-  const auto seed = static_cast<unsigned>(environmentNumber("QXLOG_TORTURE_SEED", 20261122));
-  std::mt19937 random(seed);
-  std::uniform_int_distribution<int> killAfterMs(0, 40);
-  const fs::path base = fs::temp_directory_path() / ("qxlog-journal-" + std::to_string(getpid()));
-  const std::string documents = (base / "Documents").string();
-  fs::remove_all(base);
-  fs::create_directories(documents);
-  auto env = std::make_shared<platform::Env>(
+  const std::string documents = freshDocuments("qxlog-journal");
+  platform::Env env(
       platform::Env::Parts{.console = [](const std::string&) {}, .documents = documents});
-
-  std::set<uint64_t> acknowledged;
-  std::set<uint64_t> inFlight;
-  uint64_t next = 1, totalAcknowledged = 0;
-  unsigned long damaged = 0, lost = 0, unexpected = 0, disordered = 0;
-  for (unsigned long kill = 0; kill < kills; ++kill) {
-    const std::vector<uint64_t> numbers =
-        runHost(documents, next, std::chrono::milliseconds(killAfterMs(random)), "at-least-once");
-    acknowledged.insert(numbers.begin(), numbers.end());
-    totalAcknowledged += numbers.size();
-    const uint64_t interrupted = numbers.empty() ? next : numbers.back() + 1;
-    inFlight.insert(interrupted);
-    next = interrupted + 1;
-
-    center::Journal journal(*env, nullptr);
+  unsigned long damaged = 0;
+  const Tortured tortured = torture(documents, "at-least-once", 50, [&] {
+    center::Journal journal(env, nullptr);
     damaged += journal.open();
     std::vector<uint64_t> held;
     for (const center::Journal::Entry& entry : journal.pending()) {
@@ -189,30 +197,18 @@ TEST(JournalTortureTest, KilledHostsLeaveWholeFramesAndKeepAcknowledgedRecords) 
       if (!record || field(*record, "p") != "<missing>") continue;  // folded play headers
       held.push_back(std::strtoull(field(*record, "a_1").c_str(), nullptr, 10));
     }
-    disordered += !std::is_sorted(held.begin(), held.end());
-    const std::set<uint64_t> heldSet(held.begin(), held.end());
-    for (uint64_t number : acknowledged) lost += heldSet.count(number) == 0;
-    for (uint64_t number : heldSet) {
-      unexpected += acknowledged.count(number) == 0 && inFlight.count(number) == 0;
-    }
-    if (kill % 50 == 49) {
-      fs::remove_all(documents);
-      fs::create_directories(documents);
-      acknowledged.clear();
-      inFlight.clear();
-    }
-  }
-  fs::remove_all(base);
+    return held;
+  });
   std::printf(
       "journal torture: kills %lu, acknowledged records %llu, lost acknowledged records %lu, "
       "records out of order %lu, damaged records read %lu, unexpected records %lu, seed %u\n",
-      kills, static_cast<unsigned long long>(totalAcknowledged), lost, disordered, damaged,
-      unexpected, seed);
-  EXPECT_EQ(lost, 0u);
-  EXPECT_EQ(disordered, 0u);
+      kKills, static_cast<unsigned long long>(tortured.acknowledged), tortured.lost,
+      tortured.disordered, damaged, tortured.unexpected, kSeed);
+  EXPECT_EQ(tortured.lost, 0u);
+  EXPECT_EQ(tortured.disordered, 0u);
   EXPECT_EQ(damaged, 0u);
-  EXPECT_EQ(unexpected, 0u);
-  EXPECT_GT(totalAcknowledged, 0u);
+  EXPECT_EQ(tortured.unexpected, 0u);
+  EXPECT_GT(tortured.acknowledged, 0u);
 }
 
 }  // namespace

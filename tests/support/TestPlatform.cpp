@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "QXLog/QXLog.h"
 #include "QXLog/center/CenterRegistry.h"
 #include "QXLog/platform/CurlTransport.h"
 #include "QXLog/recording/Gate.h"
@@ -18,38 +19,11 @@
 
 namespace qxlog::testing {
 
-double VirtualClock::wallSeconds() const {
-  std::lock_guard lock(mutex_);
-  return wall_;
-}
-
-int64_t VirtualClock::monotonicNanos() const {
-  std::lock_guard lock(mutex_);
-  return monotonic_;
-}
-
 std::tm VirtualClock::localTime(double wallSeconds) const {
-  std::lock_guard lock(mutex_);
   std::time_t shifted = static_cast<std::time_t>(std::floor(wallSeconds)) + utcOffset_;
   std::tm result{};
   gmtime_r(&shifted, &result);
   return result;
-}
-
-void VirtualClock::advance(std::chrono::nanoseconds by) {
-  std::lock_guard lock(mutex_);
-  monotonic_ += by.count();
-  wall_ += std::chrono::duration<double>(by).count();
-}
-
-void VirtualClock::setWallSeconds(double seconds) {
-  std::lock_guard lock(mutex_);
-  wall_ = seconds;
-}
-
-void VirtualClock::setUtcOffset(std::chrono::seconds offset) {
-  std::lock_guard lock(mutex_);
-  utcOffset_ = offset.count();
 }
 
 class VirtualDispatcher::Lane final : public platform::Executor {
@@ -101,40 +75,10 @@ std::size_t VirtualDispatcher::pending() const {
   return schedule_.size();
 }
 
-platform::DeviceFacts::Space FixedDeviceFacts::fileSystemSpace(const std::string&) const {
-  std::lock_guard lock(mutex_);
-  return space_;
-}
-
-std::vector<platform::DeviceFacts::InterfaceAddress> FixedDeviceFacts::interfaceAddresses() const {
-  std::lock_guard lock(mutex_);
-  return addresses_;
-}
-
 std::string FixedDeviceFacts::resolveIPv4(const std::string& host) const {
   in_addr address{};
   if (host == "localhost") return "127.0.0.1";
   return ::inet_pton(AF_INET, host.c_str(), &address) == 1 ? host : std::string();
-}
-
-void FixedDeviceFacts::setSpace(Space space) {
-  std::lock_guard lock(mutex_);
-  space_ = space;
-}
-
-void FixedDeviceFacts::setInterfaceAddresses(std::vector<InterfaceAddress> addresses) {
-  std::lock_guard lock(mutex_);
-  addresses_ = std::move(addresses);
-}
-
-void ConsoleCapture::add(const std::string& line) {
-  std::lock_guard lock(mutex_);
-  lines_.push_back(line);
-}
-
-std::vector<std::string> ConsoleCapture::lines() const {
-  std::lock_guard lock(mutex_);
-  return lines_;
 }
 
 bool ConsoleCapture::contains(const std::string& line) const {
@@ -211,6 +155,12 @@ std::vector<std::string> items(const Array& queue) {
 
 std::string json(const Dictionary& record) {
   return serial::toJson(Value(record));
+}
+
+std::string taken(char* text) {
+  std::string copy = text != nullptr ? text : "<null>";
+  QXLogFree(text);
+  return copy;
 }
 
 std::string readToEnd(int fd) {

@@ -8,10 +8,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QXLog/QXLogCenter.h"
@@ -33,22 +36,24 @@ class VirtualClock final : public platform::Clock {
  public:
   explicit VirtualClock(double wallSeconds = 1700000000.0) : wall_(wallSeconds) {}
 
-  double wallSeconds() const override;
-  int64_t monotonicNanos() const override;
+  double wallSeconds() const override { return wall_.load(); }
+  int64_t monotonicNanos() const override { return monotonic_.load(); }
   std::tm localTime(double wallSeconds) const override;
 
   // Moves both clocks forward.
-  void advance(std::chrono::nanoseconds by);
+  void advance(std::chrono::nanoseconds by) {
+    monotonic_ += by.count();
+    wall_ += std::chrono::duration<double>(by).count();
+  }
   // Moves the wall clock alone, as when the user changes the device's time.
-  void setWallSeconds(double seconds);
+  void setWallSeconds(double seconds) { wall_ = seconds; }
   // The local time zone, as an offset east of UTC.
-  void setUtcOffset(std::chrono::seconds offset);
+  void setUtcOffset(std::chrono::seconds offset) { utcOffset_ = offset.count(); }
 
  private:
-  mutable std::mutex mutex_;
-  double wall_;
-  int64_t monotonic_ = 0;
-  int64_t utcOffset_ = 0;
+  std::atomic<double> wall_;
+  std::atomic<int64_t> monotonic_ = 0;
+  std::atomic<int64_t> utcOffset_ = 0;
 };
 
 // One timeline for both queues; tasks run on the calling thread when the test
@@ -84,12 +89,24 @@ class VirtualDispatcher {
 // itself.
 class FixedDeviceFacts final : public platform::DeviceFacts {
  public:
-  Space fileSystemSpace(const std::string& path) const override;
-  std::vector<InterfaceAddress> interfaceAddresses() const override;
+  Space fileSystemSpace(const std::string&) const override {
+    std::lock_guard lock(mutex_);
+    return space_;
+  }
+  std::vector<InterfaceAddress> interfaceAddresses() const override {
+    std::lock_guard lock(mutex_);
+    return addresses_;
+  }
   std::string resolveIPv4(const std::string& host) const override;
 
-  void setSpace(Space space);
-  void setInterfaceAddresses(std::vector<InterfaceAddress> addresses);
+  void setSpace(Space space) {
+    std::lock_guard lock(mutex_);
+    space_ = space;
+  }
+  void setInterfaceAddresses(std::vector<InterfaceAddress> addresses) {
+    std::lock_guard lock(mutex_);
+    addresses_ = std::move(addresses);
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -99,8 +116,14 @@ class FixedDeviceFacts final : public platform::DeviceFacts {
 
 class ConsoleCapture {
  public:
-  void add(const std::string& line);
-  std::vector<std::string> lines() const;
+  void add(const std::string& line) {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(line);
+  }
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
   bool contains(const std::string& line) const;
   std::size_t countStartingWith(const std::string& prefix) const;
 
@@ -146,6 +169,18 @@ std::string field(const Dictionary& record, std::string_view key);
 std::vector<std::string> items(const Array& queue);
 // A record as JSON text, keys in their order: key set, order and values at once.
 std::string json(const Dictionary& record);
+// Text the C interface handed over, freed: "<null>" for none.
+std::string taken(char* text);
+// The given members of each row, as "a b; a b": a whole list in one expectation.
+template <typename Row, typename... Members>
+std::string rows(const std::vector<Row>& list, Members Row::*... members) {
+  std::ostringstream out;
+  for (const Row& row : list) {
+    const char* separator = &row == list.data() ? "" : "; ";
+    ((out << std::exchange(separator, " ") << row.*members), ...);
+  }
+  return out.str();
+}
 
 // Everything readable from a descriptor up to its end.
 std::string readToEnd(int fd);
