@@ -104,6 +104,11 @@ class QXLogCenter {
   // queue and submits on the main queue.
   void getLogServerInfo();
   void startTime(int32_t seconds);
+  // Runs each time the push timer runs out, on the main queue, before the
+  // pending play records are folded and submitted; no lock of the library is
+  // held and it may store records (the play API sends its plays' parts
+  // there). An empty one removes it.
+  void setPushTimerHandler(std::function<void()> handler);
 
   // Delivery. kDescribed (the default) sends and clears as existing log
   // servers expect. kAtLeastOnce keeps each record in an append-only journal
@@ -170,6 +175,7 @@ class QXLogCenter {
   std::atomic<std::size_t> queueLimit_{50000};
   std::mutex handlerMutex_;
   DeliveryHandler deliveryHandler_;
+  std::function<void()> pushTimerHandler_;  // under handlerMutex_
   std::unique_ptr<qxlog::center::DeliveryPolicy> described_;
   std::unique_ptr<qxlog::center::DeliveryPolicy> atLeastOnce_;
   // Described delivery: records in uploads not yet answered, and records

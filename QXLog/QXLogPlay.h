@@ -9,12 +9,14 @@
  *
  * Whole, identified plays: each play gets a random id. The play keeps its
  * own actions and sends them folded under its own copy of its header, which
- * carries the id under "play_id": at its end, or in parts of at most 100
- * actions during a long play. Plays never share a header copy, whatever the
- * batch size and however many plays run at once. Pending actions are kept in
- * a small file per play in the Documents directory ("QXLogPlay-<id>.plist",
- * listed in "QXLogPlays.plist"); after a crash they are sent under their own
- * header when the next run begins its first play.
+ * carries the id under "play_id": at its end, and during the play in parts
+ * (each 100 actions, and each time the push timer runs out). Plays never
+ * share a header copy, whatever the batch size and however many plays run at
+ * once. Pending actions are kept in a small file per play in the Documents
+ * directory ("QXLogPlay-<id>.plist", listed in "QXLogPlays.plist") with the
+ * summary the play would end with; after a crash the next run sends both,
+ * under the play's own header, when the host calls logEnvReady(true) (or at
+ * its first play), the summary marked "ended_by_restart" "1".
  *
  * The summary is a diagnosis (as recordDiagnosCompleteLog sends) holding
  * "play_info" and "play_summary"; the latter carries "play_id", "movie_id",

@@ -43,6 +43,10 @@ QXLogCenter& CenterRegistry::instance() {
   return *g_center.load(std::memory_order_acquire);
 }
 
+QXLogCenter* CenterRegistry::existing() {
+  return g_center.load(std::memory_order_acquire);
+}
+
 QXLogCenter& CenterRegistry::replaceForTesting(std::shared_ptr<platform::Env> env) {
   instance();
   static std::mutex retiredMutex;

@@ -16,6 +16,8 @@ namespace qxlog::center {
 class CenterRegistry {
  public:
   static QXLogCenter& instance();
+  // The center when one was created, without creating it.
+  static QXLogCenter* existing();
   // Creates the center on `env`; false, and nothing changes, when it exists.
   static bool createWithEnv(std::shared_ptr<platform::Env> env);
   // Puts a new center, with a new format object and nothing loaded, in place

@@ -3,8 +3,10 @@
 // the submission comes N * N seconds after the start.
 #include "QXLog/center/PushTimer.h"
 
+#include <functional>
 #include <limits>
 #include <memory>
+#include <mutex>
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/platform/Env.h"
@@ -21,6 +23,11 @@ int32_t qxlog::center::pushIntervalSeconds(const Value& pushIntervalTime) {
   return static_cast<int32_t>(seconds);
 }
 
+void QXLogCenter::setPushTimerHandler(std::function<void()> handler) {
+  std::lock_guard lock(handlerMutex_);
+  pushTimerHandler_ = std::move(handler);
+}
+
 void QXLogCenter::startTime(int32_t seconds) {
   // Touched only by this timer's firings, which never overlap.
   auto countdown = std::make_shared<int32_t>(seconds);
@@ -31,6 +38,12 @@ void QXLogCenter::startTime(int32_t seconds) {
     }
     timer.cancel();
     env().mainQueue()->async([this] {
+      std::function<void()> beforeSubmission;
+      {
+        std::lock_guard lock(handlerMutex_);
+        beforeSubmission = pushTimerHandler_;
+      }
+      if (beforeSubmission) beforeSubmission();
       if (playCount() != 0) makePlayLog();
       submitAllLog();
     });

@@ -22,6 +22,26 @@ std::string orEmpty(const NullableString& text) {
   return text.value_or("");
 }
 
+bool isString(const Value* value, std::string_view text) {
+  return value != nullptr && value->asString() != nullptr && *value->asString() == text;
+}
+
+bool allStrings(const Value* value) {
+  if (value == nullptr || !value->isDictionary()) return false;
+  const Dictionary& fields = *value->asDictionary();
+  return std::all_of(fields.begin(), fields.end(),
+                     [](const auto& field) { return field.second.asString() != nullptr; });
+}
+
+// A report as playSummaryReport writes it, of play `playId`.
+bool isReportOf(const Value& report, std::string_view playId) {
+  if (!report.isDictionary()) return false;
+  const Dictionary& parts = *report.asDictionary();
+  const Value* summary = parts.find("play_summary");
+  return parts.size() == 2 && allStrings(parts.find("play_info")) && allStrings(summary) &&
+         isString(summary->asDictionary()->find(kPlayIdKey), playId);
+}
+
 }  // namespace
 
 Dictionary playSessionAction(const QXLogMessageFormat& format, const PlayAction& action) {
@@ -63,7 +83,7 @@ PlayErrorReport playErrorReport(const PlayDescription& play, const PlayTimeline&
 }
 
 Dictionary playSummaryReport(const PlayDescription& play, const PlayTimeline& timeline,
-                             const std::string& cause, int64_t now) {
+                             const std::string& cause, int64_t now, bool endedByRestart) {
   const PlaySummary summary = timeline.summary().value_or(PlaySummary{});
   const PlayErrorReport base = playErrorReport(play, timeline, summary.failed ? cause : "", now);
   Dictionary info = makeStringDictionary({{"playUrl", base.url},
@@ -92,28 +112,32 @@ Dictionary playSummaryReport(const PlayDescription& play, const PlayTimeline& ti
                             {"failed", summary.failed ? "1" : "0"},
                             {"rendition_switches", decimal(summary.renditionSwitches)},
                             {"average_bitrate_bps", decimal(summary.averageBitrate)},
-                            {"top_height", decimal(summary.topHeight)}});
+                            {"top_height", decimal(summary.topHeight)},
+                            {"ended_by_restart", endedByRestart ? "1" : "0"}});
   Dictionary report;
   report.set("play_info", Value(std::move(info)));
   report.set("play_summary", Value(std::move(figures)));
   return report;
 }
 
-std::optional<Dictionary> recoveredPlay(std::string_view bytes, std::string_view playId) {
+std::optional<RecoveredPlay> recoveredPlay(std::string_view bytes, std::string_view playId) {
   if (bytes.empty() || bytes.size() > kMaxPlayFileBytes) return std::nullopt;
   std::optional<Value> root = serial::parsePropertyList(bytes);
   if (!root || !root->isDictionary()) return std::nullopt;
-  const Dictionary& record = *root->asDictionary();
-  const Value* id = record.find(kPlayIdKey);
-  if (id == nullptr || id->asString() == nullptr || *id->asString() != playId) return std::nullopt;
-  const Value* actions = record.find("p");
+  RecoveredPlay play{std::move(*root->asDictionary()), std::nullopt};
+  if (!isString(play.record.find(kPlayIdKey), playId)) return std::nullopt;
+  if (const Value* report = play.record.find(kRestartReportKey)) {
+    if (isReportOf(*report, playId)) play.report = *report->asDictionary();
+    play.record.erase(kRestartReportKey);
+  }
+  const Value* actions = play.record.find("p");
   if (actions == nullptr || !actions->isArray()) return std::nullopt;
   const Array& list = *actions->asArray();
-  if (list.empty() || list.size() > kMaxPlayFileActions) return std::nullopt;
+  if (list.size() > kMaxPlayFileActions || (list.empty() && !play.report)) return std::nullopt;
   for (const Value& action : list) {
     if (!action.isDictionary()) return std::nullopt;
   }
-  return record;
+  return play;
 }
 
 }  // namespace qxlog::format

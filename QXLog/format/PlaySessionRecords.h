@@ -50,18 +50,30 @@ PlayErrorReport playErrorReport(const PlayDescription& play, const PlayTimeline&
 
 // The end-of-play report of an ended timeline: "play_info" (the diagnosis's
 // fields) and "play_summary" (id, what was played, the measures and the
-// renditions, all decimal texts).
+// renditions, all decimal texts). `endedByRestart`: the play's run stopped
+// before the play ended, and the next run sends the report
+// ("ended_by_restart" "1").
 Dictionary playSummaryReport(const PlayDescription& play, const PlayTimeline& timeline,
-                             const std::string& cause, int64_t now);
+                             const std::string& cause, int64_t now, bool endedByRestart = false);
 
-// A play's file: its header copy with its pending actions under "p".
-// Files larger than this, or with more actions, are not read back.
+// A play's file: its header copy with its pending actions under "p" (maybe
+// none), and under kRestartReportKey the report its play would end with if
+// its run stopped now. Files larger than this, or with more actions, are not
+// read back.
 inline constexpr std::size_t kMaxPlayFileBytes = 4u << 20;
 inline constexpr std::size_t kMaxPlayFileActions = 1000;
-// The record a play's file holds, when it is one of play `playId` (a
-// dictionary whose "play_id" is that id and whose "p" is a non-empty array of
-// dictionaries, within the bounds above); nothing otherwise.
-std::optional<Dictionary> recoveredPlay(std::string_view bytes, std::string_view playId);
+inline constexpr const char* kRestartReportKey = "report_if_restarted";
+
+struct RecoveredPlay {
+  Dictionary record;                 // the header copy with its actions, the report taken out
+  std::optional<Dictionary> report;  // "play_info" and "play_summary" of the same play
+};
+// What a play's file holds, when it is one of play `playId`: a dictionary
+// whose "play_id" is that id and whose "p" is an array of dictionaries within
+// the bounds above, with at least one action or a report. A report whose
+// "play_summary" is not of that play, or holds anything but strings, is left
+// out. Nothing otherwise.
+std::optional<RecoveredPlay> recoveredPlay(std::string_view bytes, std::string_view playId);
 
 }  // namespace qxlog::format
 

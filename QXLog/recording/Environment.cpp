@@ -4,6 +4,7 @@
 #include "QXLog/platform/Env.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/HostStrings.h"
+#include "QXLog/recording/PlaySessions.h"
 #include "QXLog/support/Time.h"
 
 extern "C" {
@@ -13,6 +14,8 @@ const unsigned char QXLogVersionString[] = "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n"
 
 void logEnvReady(bool ready) {
   qxlog::recording::setEnvironmentReady(ready);
+  // The plays an earlier run left go out now, not at this run's first play.
+  if (ready) qxlog::recording::PlaySessions::instance().started();
 }
 
 char* currentTime(void) {

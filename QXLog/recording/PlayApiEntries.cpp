@@ -7,10 +7,11 @@
 #include "QXLog/recording/PlaySession.h"
 #include "QXLog/recording/PlaySessions.h"
 
+// The push timer may hold a play's session a moment after QXLogPlayEnd.
 struct QXLogPlay {
   explicit QXLogPlay(qxlog::format::PlayDescription description)
-      : session(std::move(description)) {}
-  qxlog::recording::PlaySession session;
+      : session(std::make_shared<qxlog::recording::PlaySession>(std::move(description))) {}
+  const std::shared_ptr<qxlog::recording::PlaySession> session;
 };
 
 namespace {
@@ -33,30 +34,32 @@ QXLogPlay* QXLogPlayBegin(const QXLogPlayInfo* info) {
       fromHost(info->is_pcdn)};
   // Listed before its file is first written, so that a crash leaves it found.
   sessions.opened(description.playId);
-  return new QXLogPlay(std::move(description));
+  auto* play = new QXLogPlay(std::move(description));
+  sessions.track(play->session);
+  return play;
 }
 
 void QXLogPlaySetState(QXLogPlay* play, QXLogPlayerState state, int64_t position_ms) {
   if (play == nullptr || state < QXLogPlayerStarting || state > QXLogPlayerSeeking) return;
-  play->session.setState(static_cast<qxlog::format::PlayerState>(state), position_ms);
+  play->session->setState(static_cast<qxlog::format::PlayerState>(state), position_ms);
 }
 
 void QXLogPlayRendition(QXLogPlay* play, int height, int64_t bitrate_bps) {
-  if (play != nullptr) play->session.rendition(height, bitrate_bps);
+  if (play != nullptr) play->session->rendition(height, bitrate_bps);
 }
 
 void QXLogPlayError(QXLogPlay* play, const char* cause) {
-  if (play != nullptr) play->session.fail(fromHost(cause).value_or(""));
+  if (play != nullptr) play->session->fail(fromHost(cause).value_or(""));
 }
 
 void QXLogPlayEnd(QXLogPlay* play) {
   if (play == nullptr) return;
-  play->session.end();
+  play->session->end();
   delete play;
 }
 
 const char* QXLogPlayId(const QXLogPlay* play) {
-  return play != nullptr ? play->session.id().c_str() : nullptr;
+  return play != nullptr ? play->session->id().c_str() : nullptr;
 }
 
 const char* QXLogPlayOperationString(int operation) {

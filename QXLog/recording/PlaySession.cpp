@@ -19,14 +19,6 @@ int64_t monotonicMillis() {
   return center().env().clock().monotonicNanos() / 1000000;
 }
 
-// Diagnoses go out at once, as recordDiagnosLog's and recordDiagnosCompleteLog's.
-void postSummary(Dictionary report) {
-  if (deferUntilReady(postSummary, report)) return;
-  QXLogMessageFormat& format = center().format();
-  center().pushLog(format.diagnosisOfCompleteInformation(Value(std::move(report))),
-                   format.pushDiagnosisUrl(), true);
-}
-
 void postError(format::PlayErrorReport error) {
   if (deferUntilReady(postError, error)) return;
   QXLogMessageFormat& format = center().format();
@@ -85,7 +77,14 @@ void PlaySession::end() {
   // The file keeps the last actions until the store has them.
   addLocked(timeline_.end(at, position_));
   storePlayPart(takePartLocked(), id(), true);
-  postSummary(format::playSummaryReport(description_, timeline_, cause_, at));
+  postPlayReport(format::playSummaryReport(description_, timeline_, cause_, at));
+}
+
+void PlaySession::sendPart() {
+  std::lock_guard lock(mutex_);
+  if (timeline_.ended()) return;
+  if (!pending_.empty() && environmentReady()) center().storeActionLog(takePartLocked());
+  writeFileLocked();
 }
 
 void PlaySession::addLocked(const std::vector<format::PlayAction>& actions) {
@@ -109,14 +108,18 @@ void PlaySession::addLocked(const std::vector<format::PlayAction>& actions) {
 }
 
 void PlaySession::writeFileLocked() {
-  platform::FileSystem& files = center().env().files();
-  if (pending_.empty()) {
-    files.remove(path_);
-    return;
-  }
   Dictionary record = header_;
   record.set("p", Value(pending_));
-  files.replaceAtomically(path_, serial::toXmlPropertyList(Value(std::move(record))));
+  record.set(format::kRestartReportKey, Value(restartReportLocked()));
+  center().env().files().replaceAtomically(path_,
+                                           serial::toXmlPropertyList(Value(std::move(record))));
+}
+
+Dictionary PlaySession::restartReportLocked() {
+  const int64_t at = now();
+  format::PlayTimeline ended = timeline_;
+  ended.end(at, position_);
+  return format::playSummaryReport(description_, ended, cause_, at, true);
 }
 
 Dictionary PlaySession::takePartLocked() {

@@ -1,7 +1,8 @@
 // One play of the play API: its timeline, its header copy carrying its id,
-// and the actions not yet sent, mirrored in the play's own file so that a
-// crash leaves them for the next run. Every method may be called from any
-// thread; the play's lock serialises them.
+// and the actions not yet sent, mirrored in the play's own file together with
+// the report the play would end with, so that a crash leaves both for the
+// next run. Every method may be called from any thread; the play's lock
+// serialises them.
 #ifndef QXLOG_RECORDING_PLAYSESSION_H_
 #define QXLOG_RECORDING_PLAYSESSION_H_
 
@@ -35,6 +36,10 @@ class PlaySession {
   void fail(const std::string& cause);
   // Ends the play, sends its last actions and its summary; nothing after it.
   void end();
+  // The push timer ran out: the pending actions go as a part, under the
+  // play's header, once the host's context is ready; the file is rewritten
+  // either way, so that its report ends the play now. Nothing once ended.
+  void sendPart();
 
   // The name of a play's file in the Documents directory.
   static std::string fileName(const std::string& playId);
@@ -46,6 +51,8 @@ class PlaySession {
   // and rewrites the file.
   void addLocked(const std::vector<format::PlayAction>& actions);
   void writeFileLocked();
+  // The report of the play ended now by the end of its run.
+  Dictionary restartReportLocked();
   // The header copy with the pending actions under "p"; they are taken.
   Dictionary takePartLocked();
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "QXLog/QXLogCenter.h"
+#include "QXLog/center/CenterRegistry.h"
 #include "QXLog/format/PlaySessionRecords.h"
 #include "QXLog/platform/Env.h"
 #include "QXLog/recording/Gate.h"
@@ -38,18 +39,15 @@ std::string PlaySessions::newId() {
 }
 
 void PlaySessions::opened(const std::string& playId) {
-  std::vector<std::pair<std::string, Dictionary>> leftovers;
+  std::vector<Leftover> leftovers;
   {
     std::lock_guard lock(mutex_);
     QXLogCenter& center = QXLogCenter::center();
-    if (recoveredFor_ != &center) {
-      recoveredFor_ = &center;
-      leftovers = recoverLocked(center);
-    }
+    leftovers = startLocked(center);
     listed_.push_back(playId);
     writeIndexLocked(center);
   }
-  for (auto& [id, record] : leftovers) storePlayPart(std::move(record), id, true);
+  send(std::move(leftovers));
 }
 
 void PlaySessions::closed(const std::string& playId) {
@@ -60,13 +58,60 @@ void PlaySessions::closed(const std::string& playId) {
   writeIndexLocked(QXLogCenter::center());
 }
 
+void PlaySessions::started() {
+  QXLogCenter* center = center::CenterRegistry::existing();
+  if (center == nullptr) return;
+  std::vector<Leftover> leftovers;
+  {
+    std::lock_guard lock(mutex_);
+    if (recoveredFor_ == center) return;
+    leftovers = startLocked(*center);
+    if (!leftovers.empty()) writeIndexLocked(*center);
+  }
+  send(std::move(leftovers));
+}
+
+std::vector<PlaySessions::Leftover> PlaySessions::startLocked(QXLogCenter& center) {
+  if (recoveredFor_ == &center) return {};
+  recoveredFor_ = &center;
+  center.setPushTimerHandler([] { PlaySessions::instance().sendParts(); });
+  return recoverLocked(center);
+}
+
+// In file order: each play's actions, then its report.
+void PlaySessions::send(std::vector<Leftover> leftovers) {
+  for (Leftover& leftover : leftovers) {
+    storePlayPart(std::move(leftover.play.record), leftover.id, true);
+    if (leftover.play.report) postPlayReport(std::move(*leftover.play.report));
+  }
+}
+
+void PlaySessions::track(const std::shared_ptr<PlaySession>& play) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(open_, [](const std::weak_ptr<PlaySession>& open) { return open.expired(); });
+  open_.push_back(play);
+}
+
+// The plays' locks are taken after the list's is released: a play holds its
+// own while it unlists itself.
+void PlaySessions::sendParts() {
+  std::vector<std::shared_ptr<PlaySession>> plays;
+  {
+    std::lock_guard lock(mutex_);
+    for (const std::weak_ptr<PlaySession>& open : open_) {
+      if (std::shared_ptr<PlaySession> play = open.lock()) plays.push_back(std::move(play));
+    }
+  }
+  for (const std::shared_ptr<PlaySession>& play : plays) play->sendPart();
+}
+
 // Each listed play with a readable file is sent under its own header; the
 // others, and files that do not hold their play, are removed.
-std::vector<std::pair<std::string, Dictionary>> PlaySessions::recoverLocked(QXLogCenter& center) {
+std::vector<PlaySessions::Leftover> PlaySessions::recoverLocked(QXLogCenter& center) {
   platform::Env& env = center.env();
   platform::FileSystem& files = env.files();
   listed_.clear();
-  std::vector<std::pair<std::string, Dictionary>> leftovers;
+  std::vector<Leftover> leftovers;
   std::optional<std::string> bytes = files.read(env.documentsPath(kIndexFile));
   if (!bytes || bytes->empty() || bytes->size() > format::kMaxPlayFileBytes) return leftovers;
   std::optional<Value> index = serial::parsePropertyList(*bytes);
@@ -77,14 +122,14 @@ std::vector<std::pair<std::string, Dictionary>> PlaySessions::recoverLocked(QXLo
     if (leftovers.size() >= kMaxRecovered) break;
     const std::string path = env.documentsPath(PlaySession::fileName(*id));
     std::optional<std::string> contents = files.read(path);
-    std::optional<Dictionary> record =
+    std::optional<format::RecoveredPlay> play =
         contents ? format::recoveredPlay(*contents, *id) : std::nullopt;
-    if (!record) {
+    if (!play) {
       files.remove(path);
       continue;
     }
     listed_.push_back(*id);
-    leftovers.emplace_back(*id, std::move(*record));
+    leftovers.push_back(Leftover{*id, std::move(*play)});
   }
   return leftovers;
 }
@@ -110,6 +155,14 @@ void storePlayPart(Dictionary record, std::string playId, bool last) {
   if (!last) return;
   center.env().files().remove(center.env().documentsPath(PlaySession::fileName(playId)));
   PlaySessions::instance().closed(playId);
+}
+
+void postPlayReport(Dictionary report) {
+  if (deferUntilReady(postPlayReport, report)) return;
+  QXLogCenter& center = QXLogCenter::center();
+  QXLogMessageFormat& format = center.format();
+  center.pushLog(format.diagnosisOfCompleteInformation(Value(std::move(report))),
+                 format.pushDiagnosisUrl(), true);
 }
 
 }  // namespace qxlog::recording

@@ -132,6 +132,9 @@ constexpr Field kPlaySummary[] = {
     {"rendition_switches", "quality changes after the first frame"},
     {"average_bitrate_bps", "bitrate weighted by the time played at each, bits/s (0 unknown)"},
     {"top_height", "the highest rendition's height, pixels (0 unknown)"},
+    {"ended_by_restart",
+     "\"1\" when the play's run stopped first: the next run sent it, ended at its last moment "
+     "known"},
 };
 
 constexpr std::array<Table, 8> kTables = {{

@@ -112,6 +112,9 @@ class SqliteSession final : public SqlSession {
     sqlite3_busy_timeout(db, static_cast<int>(shared->options.wait.count()));
     session->exec("PRAGMA journal_mode = WAL");
     session->exec("PRAGMA foreign_keys = ON");
+    // LIKE matches case as on PostgreSQL: a title filter "Film-1" keeps
+    // "Film-1" alone, not "film-1".
+    session->exec("PRAGMA case_sensitive_like = ON");
     return session;
   }
 

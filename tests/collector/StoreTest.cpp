@@ -233,6 +233,7 @@ TEST_P(StoreTest, TitlesAndFailuresComeFromTheLatestSummariesWithinTheFilter) {
   EXPECT_EQ(rows(store->titles({}, 1, 100), &TitleQuality::movieId), "film_2");
   // "_" is no wildcard: film_1 matches no title.
   EXPECT_TRUE(store->titles(filtered(&StoreFilter::title, "film_1"s), 1000, 100).empty());
+  EXPECT_TRUE(store->titles(filtered(&StoreFilter::title, "FILM-1"s), 1000, 100).empty());
   EXPECT_EQ(store->titles(filtered(&StoreFilter::title, "film-1"s), 1000, 100).at(0).plays, 5);
   EXPECT_EQ(store->titles(filtered(&StoreFilter::from, 3000, &StoreFilter::to, 5000), 1000, 100)
                 .at(0)

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "QXLog/QXLogPlay.h"
+#include "QXLog/format/PlaySessionRecords.h"
 #include "QXLog/recording/Gate.h"
 #include "QXLog/recording/PlayApi.h"
 #include "collector/decode/EnvelopeDecoder.h"
@@ -71,6 +72,17 @@ class PlayApiTest : public UploadTest, public ::testing::WithParamInterface<int6
     return got;
   }
 
+  // A new center over the same directory, set up as a host does it.
+  void restartOverTheSameDocuments() {
+    restart();
+    format().setPushLogUrl(server_->url("/log"));
+    format().setPushDiagnosisUrl(server_->url("/diagnosis"));
+    format().setLogEncryptionKey(kTestKey);
+    format().setUid("42");
+    format().setPush_interval_time(Value("60000"));
+    format().setLimitLogCount(GetParam());
+  }
+
   std::map<std::string, std::string> movies_;
 };
 
@@ -96,13 +108,7 @@ TEST_P(PlayApiTest, InterleavedPlaysAndARestartArriveWholeUnderTheirOwnIds) {
   // The process dies in the middle of the film; the next run plays another.
   recording::discardPlayForTesting(film);
   EXPECT_TRUE(files_->exists(documentsPath("QXLogPlay-" + filmId + ".plist")));
-  restart();
-  format().setPushLogUrl(server_->url("/log"));
-  format().setPushDiagnosisUrl(server_->url("/diagnosis"));
-  format().setLogEncryptionKey(kTestKey);
-  format().setUid("42");
-  format().setPush_interval_time(Value("60000"));
-  format().setLimitLogCount(GetParam());
+  restartOverTheSameDocuments();
   QXLogPlay* next = begin("film-3");
   const std::string nextId = QXLogPlayId(next);
   after(200), QXLogPlaySetState(next, QXLogPlayerPlaying, 0), done();
@@ -123,8 +129,10 @@ TEST_P(PlayApiTest, InterleavedPlaysAndARestartArriveWholeUnderTheirOwnIds) {
   EXPECT_EQ(field(film_actions[3], "to_height"), "480");
   EXPECT_EQ(field(film_actions[3], "bitrate_bps"), "600000");
 
-  // Summaries: the ended plays', each with its id and movie.
-  ASSERT_EQ(got.summaries.size(), 2u);
+  // Summaries: each play's, with its id and movie; the film's ended by the restart.
+  ASSERT_EQ(got.summaries.size(), 3u);
+  EXPECT_EQ(field(got.summaries.at(filmId), "ended_by_restart"), "1");
+  EXPECT_EQ(field(got.summaries.at(previewId), "ended_by_restart"), "0");
   const Dictionary& previewSummary = got.summaries.at(previewId);
   EXPECT_EQ(field(previewSummary, "movie_id"), "preview-2");
   EXPECT_EQ(field(previewSummary, "video_type"), "1");
@@ -191,6 +199,78 @@ TEST_P(PlayApiTest, PlaysOnManyThreadsStayApart) {
     EXPECT_EQ(field(got.summaries.at(id), "play_id"), id);
   }
   EXPECT_EQ(got.headers, kPlays * 2);  // 122 actions: a part of 100, then the rest
+}
+
+// A play left by a run that stopped goes out when the next run starts the
+// library, before any play of its own: its actions under its own header, then
+// its report as at its last moment known, marked as ended by the restart.
+TEST_P(PlayApiTest, ALeftoverPlayGoesOutWholeWithItsReportAtTheNextStart) {
+  QXLogPlay* film = begin("film-6");
+  QXLogPlay* preview = begin("preview-7");
+  const std::string filmId = QXLogPlayId(film), previewId = QXLogPlayId(preview);
+  after(300), QXLogPlaySetState(film, QXLogPlayerPlaying, 0), done();
+  QXLogPlayRendition(film, 240, 300000), done();
+  after(100), QXLogPlaySetState(preview, QXLogPlayerPlaying, 0), done();
+  after(500), QXLogPlaySetState(film, QXLogPlayerBuffering, 600), done();
+  after(700), QXLogPlaySetState(film, QXLogPlayerPlaying, 600), done();
+  QXLogPlayRendition(film, 480, 600000), done();
+  after(200), QXLogPlaySetState(preview, QXLogPlayerPaused, 1500), done();
+  after(400), QXLogPlaySetState(film, QXLogPlayerPaused, 1200), done();
+  recording::discardPlayForTesting(film);  // the run stops: the film never ends
+  after(100), QXLogPlayEnd(preview), done();
+
+  restartOverTheSameDocuments();
+  logEnvReady(true);
+  const Arrived got = arrived();
+  EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "5", "9", "3"}));
+  EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7", "3", "2"}));
+  EXPECT_EQ(got.headers, 2);
+  const Dictionary& report = got.summaries.at(filmId);
+  EXPECT_EQ(field(report, "ended_by_restart"), "1");
+  EXPECT_EQ(field(report, "movie_id"), "film-6");
+  EXPECT_EQ(field(report, "startup_ms"), "300");
+  EXPECT_EQ(field(report, "rebuffer_count") + "/" + field(report, "rebuffer_ms"), "1/700");
+  // Played: 600 ms before the stall, 600 ms after it, up to the pause.
+  EXPECT_EQ(field(report, "played_ms"), "1200");
+  EXPECT_EQ(field(report, "rendition_switches") + "/" + field(report, "top_height"), "1/480");
+  EXPECT_EQ(field(report, "exit_before_start") + field(report, "failed"), "00");
+  EXPECT_EQ(field(got.summaries.at(previewId), "ended_by_restart"), "0");
+  EXPECT_EQ(got.summaries.size(), 2u);
+  EXPECT_FALSE(files_->exists(documentsPath("QXLogPlay-" + filmId + ".plist")));
+  EXPECT_FALSE(files_->exists(documentsPath("QXLogPlays.plist")));
+}
+
+// When the push timer runs out, each open play sends what it has gathered as
+// a part of its own; its end sends the rest.
+TEST_P(PlayApiTest, ThePushTimerSendsEachOpenPlaysPartUnderItsOwnHeader) {
+  format().setLimitLogCount(20);
+  QXLogPlay* film = begin("film-8");
+  QXLogPlay* preview = begin("preview-9");
+  const std::string filmId = QXLogPlayId(film), previewId = QXLogPlayId(preview);
+  after(200), QXLogPlaySetState(film, QXLogPlayerPlaying, 0), done();
+  after(100), QXLogPlaySetState(preview, QXLogPlayerPlaying, 0), done();
+  after(100), QXLogPlaySetState(film, QXLogPlayerPaused, 100), done();
+  center().startTime(1);
+  dispatcher_->advance(std::chrono::seconds(3));
+  EXPECT_EQ(server_->requests().size(), 1u) << "the timer's submission";
+  Arrived got = arrived();
+  EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "3"}));
+  EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7"}));
+  EXPECT_EQ(got.headers, 2);
+  // Still open: its file holds no action now, and its report ends it at the
+  // timer, after its last action (the pause, 400 ms in).
+  auto left =
+      format::recoveredPlay(*files_->read(documentsPath("QXLogPlay-" + filmId + ".plist")), filmId);
+  ASSERT_TRUE(left && left->report);
+  EXPECT_TRUE(left->record.find("p")->asArray()->empty());
+  EXPECT_GT(std::stoll(field(*left->report->find("play_info"), "endTime")),
+            int64_t{1700000000000} + 400);
+
+  QXLogPlaySetState(film, QXLogPlayerPlaying, 100), QXLogPlayEnd(film), QXLogPlayEnd(preview);
+  got = arrived();
+  EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "3", "4", "2"}));
+  EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7", "2"}));
+  EXPECT_EQ(got.headers, 4);
 }
 
 INSTANTIATE_TEST_SUITE_P(BatchSizes, PlayApiTest, ::testing::Values(1, 20));
