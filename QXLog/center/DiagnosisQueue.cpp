@@ -35,23 +35,35 @@ std::chrono::nanoseconds backoff(int failures, int64_t retryAfterSeconds,
 DiagnosisQueue::DiagnosisQueue(QXLogCenter& center)
     : center_(center), jitter_(std::random_device{}()) {}
 
+std::deque<Dictionary> DiagnosisQueue::parseKept(std::string_view json) {
+  std::deque<Dictionary> kept;
+  std::optional<Value> root = serial::parseJson(json);
+  if (!root || !root->asArray()) return kept;
+  for (const Value& entry : *root->asArray()) {
+    const Dictionary* fields = entry.asDictionary();
+    if (fields == nullptr || fields->find("envelope") == nullptr ||
+        !fields->find("envelope")->isDictionary()) {
+      continue;
+    }
+    kept.push_back(*fields);
+    if (kept.size() == kMaxKept) break;
+  }
+  return kept;
+}
+
+std::string DiagnosisQueue::encodeKept(const std::deque<Dictionary>& kept) {
+  std::string json;
+  serial::appendJson(json, Value(Array(kept.begin(), kept.end())));
+  return json;
+}
+
 void DiagnosisQueue::openLocked() {
   if (opened_) return;
   opened_ = true;
   const platform::Env& env = center_.env();
   platform::RegularFileRead read =
       env.files().readRegularFile(env.documentsPath(kDiagnosisQueueFile), kMaxFileBytes);
-  if (read.outcome != platform::RegularFileRead::Outcome::kRead) return;
-  std::optional<Value> kept = serial::parseJson(read.contents);
-  if (!kept || !kept->asArray()) return;
-  for (const Value& entry : *kept->asArray()) {
-    const Dictionary* fields = entry.asDictionary();
-    if (fields == nullptr || fields->find("envelope") == nullptr ||
-        !fields->find("envelope")->isDictionary()) {
-      continue;
-    }
-    if (kept_.size() < kMaxKept) kept_.push_back(*fields);
-  }
+  if (read.outcome == platform::RegularFileRead::Outcome::kRead) kept_ = parseKept(read.contents);
 }
 
 void DiagnosisQueue::saveLocked() {
@@ -61,9 +73,7 @@ void DiagnosisQueue::saveLocked() {
     env.files().remove(path);
     return;
   }
-  std::string json;
-  serial::appendJson(json, Value(Array(kept_.begin(), kept_.end())));
-  env.files().replaceAtomically(path, json);
+  env.files().replaceAtomically(path, encodeKept(kept_));
 }
 
 void DiagnosisQueue::keep(const Dictionary& envelope, const std::string& url, bool announceGzip) {

@@ -18,6 +18,7 @@
 #include <deque>
 #include <random>
 #include <string>
+#include <string_view>
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/center/ThreadAnnotations.h"
@@ -39,6 +40,14 @@ class DiagnosisQueue {
   // Sends what an earlier process left, if nothing is out.
   void resume() EXCLUDES(mutex_);
   std::size_t count() EXCLUDES(mutex_);
+
+  // The kept diagnoses of a "QXLogDiagnoses.json" text, oldest first: a JSON
+  // array of {"url", "gzip", "envelope"}. Entries without an "envelope"
+  // dictionary are skipped; at most kMaxKept are taken. Anything else reads
+  // as none. The JSON nesting is bounded by serial::kMaxJsonDepth.
+  static std::deque<Dictionary> parseKept(std::string_view json);
+  // The text parseKept reads back: the same entries, in order.
+  static std::string encodeKept(const std::deque<Dictionary>& kept);
 
  private:
   void openLocked() REQUIRES(mutex_);
