@@ -156,8 +156,13 @@ void AtLeastOnceDelivery::storeAction(Dictionary record) {
   {
     MutexLock lock(mutex_);
     openLocked(reports);
-    makeRoomLocked(reports, batch);
-    if (!journal_.append(payload)) {
+    if (payload.size() > Journal::kMaxFrameBytes) {
+      // Never kept, so it can hold nothing back.
+      reports.lines.push_back("QXLog: a record of " + std::to_string(payload.size()) +
+                              " bytes is over the journal's bound of " +
+                              std::to_string(Journal::kMaxFrameBytes) + " bytes, dropped");
+      reports.reports.push_back({Outcome::kDropped, 1, "record too large"});
+    } else if (makeRoomLocked(reports, batch); !journal_.append(payload)) {
       reports.lines.push_back("QXLog: a record could not be written to the journal, dropped");
       reports.reports.push_back({Outcome::kDropped, 1, "journal not writable"});
     }

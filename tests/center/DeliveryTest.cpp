@@ -458,5 +458,17 @@ TEST_F(DeliveryTest, ABatchOutWhenTheQueueLimitDropsItIsCountedByItsAnswer) {
             "C" + std::to_string(arrived) + " D" + std::to_string(130 - arrived) + " ");
 }
 
+TEST_F(DeliveryTest, ARecordOverTheJournalsBoundIsDroppedAtOnceWithItsReason) {
+  atLeastOnce();
+  recordActionLog("huge", std::string(center::Journal::kMaxFrameBytes, 'x').c_str());
+  recordActionLog("after", "");
+  settle();
+  EXPECT_EQ(allSentItems(), std::vector<std::string>{"after"});
+  ASSERT_FALSE(reports_.empty());
+  EXPECT_EQ(reports_[0].outcome, Outcome::kDropped);
+  EXPECT_EQ(reports_[0].reason, "record too large");
+  EXPECT_EQ(console_->countStartingWith("QXLog: a record of "), 1u);
+}
+
 }  // namespace
 }  // namespace qxlog::testing
