@@ -94,6 +94,7 @@ void AtLeastOnceDelivery::dropSealedLocked() {
   sealed_.reset();
   center_.env().files().remove(inFlightPath());
   out_ = false;
+  inFlight_ = false;
   waitingRetry_ = false;
   ++retryTicket_;
   failures_ = 0;
@@ -125,7 +126,7 @@ void AtLeastOnceDelivery::makeRoomLocked(Reports& reports, std::size_t batch) {
   std::size_t awaiting = 0;
   if (sealed_) {
     dropped = sealed_->records;
-    if (out_ && !waitingRetry_) {
+    if (inFlight_) {
       awaiting = dropped;
       leftOut_[generation_] = dropped;
     }
@@ -305,6 +306,10 @@ void AtLeastOnceDelivery::send(const SealedBatch& batch, uint64_t generation) {
   fields.setString("token", support::dayToken(center_.env().clock()));
   platform::HttpRequest request =
       makeUploadRequest(fields, center_.format().pushLogUrl().value_or(""), false);
+  {
+    MutexLock lock(mutex_);
+    if (generation == generation_) inFlight_ = true;
+  }
   const platform::Env& env = center_.env();
   env.globalQueue()->async([this, generation, request = std::move(request)] {
     platform::HttpResponse response = center_.env().performHttp(request);
@@ -322,6 +327,8 @@ void AtLeastOnceDelivery::answered(uint64_t generation, const platform::HttpResp
       leftOut_.erase(it);
     } else if (generation != generation_ || !sealed_) {
       return;
+    } else {
+      inFlight_ = false;  // from here on a drop at the queue limit is final
     }
   }
   AnswerVerdict verdict = judgeAnswer(response);

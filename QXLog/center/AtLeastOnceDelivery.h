@@ -117,6 +117,8 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   bool waitingRetry_ GUARDED_BY(mutex_) = false;
   // Changes when a waiting retry is overtaken (by a flush) or moot.
   uint64_t retryTicket_ GUARDED_BY(mutex_) = 0;
+  // The sealed batch's request is out and its answer not yet taken.
+  bool inFlight_ GUARDED_BY(mutex_) = false;
   // Sealed batches dropped at the queue limit while their upload was out, by
   // generation: their answer decides whether they count as confirmed or
   // dropped. At most one entry per upload still out.
