@@ -46,7 +46,7 @@ torture=$(grep -o 'queue torture:.*' <<<"$torture_log" || echo "queue torture: d
 journal=$(grep -o 'journal torture:.*' <<<"$torture_log" || echo "journal torture: did not run")
 
 tests_log=$(build/tests/qxlog_tests \
-  --gtest_filter='HostileServerTest.*:HostInputTest.*:*DiskTroubleTest.*:InterruptedWriteTest.*:*HostileQueueFileTest.*' \
+  --gtest_filter='HostileServerTest.*:EarlyRefusalTest.*:HostInputTest.*:*DiskTroubleTest.*:InterruptedWriteTest.*:*HostileQueueFileTest.*' \
   2>&1) || status=1
 passed=$(grep -c '^\[       OK \]' <<<"$tests_log" || true)
 failed=$(grep -c '^\[  FAILED  \].*(' <<<"$tests_log" || true)
