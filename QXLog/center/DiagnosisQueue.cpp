@@ -86,15 +86,18 @@ void DiagnosisQueue::keep(const Dictionary& envelope, const std::string& url, bo
     MutexLock lock(mutex_);
     openLocked();
     if (kept_.size() >= kMaxKept) {
-      // The oldest goes; if it is out, its answer is stale.
+      // The oldest goes; if its request is out, its answer tells whether it
+      // arrived, and is otherwise stale.
       kept_.pop_front();
+      dropped = !inFlight_;
+      if (inFlight_) leftOut_.insert(generation_);
       if (out_) {
         ++generation_;
         out_ = false;
+        inFlight_ = false;
         failures_ = 0;
         refusals_ = 0;
       }
-      dropped = true;
     }
     kept_.push_back(std::move(entry));
     saveLocked();
@@ -121,6 +124,7 @@ void DiagnosisQueue::sendNext() {
     openLocked();
     if (out_ || kept_.empty()) return;
     out_ = true;
+    inFlight_ = true;
     entry = kept_.front();
     generation = generation_;
   }
@@ -147,21 +151,30 @@ void DiagnosisQueue::answered(uint64_t generation, const platform::HttpResponse&
   std::chrono::nanoseconds delay{};
   {
     MutexLock lock(mutex_);
-    if (generation != generation_ || kept_.empty()) return;
-    bool settles = verdict.kind == AnswerVerdict::Kind::kConfirmed ||
-                   (verdict.kind == AnswerVerdict::Kind::kRefused && ++refusals_ > kMaxRefusals);
-    if (settles) {
-      outcome =
-          verdict.kind == AnswerVerdict::Kind::kConfirmed ? Outcome::kConfirmed : Outcome::kDropped;
-      kept_.pop_front();
-      saveLocked();
-      out_ = false;
-      failures_ = 0;
-      refusals_ = 0;
-      ++generation_;
+    if (leftOut_.erase(generation) != 0) {
+      // Dropped at the limit while out: it arrived, or it is dropped.
+      bool arrived = verdict.kind == AnswerVerdict::Kind::kConfirmed;
+      outcome = arrived ? Outcome::kConfirmed : Outcome::kDropped;
+      verdict.reason = arrived ? "" : "queue limit";
+    } else if (generation != generation_ || kept_.empty()) {
+      return;
     } else {
-      outcome = Outcome::kRetrying;
-      delay = backoff(failures_++, verdict.retryAfterSeconds, jitter_);
+      inFlight_ = false;
+      bool settles = verdict.kind == AnswerVerdict::Kind::kConfirmed ||
+                     (verdict.kind == AnswerVerdict::Kind::kRefused && ++refusals_ > kMaxRefusals);
+      if (settles) {
+        outcome = verdict.kind == AnswerVerdict::Kind::kConfirmed ? Outcome::kConfirmed
+                                                                  : Outcome::kDropped;
+        kept_.pop_front();
+        saveLocked();
+        out_ = false;
+        failures_ = 0;
+        refusals_ = 0;
+        ++generation_;
+      } else {
+        outcome = Outcome::kRetrying;
+        delay = backoff(failures_++, verdict.retryAfterSeconds, jitter_);
+      }
     }
   }
   center_.reportBatch(outcome, 1, verdict.reason);

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <deque>
 #include <random>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -61,6 +62,11 @@ class DiagnosisQueue {
   // Each kept as {"url", "gzip", "envelope"}.
   std::deque<Dictionary> kept_ GUARDED_BY(mutex_);
   bool out_ GUARDED_BY(mutex_) = false;
+  // The front's request is out and its answer not yet taken.
+  bool inFlight_ GUARDED_BY(mutex_) = false;
+  // Generations of diagnoses dropped at the limit while their request was
+  // out: their answer is reported, as confirmed or dropped.
+  std::set<uint64_t> leftOut_ GUARDED_BY(mutex_);
   int failures_ GUARDED_BY(mutex_) = 0;
   int refusals_ GUARDED_BY(mutex_) = 0;
   // Changes when the front settles, so that a stale answer does nothing.

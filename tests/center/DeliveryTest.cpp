@@ -13,6 +13,7 @@
 #include <set>
 
 #include "QXLog/QXLog.h"
+#include "QXLog/center/DiagnosisQueue.h"
 #include "QXLog/center/Journal.h"
 #include "QXLog/serial/Json.h"
 #include "tests/support/UploadFixture.h"
@@ -468,6 +469,26 @@ TEST_F(DeliveryTest, ARecordOverTheJournalsBoundIsDroppedAtOnceWithItsReason) {
   EXPECT_EQ(reports_[0].outcome, Outcome::kDropped);
   EXPECT_EQ(reports_[0].reason, "record too large");
   EXPECT_EQ(console_->countStartingWith("QXLog: a record of "), 1u);
+}
+
+TEST_F(DeliveryTest, ADiagnosisOutWhenTheLimitDropsItIsCountedByItsAnswer) {
+  atLeastOnce();
+  constexpr std::size_t kReported = center::DiagnosisQueue::kMaxKept + 1;
+  auto first = std::make_shared<std::atomic<bool>>(true);
+  server_->setResponder([first](const ReceivedRequest&) -> std::optional<ScriptedAnswer> {
+    // The diagnoses reach their limit while the first is out.
+    if (first->exchange(false)) {
+      for (std::size_t i = 1; i < kReported; ++i) {
+        recordDiagnosLog(std::to_string(i).c_str(), "cause", "p3", "p4", "p5", "p6", "p7", "p8");
+      }
+    }
+    return std::nullopt;
+  });
+  recordDiagnosLog("0", "cause", "p3", "p4", "p5", "p6", "p7", "p8");
+  dispatcher_->advance(seconds(10));
+  ASSERT_FALSE(*first);
+  EXPECT_EQ(server_->requestCount(), kReported);
+  EXPECT_EQ(settledTotals(reports_), "C" + std::to_string(kReported) + " D0 ");
 }
 
 }  // namespace
