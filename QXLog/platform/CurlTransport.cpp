@@ -39,12 +39,13 @@ std::unique_ptr<curl_slist, ListFree> headerList(const HttpRequest& request) {
     if (extended == nullptr) break;
     list = extended;
   }
-  // Bodies up to 1 MiB go at once. A larger one first asks with "Expect:
+  // Bodies up to 64 KiB go at once. A larger one first asks with "Expect:
   // 100-continue" (waiting up to 1 s for a server that does not answer it),
   // so that a server over its body limit can refuse it before it is sent,
   // rather than close on it in the middle, which reads as no answer.
-  if (request.body.size() <= (std::size_t{1} << 20)) {
-    if (curl_slist* extended = curl_slist_append(list, "Expect:")) list = extended;
+  const bool ask = request.body.size() > (std::size_t{64} << 10);
+  if (curl_slist* extended = curl_slist_append(list, ask ? "Expect: 100-continue" : "Expect:")) {
+    list = extended;
   }
   return std::unique_ptr<curl_slist, ListFree>(list);
 }
