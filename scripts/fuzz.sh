@@ -12,7 +12,7 @@ shift || true
 harnesses=("$@")
 if ((${#harnesses[@]} == 0)); then
   harnesses=(queue_file settings_answer upload_answer gzip_inflate collector_decode form_fields
-    play_file client_address journal_file api_filter)
+    play_file client_address journal_file api_filter diagnosis_file)
 fi
 
 QXLOG_WITH_FUZZ=1 scripts/install-deps.sh >&2

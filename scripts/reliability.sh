@@ -3,7 +3,11 @@
 #   - the queue-file and journal torture tests (a host killed with SIGKILL at
 #     random moments),
 #   - the hostile-server, host-input, disk-trouble and hostile-queue-file tests,
-#   - start-up against hostile queue files: time and peak memory per case,
+#   - start-up against hostile queue files and journal segments: time and
+#     peak memory per case,
+#   - refused records against a real collector: a 17 MB record answered 413
+#     with 250 records after it, and a wrong key (memory, disk and CPU of the
+#     host sampled over 20 s, or 10 minutes in the long run),
 #   - every libFuzzer harness,
 #   - the delivery check: host processes report to a real collector while
 #     nothing goes wrong, while the collector is killed and restarted, and
@@ -13,8 +17,8 @@
 #   - the fleet check: nginx balancing two collectors on one PostgreSQL while
 #     one of them is killed and restarted twice (skipped, saying so, without
 #     PostgreSQL or nginx).
-#   scripts/reliability.sh          short run: 30 kills, 5 s per harness
-#   scripts/reliability.sh --long   300 kills, 300 s per harness
+#   scripts/reliability.sh          short run: 30 kills, 5 s per harness, 20 s of wrong key
+#   scripts/reliability.sh --long   300 kills, 300 s per harness, 600 s of wrong key
 # Both report 20 000 records per delivery scenario (QXLOG_DELIVERY_RECORDS).
 # QXLOG_FUZZ_SECONDS overrides the time per harness of either run.
 set -euo pipefail
@@ -22,16 +26,18 @@ cd "$(dirname "$0")/.."
 
 kills=30
 fuzz_seconds=5
+wrong_key_seconds=20
 if [[ "${1:-}" == "--long" ]]; then
   kills=300
   fuzz_seconds=300
+  wrong_key_seconds=600
 fi
 fuzz_seconds="${QXLOG_FUZZ_SECONDS:-$fuzz_seconds}"
 
 scripts/install-deps.sh >&2
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog_tests \
-  qxlog_delivery_check qxlog_delivery_host qxlog-collector qxlog-decode qxlog_hostile_file_check >&2
+  qxlog_delivery_check qxlog_delivery_host qxlog-collector qxlog-decode qxlog_hostile_file_check qxlog_fault_check >&2
 
 status=0
 torture_log=$(QXLOG_TORTURE_KILLS=$kills build/tests/qxlog_tests \
@@ -40,7 +46,7 @@ torture=$(grep -o 'queue torture:.*' <<<"$torture_log" || echo "queue torture: d
 journal=$(grep -o 'journal torture:.*' <<<"$torture_log" || echo "journal torture: did not run")
 
 tests_log=$(build/tests/qxlog_tests \
-  --gtest_filter='HostileServerTest.*:HostInputTest.*:*DiskTroubleTest.*:InterruptedWriteTest.*:*HostileQueueFileTest.*' \
+  --gtest_filter='HostileServerTest.*:EarlyRefusalTest.*:HostInputTest.*:*DiskTroubleTest.*:InterruptedWriteTest.*:*HostileQueueFileTest.*' \
   2>&1) || status=1
 passed=$(grep -c '^\[       OK \]' <<<"$tests_log" || true)
 failed=$(grep -c '^\[  FAILED  \].*(' <<<"$tests_log" || true)
@@ -50,8 +56,13 @@ faults_log=$(build/tests/qxlog_tests --gtest_filter='DeliveryTest.ARecordTooLarg
   2>&1) || status=1
 poison=$(grep -o 'poison record:.*' <<<"$faults_log" || echo "poison record: did not run")
 diagnoses=$(grep -o 'diagnoses outage:.*' <<<"$faults_log" || echo "diagnoses outage: did not run")
+restarted=$(grep -o 'diagnoses across a restart:.*' <<<"$faults_log" ||
+  echo "diagnoses across a restart: did not run")
 
 files_table=$(build/tests/qxlog_hostile_file_check) || status=1
+
+refused_table=$(build/tests/qxlog_fault_check build/collector/qxlog-collector \
+  "${QXLOG_WRONG_KEY_SECONDS:-$wrong_key_seconds}") || status=1
 
 fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
 
@@ -93,7 +104,10 @@ echo "  passed $passed, failed $failed, skipped $skipped"
 echo "Refused records and diagnoses, at least once"
 echo "  $poison"
 echo "  $diagnoses"
-echo "Hostile queue files at start-up (goal: under 2 s and 64 MB each)"
+echo "  $restarted"
+echo "Refused records against qxlog-collector, at least once"
+sed 's/^/  /' <<<"$refused_table"
+echo "Hostile queue files and journal segments at start-up (goal: under 2 s and 64 MB each)"
 sed 's/^/  /' <<<"$files_table"
 echo "Fuzzing, $fuzz_seconds s per harness"
 sed 's/^/  /' <<<"$fuzz_table"

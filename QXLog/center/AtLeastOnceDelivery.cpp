@@ -94,6 +94,7 @@ void AtLeastOnceDelivery::dropSealedLocked() {
   sealed_.reset();
   center_.env().files().remove(inFlightPath());
   out_ = false;
+  inFlight_ = false;
   waitingRetry_ = false;
   ++retryTicket_;
   failures_ = 0;
@@ -121,8 +122,14 @@ void AtLeastOnceDelivery::makeRoomLocked(Reports& reports, std::size_t batch) {
   if (size < limit) return;
   std::size_t want = size - limit + std::max<std::size_t>(limit / 100, 1);
   std::size_t dropped = 0;
+  // A batch whose upload is out may yet arrive: its answer tells.
+  std::size_t awaiting = 0;
   if (sealed_) {
     dropped = sealed_->records;
+    if (inFlight_) {
+      awaiting = dropped;
+      leftOut_[generation_] = dropped;
+    }
     dropSealedLocked();
   }
   suspect_ = 0;
@@ -136,7 +143,9 @@ void AtLeastOnceDelivery::makeRoomLocked(Reports& reports, std::size_t batch) {
   }
   reports.lines.push_back("QXLog: queue limit reached, dropped " + std::to_string(dropped) +
                           " oldest records");
-  reports.reports.push_back({Outcome::kDropped, dropped, "queue limit"});
+  if (dropped > awaiting) {
+    reports.reports.push_back({Outcome::kDropped, dropped - awaiting, "queue limit"});
+  }
 }
 
 void AtLeastOnceDelivery::storeAction(Dictionary record) {
@@ -148,8 +157,13 @@ void AtLeastOnceDelivery::storeAction(Dictionary record) {
   {
     MutexLock lock(mutex_);
     openLocked(reports);
-    makeRoomLocked(reports, batch);
-    if (!journal_.append(payload)) {
+    if (payload.size() > Journal::kMaxFrameBytes) {
+      // Never kept, so it can hold nothing back.
+      reports.lines.push_back("QXLog: a record of " + std::to_string(payload.size()) +
+                              " bytes is over the journal's bound of " +
+                              std::to_string(Journal::kMaxFrameBytes) + " bytes, dropped");
+      reports.reports.push_back({Outcome::kDropped, 1, "record too large"});
+    } else if (makeRoomLocked(reports, batch); !journal_.append(payload)) {
       reports.lines.push_back("QXLog: a record could not be written to the journal, dropped");
       reports.reports.push_back({Outcome::kDropped, 1, "journal not writable"});
     }
@@ -214,7 +228,7 @@ void AtLeastOnceDelivery::submit() {
     }
   }
   tell(reports);
-  // Diagnoses left by an earlier process go out with the first submission.
+  // Diagnoses waiting for their turn go out with a submission.
   diagnoses_.resume();
   if (resend) return send(*resend, generation);
   if (cut) center_.env().globalQueue()->async([this, generation] { seal(generation); });
@@ -292,6 +306,10 @@ void AtLeastOnceDelivery::send(const SealedBatch& batch, uint64_t generation) {
   fields.setString("token", support::dayToken(center_.env().clock()));
   platform::HttpRequest request =
       makeUploadRequest(fields, center_.format().pushLogUrl().value_or(""), false);
+  {
+    MutexLock lock(mutex_);
+    if (generation == generation_) inFlight_ = true;
+  }
   const platform::Env& env = center_.env();
   env.globalQueue()->async([this, generation, request = std::move(request)] {
     platform::HttpResponse response = center_.env().performHttp(request);
@@ -301,11 +319,28 @@ void AtLeastOnceDelivery::send(const SealedBatch& batch, uint64_t generation) {
 }
 
 void AtLeastOnceDelivery::answered(uint64_t generation, const platform::HttpResponse& response) {
+  std::size_t leftOut = 0;
   {
     MutexLock lock(mutex_);
-    if (generation != generation_ || !sealed_) return;
+    if (auto it = leftOut_.find(generation); it != leftOut_.end()) {
+      leftOut = it->second;
+      leftOut_.erase(it);
+    } else if (generation != generation_ || !sealed_) {
+      return;
+    } else {
+      inFlight_ = false;  // from here on a drop at the queue limit is final
+    }
   }
   AnswerVerdict verdict = judgeAnswer(response);
+  if (leftOut != 0) {
+    // Its records left the journal at the queue limit: not sent again.
+    bool arrived = verdict.kind == AnswerVerdict::Kind::kConfirmed;
+    tell({{{arrived ? Outcome::kConfirmed : Outcome::kDropped, leftOut,
+            arrived ? "" : "queue limit"}},
+          {},
+          false});
+    return center_.conditionAndSubmitLog();
+  }
   if (verdict.kind == AnswerVerdict::Kind::kConfirmed) return settle(Outcome::kConfirmed, "");
   if (verdict.kind == AnswerVerdict::Kind::kTransient) {
     return retry(verdict.reason, verdict.retryAfterSeconds);
@@ -417,6 +452,7 @@ void AtLeastOnceDelivery::tell(const Reports& reports) {
   for (const Report& report : reports.reports) {
     center_.reportBatch(report.outcome, report.records, report.reason);
   }
+  if (!diagnosesResumed_.exchange(true)) diagnoses_.resume();
 }
 
 }  // namespace qxlog::center

@@ -25,7 +25,9 @@
 #ifndef QXLOG_CENTER_ATLEASTONCEDELIVERY_H_
 #define QXLOG_CENTER_ATLEASTONCEDELIVERY_H_
 
+#include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -115,10 +117,18 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   bool waitingRetry_ GUARDED_BY(mutex_) = false;
   // Changes when a waiting retry is overtaken (by a flush) or moot.
   uint64_t retryTicket_ GUARDED_BY(mutex_) = 0;
+  // The sealed batch's request is out and its answer not yet taken.
+  bool inFlight_ GUARDED_BY(mutex_) = false;
+  // Sealed batches dropped at the queue limit while their upload was out, by
+  // generation: their answer decides whether they count as confirmed or
+  // dropped. At most one entry per upload still out.
+  std::map<uint64_t, std::size_t> leftOut_ GUARDED_BY(mutex_);
   // The queue limit last raised to hold two batches, told once.
   std::size_t raisedLimit_ GUARDED_BY(mutex_) = 0;
   std::minstd_rand jitter_ GUARDED_BY(mutex_);
   DiagnosisQueue diagnoses_;
+  // Diagnoses an earlier process left go out at the policy's first use.
+  std::atomic<bool> diagnosesResumed_{false};
 };
 
 }  // namespace qxlog::center

@@ -35,23 +35,35 @@ std::chrono::nanoseconds backoff(int failures, int64_t retryAfterSeconds,
 DiagnosisQueue::DiagnosisQueue(QXLogCenter& center)
     : center_(center), jitter_(std::random_device{}()) {}
 
+std::deque<Dictionary> DiagnosisQueue::parseKept(std::string_view json) {
+  std::deque<Dictionary> kept;
+  std::optional<Value> root = serial::parseJson(json);
+  if (!root || !root->asArray()) return kept;
+  for (const Value& entry : *root->asArray()) {
+    const Dictionary* fields = entry.asDictionary();
+    if (fields == nullptr || fields->find("envelope") == nullptr ||
+        !fields->find("envelope")->isDictionary()) {
+      continue;
+    }
+    kept.push_back(*fields);
+    if (kept.size() == kMaxKept) break;
+  }
+  return kept;
+}
+
+std::string DiagnosisQueue::encodeKept(const std::deque<Dictionary>& kept) {
+  std::string json;
+  serial::appendJson(json, Value(Array(kept.begin(), kept.end())));
+  return json;
+}
+
 void DiagnosisQueue::openLocked() {
   if (opened_) return;
   opened_ = true;
   const platform::Env& env = center_.env();
   platform::RegularFileRead read =
       env.files().readRegularFile(env.documentsPath(kDiagnosisQueueFile), kMaxFileBytes);
-  if (read.outcome != platform::RegularFileRead::Outcome::kRead) return;
-  std::optional<Value> kept = serial::parseJson(read.contents);
-  if (!kept || !kept->asArray()) return;
-  for (const Value& entry : *kept->asArray()) {
-    const Dictionary* fields = entry.asDictionary();
-    if (fields == nullptr || fields->find("envelope") == nullptr ||
-        !fields->find("envelope")->isDictionary()) {
-      continue;
-    }
-    if (kept_.size() < kMaxKept) kept_.push_back(*fields);
-  }
+  if (read.outcome == platform::RegularFileRead::Outcome::kRead) kept_ = parseKept(read.contents);
 }
 
 void DiagnosisQueue::saveLocked() {
@@ -61,9 +73,7 @@ void DiagnosisQueue::saveLocked() {
     env.files().remove(path);
     return;
   }
-  std::string json;
-  serial::appendJson(json, Value(Array(kept_.begin(), kept_.end())));
-  env.files().replaceAtomically(path, json);
+  env.files().replaceAtomically(path, encodeKept(kept_));
 }
 
 void DiagnosisQueue::keep(const Dictionary& envelope, const std::string& url, bool announceGzip) {
@@ -76,15 +86,18 @@ void DiagnosisQueue::keep(const Dictionary& envelope, const std::string& url, bo
     MutexLock lock(mutex_);
     openLocked();
     if (kept_.size() >= kMaxKept) {
-      // The oldest goes; if it is out, its answer is stale.
+      // The oldest goes; if its request is out, its answer tells whether it
+      // arrived, and is otherwise stale.
       kept_.pop_front();
+      dropped = !inFlight_;
+      if (inFlight_) leftOut_.insert(generation_);
       if (out_) {
         ++generation_;
         out_ = false;
+        inFlight_ = false;
         failures_ = 0;
         refusals_ = 0;
       }
-      dropped = true;
     }
     kept_.push_back(std::move(entry));
     saveLocked();
@@ -111,6 +124,7 @@ void DiagnosisQueue::sendNext() {
     openLocked();
     if (out_ || kept_.empty()) return;
     out_ = true;
+    inFlight_ = true;
     entry = kept_.front();
     generation = generation_;
   }
@@ -137,21 +151,30 @@ void DiagnosisQueue::answered(uint64_t generation, const platform::HttpResponse&
   std::chrono::nanoseconds delay{};
   {
     MutexLock lock(mutex_);
-    if (generation != generation_ || kept_.empty()) return;
-    bool settles = verdict.kind == AnswerVerdict::Kind::kConfirmed ||
-                   (verdict.kind == AnswerVerdict::Kind::kRefused && ++refusals_ > kMaxRefusals);
-    if (settles) {
-      outcome =
-          verdict.kind == AnswerVerdict::Kind::kConfirmed ? Outcome::kConfirmed : Outcome::kDropped;
-      kept_.pop_front();
-      saveLocked();
-      out_ = false;
-      failures_ = 0;
-      refusals_ = 0;
-      ++generation_;
+    if (leftOut_.erase(generation) != 0) {
+      // Dropped at the limit while out: it arrived, or it is dropped.
+      bool arrived = verdict.kind == AnswerVerdict::Kind::kConfirmed;
+      outcome = arrived ? Outcome::kConfirmed : Outcome::kDropped;
+      verdict.reason = arrived ? "" : "queue limit";
+    } else if (generation != generation_ || kept_.empty()) {
+      return;
     } else {
-      outcome = Outcome::kRetrying;
-      delay = backoff(failures_++, verdict.retryAfterSeconds, jitter_);
+      inFlight_ = false;
+      bool settles = verdict.kind == AnswerVerdict::Kind::kConfirmed ||
+                     (verdict.kind == AnswerVerdict::Kind::kRefused && ++refusals_ > kMaxRefusals);
+      if (settles) {
+        outcome = verdict.kind == AnswerVerdict::Kind::kConfirmed ? Outcome::kConfirmed
+                                                                  : Outcome::kDropped;
+        kept_.pop_front();
+        saveLocked();
+        out_ = false;
+        failures_ = 0;
+        refusals_ = 0;
+        ++generation_;
+      } else {
+        outcome = Outcome::kRetrying;
+        delay = backoff(failures_++, verdict.retryAfterSeconds, jitter_);
+      }
     }
   }
   center_.reportBatch(outcome, 1, verdict.reason);

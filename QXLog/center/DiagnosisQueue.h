@@ -17,7 +17,9 @@
 #include <cstdint>
 #include <deque>
 #include <random>
+#include <set>
 #include <string>
+#include <string_view>
 
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/center/ThreadAnnotations.h"
@@ -40,6 +42,14 @@ class DiagnosisQueue {
   void resume() EXCLUDES(mutex_);
   std::size_t count() EXCLUDES(mutex_);
 
+  // The kept diagnoses of a "QXLogDiagnoses.json" text, oldest first: a JSON
+  // array of {"url", "gzip", "envelope"}. Entries without an "envelope"
+  // dictionary are skipped; at most kMaxKept are taken. Anything else reads
+  // as none. The JSON nesting is bounded by serial::kMaxJsonDepth.
+  static std::deque<Dictionary> parseKept(std::string_view json);
+  // The text parseKept reads back: the same entries, in order.
+  static std::string encodeKept(const std::deque<Dictionary>& kept);
+
  private:
   void openLocked() REQUIRES(mutex_);
   void saveLocked() REQUIRES(mutex_);
@@ -52,6 +62,11 @@ class DiagnosisQueue {
   // Each kept as {"url", "gzip", "envelope"}.
   std::deque<Dictionary> kept_ GUARDED_BY(mutex_);
   bool out_ GUARDED_BY(mutex_) = false;
+  // The front's request is out and its answer not yet taken.
+  bool inFlight_ GUARDED_BY(mutex_) = false;
+  // Generations of diagnoses dropped at the limit while their request was
+  // out: their answer is reported, as confirmed or dropped.
+  std::set<uint64_t> leftOut_ GUARDED_BY(mutex_);
   int failures_ GUARDED_BY(mutex_) = 0;
   int refusals_ GUARDED_BY(mutex_) = 0;
   // Changes when the front settles, so that a stale answer does nothing.

@@ -214,7 +214,10 @@ void Journal::readSegment(uint64_t number, uint64_t from, bool last, std::size_t
 }
 
 bool Journal::openTail() {
-  if (tail_ && tail_->size() < kSegmentBytes) return true;
+  // While records are settled about as fast as they come (all confirmed, or
+  // all refused), segments are kept short, so that each goes soon.
+  const uint64_t full = settled_.segment == tailNumber_ ? kSettledTailBytes : kSegmentBytes;
+  if (tail_ && tail_->size() < full) return true;
   // New segments are numbered past the settled position too, so that a
   // journal whose segments went missing still reads back what follows.
   uint64_t newest = segments_.empty() ? 0 : segments_.rbegin()->first;

@@ -68,6 +68,9 @@ class Journal {
  public:
   static constexpr std::size_t kMaxFrameBytes = 1 << 20;
   static constexpr uint64_t kSegmentBytes = 4 << 20;
+  // A segment holding the settled position is full at this size: when
+  // records are settled as they come, segments stay short and go soon.
+  static constexpr uint64_t kSettledTailBytes = 256 << 10;
   static constexpr std::size_t kMaxSegmentReadBytes = 16 << 20;
   static constexpr std::size_t kMaxSegments = 4096;
 

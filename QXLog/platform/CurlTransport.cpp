@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -38,8 +39,14 @@ std::unique_ptr<curl_slist, ListFree> headerList(const HttpRequest& request) {
     if (extended == nullptr) break;
     list = extended;
   }
-  // Sent bodies are small: no "Expect: 100-continue" round trip.
-  if (curl_slist* extended = curl_slist_append(list, "Expect:")) list = extended;
+  // Bodies up to 64 KiB go at once. A larger one first asks with "Expect:
+  // 100-continue" (waiting up to 1 s for a server that does not answer it),
+  // so that a server over its body limit can refuse it before it is sent,
+  // rather than close on it in the middle, which reads as no answer.
+  const bool ask = request.body.size() > (std::size_t{64} << 10);
+  if (curl_slist* extended = curl_slist_append(list, ask ? "Expect: 100-continue" : "Expect:")) {
+    list = extended;
+  }
   return std::unique_ptr<curl_slist, ListFree>(list);
 }
 
@@ -110,6 +117,16 @@ HttpResponse CurlTransport::perform(const HttpRequest& request) {
   if (code != CURLE_OK) {
     response.error = curl_easy_strerror(code);
     response.body.clear();
+    // A server over its body limit may answer before reading the body and
+    // close: the send then fails after the status line came. A refusal
+    // (4xx) or a server error that came whole enough to read its status is
+    // an answer; a cut success is not.
+    long status = 0;
+    curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (status >= 400 && status <= 599) {
+      response.completed = true;
+      response.status = status;
+    }
     return response;
   }
   response.completed = true;

@@ -10,8 +10,10 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 
 #include "QXLog/QXLog.h"
+#include "QXLog/center/DiagnosisQueue.h"
 #include "QXLog/center/Journal.h"
 #include "QXLog/serial/Json.h"
 #include "tests/support/UploadFixture.h"
@@ -395,6 +397,98 @@ TEST_F(DeliveryTest, AQueueFileNestedTooDeepReadsAsEmpty) {
   }
   restart();
   EXPECT_TRUE(center().actionLog().empty());
+}
+
+// The diagnoses of the process that stopped come from the file alone: the old
+// center's own retries are pushed past the window by a long "Retry-After".
+TEST_F(DeliveryTest, DiagnosesPendingAtARestartArriveFromTheNextProcess) {
+  atLeastOnce();
+  auto down = std::make_shared<std::atomic<bool>>(true);
+  server_->setResponder([down](const ReceivedRequest&) -> std::optional<ScriptedAnswer> {
+    if (!*down) return std::nullopt;
+    return ScriptedAnswer{503, "text/plain", "away\n", {{"Retry-After", "300"}}};
+  });
+  for (int i = 0; i < 4; ++i) {
+    recordDiagnosLog(std::to_string(i).c_str(), "cause", "p3", "p4", "p5", "p6", "p7", "p8");
+  }
+  settle();
+  std::size_t before = server_->requestCount();
+  EXPECT_EQ(before, 1u);  // one out at a time, and it waits its Retry-After
+
+  restartAtLeastOnce();
+  logEnvReady(true);
+  *down = false;
+  format().setLimitLogCount(20);
+  recordActionLog("started", "");  // the first report, far from a batch
+  dispatcher_->advance(seconds(30));
+  std::vector<std::string> arrived;
+  std::vector<ReceivedRequest> sent = server_->requests();
+  for (std::size_t i = before; i < sent.size(); ++i) {
+    if (sent[i].path == "/diagnosis") arrived.push_back(sent[i].param("diagnosis_log"));
+  }
+  // Each once (the texts are sealed, so they differ).
+  EXPECT_EQ(arrived.size(), 4u);
+  EXPECT_EQ(std::set<std::string>(arrived.begin(), arrived.end()).size(), 4u);
+  EXPECT_EQ(settledTotals(reports_), "C4 D0 ");
+  std::printf("diagnoses across a restart: kept 4, arrived %zu within 30 s of the restart\n",
+              arrived.size());
+  EXPECT_FALSE(std::filesystem::exists(documentsPath("QXLogDiagnoses.json")));
+}
+
+// A batch whose upload is out when the queue limit drops it is counted by its
+// answer: a "200" confirms it, so that confirmed plus dropped is what was
+// reported and dropped is what never arrived.
+TEST_F(DeliveryTest, ABatchOutWhenTheQueueLimitDropsItIsCountedByItsAnswer) {
+  atLeastOnce();
+  QXLogSetQueueLimit(100);
+  format().setLimitLogCount(20);
+  auto first = std::make_shared<std::atomic<bool>>(true);
+  server_->setResponder([first](const ReceivedRequest&) -> std::optional<ScriptedAnswer> {
+    // The queue reaches its limit while the first batch is out.
+    if (first->exchange(false)) {
+      for (int i = 20; i < 130; ++i) recordActionLog(std::to_string(i).c_str(), "");
+    }
+    return std::nullopt;
+  });
+  for (int i = 0; i < 20; ++i) recordActionLog(std::to_string(i).c_str(), "");
+  dispatcher_->advance(seconds(10));
+  ASSERT_FALSE(*first);
+  std::size_t arrived = allSentItems().size();
+  EXPECT_EQ(allSentItems().front(), "0");
+  EXPECT_EQ(settledTotals(reports_),
+            "C" + std::to_string(arrived) + " D" + std::to_string(130 - arrived) + " ");
+}
+
+TEST_F(DeliveryTest, ARecordOverTheJournalsBoundIsDroppedAtOnceWithItsReason) {
+  atLeastOnce();
+  recordActionLog("huge", std::string(center::Journal::kMaxFrameBytes, 'x').c_str());
+  recordActionLog("after", "");
+  settle();
+  EXPECT_EQ(allSentItems(), std::vector<std::string>{"after"});
+  ASSERT_FALSE(reports_.empty());
+  EXPECT_EQ(reports_[0].outcome, Outcome::kDropped);
+  EXPECT_EQ(reports_[0].reason, "record too large");
+  EXPECT_EQ(console_->countStartingWith("QXLog: a record of "), 1u);
+}
+
+TEST_F(DeliveryTest, ADiagnosisOutWhenTheLimitDropsItIsCountedByItsAnswer) {
+  atLeastOnce();
+  constexpr std::size_t kReported = center::DiagnosisQueue::kMaxKept + 1;
+  auto first = std::make_shared<std::atomic<bool>>(true);
+  server_->setResponder([first](const ReceivedRequest&) -> std::optional<ScriptedAnswer> {
+    // The diagnoses reach their limit while the first is out.
+    if (first->exchange(false)) {
+      for (std::size_t i = 1; i < kReported; ++i) {
+        recordDiagnosLog(std::to_string(i).c_str(), "cause", "p3", "p4", "p5", "p6", "p7", "p8");
+      }
+    }
+    return std::nullopt;
+  });
+  recordDiagnosLog("0", "cause", "p3", "p4", "p5", "p6", "p7", "p8");
+  dispatcher_->advance(seconds(10));
+  ASSERT_FALSE(*first);
+  EXPECT_EQ(server_->requestCount(), kReported);
+  EXPECT_EQ(settledTotals(reports_), "C" + std::to_string(kReported) + " D0 ");
 }
 
 }  // namespace

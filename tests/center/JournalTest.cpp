@@ -219,5 +219,25 @@ TEST_F(JournalTest, FlushSendsBelowTheBatchSizeAndCountsWhatDidNotArrive) {
   EXPECT_EQ(sentItems(3), (std::vector<std::string>{"3", "4", "5", "6"}));
 }
 
+TEST_F(JournalTest, SegmentsStayShortWhileRecordsAreSettledAsTheyCome) {
+  const std::string record = R"({"a_1":")" + std::string(1000, 'x') + R"("})";
+  center::Journal journal(center().env(), nullptr);
+  for (int round = 0; round < 2; ++round) {
+    // Below the short bound the settled segment stays; past it, it goes.
+    for (int i = 0; i < 100; ++i) ASSERT_TRUE(journal.append(record));
+    journal.settleThrough(journal.pending().back().end);
+    EXPECT_TRUE(std::filesystem::exists(documentsPath(kSegment)));
+  }
+  for (int i = 0; i < 100; ++i) ASSERT_TRUE(journal.append(record));
+  journal.settleThrough(journal.pending().back().end);
+  EXPECT_FALSE(std::filesystem::exists(documentsPath(kSegment)));
+  ASSERT_TRUE(journal.append(R"({"a_1":"next"})"));
+  EXPECT_EQ(journal.pending().back().end.segment, 2u);
+  center::Journal reopened(center().env(), nullptr);
+  EXPECT_EQ(reopened.open(), 0u);
+  ASSERT_EQ(reopened.pending().size(), 1u);
+  EXPECT_EQ(*reopened.pending().front().payload, R"({"a_1":"next"})");
+}
+
 }  // namespace
 }  // namespace qxlog::testing

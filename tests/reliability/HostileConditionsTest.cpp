@@ -9,6 +9,8 @@
 
 #include "QXLog/QXLog.h"
 #include "QXLog/QXLogCenter.h"
+#include "QXLog/center/Upload.h"
+#include "QXLog/platform/CurlTransport.h"
 #include "QXLog/serial/Json.h"
 #include "tests/support/HostileServer.h"
 #include "tests/support/TestPlatform.h"
@@ -304,6 +306,27 @@ TEST_F(HostileServerTest, DeeplyNestedJsonIsNoAnswer) {
   EXPECT_TRUE(format().push_interval_time().isNull());
   EXPECT_TRUE(format().current_time().isNull());
   EXPECT_EQ(format().limitLogCount(), 0);
+}
+
+// A refusal that arrives while the body is still being sent, from a server
+// that then closes without reading the rest: a refusal, not a lost answer.
+TEST(EarlyRefusalTest, A413BeforeTheBodyIsReadIsTakenAsARefusal) {
+  HostileServer server(HostileServer::Behaviour::kEarlyRefusal);
+  platform::HttpRequest request;
+  request.method = "POST";
+  request.url = server.url("/log");
+  request.timeout = std::chrono::seconds(10);
+  // Up to 64 KiB the body goes at once and the answer can come in the middle
+  // of it; larger ones ask first, and the server's close would cut them off.
+  for (std::size_t bytes : {std::size_t{48} << 10, std::size_t{900} << 10, std::size_t{32} << 20}) {
+    SCOPED_TRACE(bytes);
+    request.body.assign(bytes, 'x');
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      platform::HttpResponse response = platform::CurlTransport().perform(request);
+      EXPECT_EQ(response.status, 413) << response.error;
+      EXPECT_EQ(center::judgeAnswer(response).kind, center::AnswerVerdict::Kind::kRefused);
+    }
+  }
 }
 
 }  // namespace

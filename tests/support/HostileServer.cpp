@@ -92,6 +92,7 @@ bool HostileServer::readRequest(int connection) {
       const std::size_t body =
           at == std::string::npos ? 0 : std::strtoull(&head[at + 15], nullptr, 10);
       if (received.size() >= head.size() + 4 + body) return true;
+      if (behaviour_ == Behaviour::kEarlyRefusal) return true;
     }
     if (!waitFor(connection, POLLIN, stopping_)) return false;
     ssize_t got = ::recv(connection, buffer, sizeof buffer, 0);
@@ -157,6 +158,13 @@ void HostileServer::answer(int connection) {
       break;
     case Behaviour::kStallMidBody:
       answerWithStall(connection);
+      break;
+    case Behaviour::kEarlyRefusal:
+      // As a proxy over its body limit: the close resets what is unread.
+      sendText(
+          "HTTP/1.1 413 Payload Too Large\r\nContent-Type: text/plain\r\n"
+          "Content-Length: 15\r\n" +
+          closing + "body too large\n");
       break;
   }
 }

@@ -24,6 +24,7 @@ class HostileServer {
     kRedirectLoop,     // every request is sent back to itself with a 302
     kClose,            // reads the request and closes without a word
     kStallMidBody,     // serves a body, not seekable, held back after its first bytes
+    kEarlyRefusal,     // answers 413 after the request's head and closes, body unread
   };
 
   explicit HostileServer(Behaviour behaviour);

@@ -1,9 +1,10 @@
-// Start-up against whatever lies at the action queue's path: for each case a
-// fresh host process plants it, starts a log server on 127.0.0.1, reports one
-// action and serves its main queue until the server has the upload. Prints
-// one row per case: the time from the report to the upload's arrival, the
-// process's peak resident memory (server and HTTP client included) and
-// whether the upload arrived. Exits 1 when any case failed to deliver.
+// Start-up against whatever lies at the action queue's path, and at least
+// once at the first journal segment's path: for each case a fresh host
+// process plants it, starts a log server on 127.0.0.1, reports one action and
+// serves its main queue until the server has the upload. Prints one row per
+// case: the time from the report to the upload's arrival, the process's peak
+// resident memory (server and HTTP client included) and whether the upload
+// arrived. Exits 1 when any case failed to deliver.
 //
 //   qxlog_hostile_file_check
 #include <signal.h>
@@ -65,13 +66,17 @@ void plant(int which, const std::string& path) {
   }
 }
 
+// The journal cases: those a journal segment can meet.
+const int kJournalCases[] = {0, 1, 2, 3, 5};
+
 // The host: exits 0 once the upload has arrived, 1 after 10 s without it;
 // writes the milliseconds it took to `out`.
-int host(int which, int out) {
+int host(int which, bool journal, int out) {
   char pattern[] = "/tmp/qxlog-hostile-file-XXXXXX";
   if (::mkdtemp(pattern) == nullptr) return 1;
   const std::string dir = pattern;
-  plant(which, dir + "/UserStatisticalLog.plist");
+  plant(which, dir + (journal ? "/QXLogJournal.0000000001" : "/UserStatisticalLog.plist"));
+  if (journal) QXLogSetDelivery(QXLogDeliveryAtLeastOnce);
   std::atomic<int> uploads{0};
   qxlog::collector::HttpServer server({}, [&](const qxlog::collector::HttpServerRequest& r) {
     if (r.path == "/log") ++uploads;
@@ -98,32 +103,41 @@ int host(int which, int out) {
   return uploads.load() > 0 ? 0 : 1;
 }
 
+// Runs one case in a host process of its own and prints its row; false when
+// the upload did not arrive.
+bool runCase(int which, bool journal) {
+  int ends[2];
+  if (::pipe(ends) != 0) return false;
+  std::fflush(stdout);
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::close(ends[0]);
+    ::alarm(30);  // a host that hangs is killed, and counted as failed
+    ::_exit(host(which, journal, ends[1]));
+  }
+  ::close(ends[1]);
+  char took[32] = {};
+  ssize_t got = ::read(ends[0], took, sizeof took - 1);
+  ::close(ends[0]);
+  int status = 0;
+  rusage usage{};
+  ::wait4(pid, &status, 0, &usage);
+  const bool delivered = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  std::printf("%-26s %9s %12.1f %s\n", kCases[which], got > 0 ? took : "-",
+              static_cast<double>(usage.ru_maxrss) / 1024.0, delivered ? "yes" : "NO");
+  return delivered;
+}
+
 }  // namespace
 
 int main() {
   std::printf("%-26s %9s %12s %s\n", "at the queue file's path", "time ms", "peak MB", "delivered");
   int failed = 0;
   for (int which = 0; which < static_cast<int>(std::size(kCases)); ++which) {
-    int ends[2];
-    if (::pipe(ends) != 0) return 1;
-    std::fflush(stdout);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-      ::close(ends[0]);
-      ::alarm(30);  // a host that hangs is killed, and counted as failed
-      ::_exit(host(which, ends[1]));
-    }
-    ::close(ends[1]);
-    char took[32] = {};
-    ssize_t got = ::read(ends[0], took, sizeof took - 1);
-    ::close(ends[0]);
-    int status = 0;
-    rusage usage{};
-    ::wait4(pid, &status, 0, &usage);
-    const bool delivered = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    failed += !delivered;
-    std::printf("%-26s %9s %12.1f %s\n", kCases[which], got > 0 ? took : "-",
-                static_cast<double>(usage.ru_maxrss) / 1024.0, delivered ? "yes" : "NO");
+    failed += !runCase(which, false);
   }
+  std::printf("%-26s %9s %12s %s\n", "at a journal segment's path", "time ms", "peak MB",
+              "delivered");
+  for (int which : kJournalCases) failed += !runCase(which, true);
   return failed == 0 ? 0 : 1;
 }
