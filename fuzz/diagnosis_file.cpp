@@ -12,12 +12,10 @@
 #include "QXLog/center/CenterRegistry.h"
 #include "QXLog/center/DiagnosisQueue.h"
 #include "QXLog/platform/Env.h"
+#include "fuzz/FuzzDirectory.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) std::abort();
-  qxlog::center::CenterRegistry::createWithEnv(
-      std::make_shared<qxlog::platform::Env>(qxlog::platform::Env::Parts{.documents = pattern}));
+  createFuzzCenter();
   return 0;
 }
 

@@ -9,15 +9,15 @@
 #include "QXLog/center/Journal.h"
 #include "QXLog/center/SealedBatch.h"
 #include "QXLog/platform/Env.h"
+#include "fuzz/FuzzDirectory.h"
 
 namespace {
 std::shared_ptr<qxlog::platform::Env> g_env;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) std::abort();
-  g_env = std::make_shared<qxlog::platform::Env>(qxlog::platform::Env::Parts{.documents = pattern});
+  g_env = std::make_shared<qxlog::platform::Env>(
+      qxlog::platform::Env::Parts{.documents = makeFuzzDirectory()});
   g_env->setConsoleSink([](const std::string&) {});
   return 0;
 }

@@ -8,6 +8,7 @@
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/center/CenterRegistry.h"
 #include "QXLog/platform/Env.h"
+#include "fuzz/FuzzDirectory.h"
 
 namespace {
 constexpr const char* kQueue = "UserStatisticalLog.plist";
@@ -15,10 +16,7 @@ constexpr const char* kTable = "USERMovieStartTimeLog.plist";
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) std::abort();
-  qxlog::center::CenterRegistry::createWithEnv(
-      std::make_shared<qxlog::platform::Env>(qxlog::platform::Env::Parts{.documents = pattern}));
+  createFuzzCenter();
   return 0;
 }
 

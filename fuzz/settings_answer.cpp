@@ -8,6 +8,7 @@
 #include "QXLog/QXLogCenter.h"
 #include "QXLog/center/CenterRegistry.h"
 #include "QXLog/platform/Env.h"
+#include "fuzz/FuzzDirectory.h"
 
 namespace platform = qxlog::platform;
 
@@ -42,15 +43,13 @@ class InputTransport final : public platform::HttpTransport {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char pattern[] = "/tmp/qxlog-fuzz-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) std::abort();
   g_tasks = std::make_shared<HeldTasks>();
   qxlog::center::CenterRegistry::createWithEnv(std::make_shared<platform::Env>(
       platform::Env::Parts{.mainQueue = g_tasks,
                            .globalQueue = g_tasks,
                            .http = std::make_shared<InputTransport>(),
                            .console = [](const std::string&) {},
-                           .documents = pattern}));
+                           .documents = makeFuzzDirectory()}));
   QXLogCenter::center().format().setPushUrl("http://127.0.0.1/settings");
   return 0;
 }
