@@ -91,7 +91,8 @@ std::string filterSql(const StoreFilter& filter, const char* receivedAt, const c
       if (c == '%' || c == '_' || c == '!') pattern += '!';
       pattern += c;
     }
-    params.push_back(pattern + "%");
+    pattern += '%';
+    params.emplace_back(std::in_place_type<std::string>, std::move(pattern));
     sql += "AND " + std::string(text) + " LIKE $" + std::to_string(params.size()) + " ESCAPE '!' ";
   }
   return sql;
