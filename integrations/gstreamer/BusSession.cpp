@@ -128,7 +128,8 @@ void BusSession::stateChanged(GstMessage* message) {
     sample();  // the rendition of the first frame, before it is shown
     // No frame comes to the video sink of a play without video.
     if (frames_) play_->watchFrames(!audioOnly(pipeline_));
-    play_->running(position(), !frames_ || frames_->frames() > framesAtBegin_);
+    play_->running(position(), !frames_ || (frames_->frames() > framesAtBegin_ &&
+                                            frames_->firstFrameDue(pipeline_)));
   } else if (old == GST_STATE_PLAYING && state == GST_STATE_PAUSED &&
              pending == GST_STATE_VOID_PENDING) {
     play_->pausedByHost(position());
@@ -152,6 +153,7 @@ void BusSession::begin() {
   if (frames_) {
     play_->watchFrames(true);
     framesAtBegin_ = framesSeen_ = frames_->frames();
+    frames_->restart();
   }
   watchFrames();
 }
@@ -171,21 +173,23 @@ void BusSession::checkFramesWhileAwaited() {
   g_source_attach(frameCheck_, g_source_get_context(sampler_));
 }
 
-// Frames count as shown only while the pipeline is PLAYING: a frame that
-// arrives while paused waits at the sink for the host's resume.
+// Frames count as shown only while the pipeline is PLAYING and the clock
+// reached the frame's time: a frame that arrives while paused, or early,
+// waits at the sink.
 bool BusSession::checkFrames() {
   if (!play_ || !frames_ || !play_->awaitsFrames()) return false;
   const uint64_t frames = frames_->frames();
-  const bool came = frames != framesSeen_;
-  framesSeen_ = frames;
+  if (frames == framesSeen_) {
+    if (frames_->starved()) play_->sinkStarved(position());
+    return play_->awaitsFrames();
+  }
   GstState state = GST_STATE_NULL;
   gst_element_get_state(pipeline_, &state, nullptr, 0);
-  if (came && state == GST_STATE_PLAYING) {
-    sample();  // the rendition of the first frame, before it is shown
-    play_->framesFlow(position());
-  } else if (!came && frames_->starved()) {
-    play_->sinkStarved(position());
-  }
+  if (state != GST_STATE_PLAYING || !frames_->firstFrameDue(pipeline_)) return true;
+  framesSeen_ = frames;
+  frames_->restart();
+  sample();  // the rendition of the first frame, before it is shown
+  play_->framesFlow(position());
   return play_->awaitsFrames();
 }
 

@@ -119,6 +119,10 @@ GstPadProbeReturn FrameWatch::onBuffer(GstPad* /*pad*/, GstPadProbeInfo* info, g
   const bool timed = buffer != nullptr && GST_BUFFER_DURATION_IS_VALID(buffer);
   counts.durationNanos.store(timed ? static_cast<int64_t>(GST_BUFFER_DURATION(buffer)) : 0,
                              std::memory_order_relaxed);
+  uint64_t unset = GST_CLOCK_TIME_NONE;
+  counts.firstPts.compare_exchange_strong(
+      unset, buffer != nullptr ? GST_BUFFER_PTS(buffer) : GST_CLOCK_TIME_NONE,
+      std::memory_order_relaxed);
   counts.lastNanos.store(steadyNanos(), std::memory_order_relaxed);
   counts.frames.fetch_add(1, std::memory_order_release);
   return GST_PAD_PROBE_OK;
@@ -130,6 +134,27 @@ bool FrameWatch::starved() const {
   const int64_t duration = counts_->durationNanos.load(std::memory_order_relaxed);
   const int64_t allowed = std::max<int64_t>(50 * GST_MSECOND, 2 * duration);
   return steadyNanos() - counts_->lastNanos.load(std::memory_order_relaxed) > allowed;
+}
+
+bool FrameWatch::firstFrameDue(GstElement* pipeline) const {
+  const uint64_t pts = counts_->firstPts.load(std::memory_order_relaxed);
+  if (pts == GST_CLOCK_TIME_NONE) return true;
+  GstEvent* event = gst_pad_get_sticky_event(pad_, GST_EVENT_SEGMENT, 0);
+  if (event == nullptr) return true;
+  const GstSegment* segment = nullptr;
+  gst_event_parse_segment(event, &segment);
+  const guint64 running = segment->format == GST_FORMAT_TIME
+                              ? gst_segment_to_running_time(segment, GST_FORMAT_TIME, pts)
+                              : GST_CLOCK_TIME_NONE;
+  gst_event_unref(event);
+  GstClock* clock = gst_element_get_clock(pipeline);
+  if (running == GST_CLOCK_TIME_NONE || clock == nullptr) {
+    if (clock != nullptr) gst_object_unref(clock);
+    return true;
+  }
+  const GstClockTime now = gst_clock_get_time(clock);
+  gst_object_unref(clock);
+  return now >= gst_element_get_base_time(pipeline) + running;
 }
 
 }  // namespace qxlog::gst

@@ -27,14 +27,22 @@ class FrameWatch {
   // No frame has reached the sink for two frame durations (at least 50 ms)
   // since the last one. Any thread.
   bool starved() const;
+  // The clock of `pipeline` reached the time the sink shows the first frame
+  // that came since the last restart (its timestamp in the sink's segment),
+  // or that time is unknown: a synchronised sink holds a frame that came
+  // early until then. Any thread.
+  bool firstFrameDue(GstElement* pipeline) const;
+  // Forgets the frames that came: the next one is the first.
+  void restart() { counts_->firstPts.store(GST_CLOCK_TIME_NONE, std::memory_order_relaxed); }
 
  private:
   // What the probe writes on the streaming threads; shared with the probe
   // so that a call running while the probe is removed finds it alive.
   struct Counts {
     std::atomic<uint64_t> frames{0};
-    std::atomic<int64_t> lastNanos{0};      // steady clock, at the last frame
-    std::atomic<int64_t> durationNanos{0};  // the last frame's, 0 when unknown
+    std::atomic<int64_t> lastNanos{0};                    // steady clock, at the last frame
+    std::atomic<int64_t> durationNanos{0};                // the last frame's, 0 when unknown
+    std::atomic<uint64_t> firstPts{GST_CLOCK_TIME_NONE};  // since the last restart
   };
 
   explicit FrameWatch(GstPad* pad);
