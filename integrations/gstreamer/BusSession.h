@@ -26,6 +26,7 @@ class BusSession {
  private:
   static void onMessage(GstBus* bus, GstMessage* message, gpointer self);
   static gboolean onSample(gpointer self);
+  // The frame check's timer, on the session's context; it tells the play.
   static gboolean onFrameCheck(gpointer self);
 
   void handle(GstMessage* message);
