@@ -8,6 +8,12 @@
 namespace qxlog::gst {
 namespace {
 
+// The probe's data is handed to the streaming threads through GStreamer's
+// locks (GLib's futex mutexes), which ThreadSanitizer cannot see. Each side
+// also passes through this counter: its creator and its freer acquire what
+// the probe released, and the probe acquires what its creator released.
+std::atomic<uint64_t> handoffs{0};
+
 int64_t steadyNanos() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
              std::chrono::steady_clock::now().time_since_epoch())
@@ -94,11 +100,15 @@ std::unique_ptr<FrameWatch> FrameWatch::find(GstElement* pipeline) {
 }
 
 FrameWatch::FrameWatch(GstPad* pad) : pad_(pad), counts_(std::make_shared<Counts>()) {
+  auto* data = new std::shared_ptr<Counts>(counts_);
+  handoffs.fetch_add(1, std::memory_order_release);
   probe_ = gst_pad_add_probe(
       pad_,
       static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
-      onBuffer, new std::shared_ptr<Counts>(counts_),
-      [](gpointer counts) { delete static_cast<std::shared_ptr<Counts>*>(counts); });
+      onBuffer, data, [](gpointer counts) {
+        handoffs.load(std::memory_order_acquire);
+        delete static_cast<std::shared_ptr<Counts>*>(counts);
+      });
 }
 
 FrameWatch::~FrameWatch() {
@@ -109,6 +119,7 @@ FrameWatch::~FrameWatch() {
 // Runs on the streaming thread that pushes to the sink, before the sink waits
 // for the frame's time; it only counts, and never calls into the library.
 GstPadProbeReturn FrameWatch::onBuffer(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) {
+  handoffs.load(std::memory_order_acquire);
   Counts& counts = **static_cast<std::shared_ptr<Counts>*>(data);
   GstBuffer* buffer = nullptr;
   if ((info->type & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
@@ -125,6 +136,7 @@ GstPadProbeReturn FrameWatch::onBuffer(GstPad* /*pad*/, GstPadProbeInfo* info, g
       std::memory_order_relaxed);
   counts.lastNanos.store(steadyNanos(), std::memory_order_relaxed);
   counts.frames.fetch_add(1, std::memory_order_release);
+  handoffs.fetch_add(1, std::memory_order_release);
   return GST_PAD_PROBE_OK;
 }
 

@@ -283,11 +283,16 @@ TEST_F(GstAdapterTest, TheSinksFramesMarkTheFirstFrameAndTheStall) {
       "fakesink sync=true async=false",
       nullptr);
   ASSERT_NE(pipeline, nullptr);
+  // Frames are copies of one made here: GStreamer, not this thread, writes
+  // each frame the streaming thread reads.
   struct Feed {
     GstElement* src;
+    GstBuffer* frame;
     int step = 0;
     bool ended = false;
-  } feed{gst_bin_get_by_name(GST_BIN(pipeline), "src")};
+  } feed{gst_bin_get_by_name(GST_BIN(pipeline), "src"),
+         gst_buffer_new_allocate(nullptr, 256, nullptr)};
+  GST_BUFFER_DURATION(feed.frame) = 40 * GST_MSECOND;
   QXLogGstSession* session = QXLogGstAttach(pipeline, nullptr);
   gst_element_set_state(pipeline, GST_STATE_PLAYING);
   g_timeout_add(
@@ -301,8 +306,7 @@ TEST_F(GstAdapterTest, TheSinksFramesMarkTheFirstFrameAndTheStall) {
               feed->src, gst_message_new_buffering(GST_OBJECT(feed->src), step == 18 ? 20 : 100));
         }
         if ((step >= 8 && step <= 22) || (step >= 33 && step <= 42)) {
-          GstBuffer* frame = gst_buffer_new_allocate(nullptr, 256, nullptr);
-          GST_BUFFER_DURATION(frame) = 40 * GST_MSECOND;
+          GstBuffer* frame = gst_buffer_copy(feed->frame);
           g_signal_emit_by_name(feed->src, "push-buffer", frame, &flow);
           gst_buffer_unref(frame);
         }
@@ -317,6 +321,7 @@ TEST_F(GstAdapterTest, TheSinksFramesMarkTheFirstFrameAndTheStall) {
   QXLogGstDetach(session);
   gst_element_set_state(pipeline, GST_STATE_NULL);
   gst_object_unref(feed.src);
+  gst_buffer_unref(feed.frame);
   gst_object_unref(pipeline);
   const Delivered play = deliver();
   ASSERT_EQ(play.diagnoses.size(), 1u);
