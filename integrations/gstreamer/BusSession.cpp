@@ -128,8 +128,8 @@ void BusSession::stateChanged(GstMessage* message) {
     sample();  // the rendition of the first frame, before it is shown
     // No frame comes to the video sink of a play without video.
     if (frames_) play_->watchFrames(!audioOnly(pipeline_));
-    play_->running(position(), !frames_ || (frames_->frames() > framesAtBegin_ &&
-                                            frames_->firstFrameDue(pipeline_)));
+    play_->running(position(),
+                   !frames_ || (frames_->frames() > 0 && frames_->firstFrameDue(pipeline_)));
   } else if (old == GST_STATE_PLAYING && state == GST_STATE_PAUSED &&
              pending == GST_STATE_VOID_PENDING) {
     play_->pausedByHost(position());
@@ -150,11 +150,7 @@ void BusSession::begin() {
   bitrate_ = 0;
   play_.reset();  // an earlier play ended; its handle goes
   play_ = std::make_unique<PlayTracker>(identity_, playedUri(pipeline_));
-  if (frames_) {
-    play_->watchFrames(true);
-    framesAtBegin_ = framesSeen_ = frames_->frames();
-    frames_->restart();
-  }
+  frames_.reset();  // the host may have set another video sink since
   watchFrames();
 }
 
@@ -162,7 +158,7 @@ void BusSession::watchFrames() {
   if (frames_ || !play_) return;
   frames_ = FrameWatch::find(pipeline_);
   if (!frames_) return;
-  framesAtBegin_ = framesSeen_ = 0;
+  framesSeen_ = 0;
   play_->watchFrames(true);
 }
 

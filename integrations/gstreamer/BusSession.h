@@ -48,10 +48,9 @@ class BusSession {
   GstBus* bus_;
   gulong handler_ = 0;
   GSource* sampler_ = nullptr;
-  GSource* frameCheck_ = nullptr;  // while the play awaits frames
-  std::unique_ptr<FrameWatch> frames_;
-  uint64_t framesAtBegin_ = 0;
-  uint64_t framesSeen_ = 0;  // the count at the last check
+  GSource* frameCheck_ = nullptr;       // while the play awaits frames
+  std::unique_ptr<FrameWatch> frames_;  // the current play's video sink
+  uint64_t framesSeen_ = 0;             // the count at the last check
   PlayIdentity identity_;
   std::unique_ptr<PlayTracker> play_;
   std::optional<int64_t> lostPreroll_;  // the position when the pipeline lost its preroll
