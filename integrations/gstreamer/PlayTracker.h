@@ -40,10 +40,10 @@ class PlayTracker {
   // Whether the adapter should tell framesFlow or sinkStarved.
   bool awaitsFrames() const;
   // The pipeline reached PLAYING: frames are shown, unless the buffer is
-  // still filling after the startup or a seek. `frameAtSink`: a frame
-  // reached the video sink in this play (watched frames only).
+  // still filling after the startup or a seek. `frameAtSink`: a frame of
+  // this play is shown at the video sink (watched frames only).
   void running(int64_t position, bool frameAtSink = true);
-  // Frames reach the video sink of the playing pipeline.
+  // Frames are shown again at the video sink of the playing pipeline.
   void framesFlow(int64_t position);
   // No frame reached the video sink for longer than a frame is shown.
   void sinkStarved(int64_t position);
