@@ -10,6 +10,8 @@ namespace {
 // How often the position and the video's rendition are read while playing:
 // the position before a seek is the last one read.
 constexpr guint kSampleMillis = 200;
+// How often the frames at the sink are checked while the play waits on them.
+constexpr guint kFrameCheckMillis = 10;
 
 }  // namespace
 
@@ -37,6 +39,10 @@ BusSession::~BusSession() {
   gst_bus_remove_signal_watch(bus_);
   g_source_destroy(sampler_);
   g_source_unref(sampler_);
+  if (frameCheck_ != nullptr) {
+    g_source_destroy(frameCheck_);
+    g_source_unref(frameCheck_);
+  }
   // A play requested before the main context ran ends here, untold before.
   if (!play_ && requestedState() >= GST_STATE_PAUSED) begin();
   if (play_) play_->ended(position());
@@ -53,7 +59,20 @@ gboolean BusSession::onSample(gpointer self) {
   return G_SOURCE_CONTINUE;
 }
 
+gboolean BusSession::onFrameCheck(gpointer self) {
+  auto* session = static_cast<BusSession*>(self);
+  if (session->checkFrames()) return G_SOURCE_CONTINUE;
+  g_source_unref(session->frameCheck_);
+  session->frameCheck_ = nullptr;
+  return G_SOURCE_REMOVE;
+}
+
 void BusSession::handle(GstMessage* message) {
+  dispatch(message);
+  checkFramesWhileAwaited();
+}
+
+void BusSession::dispatch(GstMessage* message) {
   switch (GST_MESSAGE_TYPE(message)) {
     case GST_MESSAGE_STATE_CHANGED:
       if (GST_MESSAGE_SRC(message) == GST_OBJECT(pipeline_)) stateChanged(message);
@@ -102,11 +121,15 @@ void BusSession::stateChanged(GstMessage* message) {
                            (old == GST_STATE_READY && state == GST_STATE_PAUSED);
   if (leavesReady && (!play_ || play_->ended())) begin();
   if (!play_) return;
+  watchFrames();
   if (state <= GST_STATE_READY && old >= GST_STATE_PAUSED) {
     play_->ended(position());
   } else if (state == GST_STATE_PLAYING && pending == GST_STATE_VOID_PENDING) {
     sample();  // the rendition of the first frame, before it is shown
-    play_->running(position());
+    // No frame comes to the video sink of a play without video.
+    if (frames_) play_->watchFrames(!audioOnly(pipeline_));
+    play_->running(position(),
+                   !frames_ || (frames_->frames() > 0 && frames_->firstFrameDue(pipeline_)));
   } else if (old == GST_STATE_PLAYING && state == GST_STATE_PAUSED &&
              pending == GST_STATE_VOID_PENDING) {
     play_->pausedByHost(position());
@@ -127,6 +150,43 @@ void BusSession::begin() {
   bitrate_ = 0;
   play_.reset();  // an earlier play ended; its handle goes
   play_ = std::make_unique<PlayTracker>(identity_, playedUri(pipeline_));
+  frames_.reset();  // the host may have set another video sink since
+  watchFrames();
+}
+
+void BusSession::watchFrames() {
+  if (frames_ || !play_) return;
+  frames_ = FrameWatch::find(pipeline_);
+  if (!frames_) return;
+  framesSeen_ = 0;
+  play_->watchFrames(true);
+}
+
+void BusSession::checkFramesWhileAwaited() {
+  if (frameCheck_ != nullptr || !play_ || !play_->awaitsFrames()) return;
+  frameCheck_ = g_timeout_source_new(kFrameCheckMillis);
+  g_source_set_callback(frameCheck_, onFrameCheck, this, nullptr);
+  g_source_attach(frameCheck_, g_source_get_context(sampler_));
+}
+
+// Frames count as shown only while the pipeline is PLAYING and the clock
+// reached the frame's time: a frame that arrives while paused, or early,
+// waits at the sink.
+bool BusSession::checkFrames() {
+  if (!play_ || !frames_ || !play_->awaitsFrames()) return false;
+  const uint64_t frames = frames_->frames();
+  if (frames == framesSeen_) {
+    if (frames_->starved()) play_->sinkStarved(position());
+    return play_->awaitsFrames();
+  }
+  GstState state = GST_STATE_NULL;
+  gst_element_get_state(pipeline_, &state, nullptr, 0);
+  if (state != GST_STATE_PLAYING || !frames_->firstFrameDue(pipeline_)) return true;
+  framesSeen_ = frames;
+  frames_->restart();
+  sample();  // the rendition of the first frame, before it is shown
+  play_->framesFlow(position());
+  return play_->awaitsFrames();
 }
 
 int64_t BusSession::position() {

@@ -1,5 +1,7 @@
-// The GStreamer side of a session: the bus watch, a position sampler, and the
-// reading of the pipeline's messages as play events for the current play.
+// The GStreamer side of a session: the bus watch, a position sampler, the
+// frames at the video sink, and the reading of the pipeline's messages as
+// play events for the current play. Everything here runs on the attaching
+// thread's main context but the frame probe, which only counts frames.
 #ifndef QXLOG_INTEGRATIONS_GSTREAMER_BUSSESSION_H_
 #define QXLOG_INTEGRATIONS_GSTREAMER_BUSSESSION_H_
 
@@ -9,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "integrations/gstreamer/FrameWatch.h"
 #include "integrations/gstreamer/PlayTracker.h"
 
 namespace qxlog::gst {
@@ -23,11 +26,20 @@ class BusSession {
  private:
   static void onMessage(GstBus* bus, GstMessage* message, gpointer self);
   static gboolean onSample(gpointer self);
+  // The frame check's timer, on the session's context; it tells the play.
+  static gboolean onFrameCheck(gpointer self);
 
   void handle(GstMessage* message);
+  void dispatch(GstMessage* message);
   void stateChanged(GstMessage* message);
   void sample();
   void begin();
+  // Finds the video sink if it was not found yet; tells the play.
+  void watchFrames();
+  // Runs the frame check while the play waits on frames at the sink.
+  void checkFramesWhileAwaited();
+  // Tells the play that frames came or stopped; false once it needs no more.
+  bool checkFrames();
   // The pipeline's state, or the one it is going to.
   GstState requestedState() const;
   int64_t position();
@@ -36,6 +48,9 @@ class BusSession {
   GstBus* bus_;
   gulong handler_ = 0;
   GSource* sampler_ = nullptr;
+  GSource* frameCheck_ = nullptr;       // while the play awaits frames
+  std::unique_ptr<FrameWatch> frames_;  // the current play's video sink
+  uint64_t framesSeen_ = 0;             // the count at the last check
   PlayIdentity identity_;
   std::unique_ptr<PlayTracker> play_;
   std::optional<int64_t> lostPreroll_;  // the position when the pipeline lost its preroll

@@ -51,6 +51,17 @@ int videoHeight(GstElement* pipeline) {
   return height;
 }
 
+bool audioOnly(GstElement* pipeline) {
+  GObjectClass* type = G_OBJECT_GET_CLASS(pipeline);
+  if (g_object_class_find_property(type, "n-video") == nullptr ||
+      g_object_class_find_property(type, "n-audio") == nullptr) {
+    return false;
+  }
+  gint video = 0, audio = 0;
+  g_object_get(pipeline, "n-video", &video, "n-audio", &audio, nullptr);
+  return video == 0 && audio > 0;
+}
+
 std::optional<int64_t> adaptiveBitrate(GstMessage* message) {
   if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ELEMENT) return std::nullopt;
   const GstStructure* structure = gst_message_get_structure(message);

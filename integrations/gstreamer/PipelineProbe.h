@@ -18,6 +18,9 @@ std::optional<int64_t> mediaPosition(GstElement* pipeline);
 // The height of the video playbin shows, from its caps; 0 when there is no
 // video (yet) or the pipeline is not a playbin.
 int videoHeight(GstElement* pipeline);
+// A playbin that found audio streams and no video: no frame will reach its
+// video sink. False for other pipelines.
+bool audioOnly(GstElement* pipeline);
 // The bitrate an adaptive demuxer (HLS, DASH) says it switched to, from its
 // "adaptive-streaming-statistics" message; nothing for other messages.
 std::optional<int64_t> adaptiveBitrate(GstMessage* message);

@@ -33,9 +33,20 @@ class PlayTracker {
   bool started() const { return started_; }
   bool ended() const { return play_ == nullptr; }
 
+  // Whether the adapter sees the frames that reach the video sink: the
+  // first frame is the first one there, and a rebuffering runs from when
+  // they stop while the buffer is below 100 % to when they come again.
+  void watchFrames(bool watched) { watched_ = watched; }
+  // Whether the adapter should tell framesFlow or sinkStarved.
+  bool awaitsFrames() const;
   // The pipeline reached PLAYING: frames are shown, unless the buffer is
-  // still filling after the startup or a seek.
-  void running(int64_t position);
+  // still filling after the startup or a seek. `frameAtSink`: a frame of
+  // this play is shown at the video sink (watched frames only).
+  void running(int64_t position, bool frameAtSink = true);
+  // Frames are shown again at the video sink of the playing pipeline.
+  void framesFlow(int64_t position);
+  // No frame reached the video sink for longer than a frame is shown.
+  void sinkStarved(int64_t position);
   // The pipeline went from PLAYING to PAUSED by itself, not in a seek.
   void pausedByHost(int64_t position);
   void seekBegan(int64_t position);
@@ -56,6 +67,8 @@ class PlayTracker {
   QXLogPlayerState state_ = QXLogPlayerStarting;
   bool started_ = false;
   int percent_ = 100;  // the last buffering percentage
+  bool watched_ = false;
+  bool awaitingFirst_ = false;  // PLAYING reached, no frame at the sink yet
 };
 
 }  // namespace qxlog::gst

@@ -11,6 +11,9 @@
  * end), which reports its header, its actions (QXLog/QXLogPlayEvents.h),
  * the error's diagnosis and the end-of-play summary. Each call runs on that
  * context's thread and blocks it while the play's small file is written.
+ * The first frame and rebuffering are read from the frames at the video
+ * sink: a buffer probe on its pad counts them on the streaming thread and
+ * calls nothing else; the session reads the count from its context.
  * A host that watches the bus too uses gst_bus_add_signal_watch and the
  * "message" signals: GStreamer allows one gst_bus_add_watch per bus.
  */

@@ -1,7 +1,7 @@
-// The adapter on real playbin pipelines (fake sinks, no display), reporting to
+// The adapter on real pipelines, playbin and a plain one (fake sinks, no display), reporting to
 // the tests' log server: a generated clip from disk, over a stalling HTTP
-// server, with a pause, a resume and a seek, an HTTP 404, an early detach, and
-// an HLS stream of two renditions.
+// server, with a pause, a resume and a seek, an HTTP 404, an early detach, a
+// plain pipeline fed frame by frame, and an HLS stream of two renditions.
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
@@ -269,6 +269,66 @@ TEST_F(GstAdapterTest, AnEndBeforeTheFirstFrame) {
     EXPECT_EQ(play.text("isPlayOK", "play_info", 0), "0");
     EXPECT_EQ(play.text("prepareTime", "play_info", 0), "");
   }
+}
+
+// A plain pipeline the test feeds each 40 ms, whose sink needs no frame to
+// reach PLAYING: frames from step 8 to 22, the buffer at 20 % from step 18,
+// frames again from step 33 to 42 with the buffer full. The first frame and
+// the stall are where the frames at the sink say, not the pipeline's state
+// or the buffer's level: startup 320 ms, one stall of 400 ms, 1000 ms shown.
+TEST_F(GstAdapterTest, TheSinksFramesMarkTheFirstFrameAndTheStall) {
+  GstElement* pipeline = gst_parse_launch(
+      "appsrc name=src do-timestamp=true format=time "
+      "caps=video/x-raw,format=GRAY8,width=16,height=16,framerate=25/1 ! "
+      "fakesink sync=true async=false",
+      nullptr);
+  ASSERT_NE(pipeline, nullptr);
+  // Frames are copies of one made here: GStreamer, not this thread, writes
+  // each frame the streaming thread reads.
+  struct Feed {
+    GstElement* src;
+    GstBuffer* frame;
+    int step = 0;
+    bool ended = false;
+  } feed{gst_bin_get_by_name(GST_BIN(pipeline), "src"),
+         gst_buffer_new_allocate(nullptr, 256, nullptr)};
+  GST_BUFFER_DURATION(feed.frame) = 40 * GST_MSECOND;
+  QXLogGstSession* session = QXLogGstAttach(pipeline, nullptr);
+  gst_element_set_state(pipeline, GST_STATE_PLAYING);
+  g_timeout_add(
+      40,
+      +[](gpointer data) -> gboolean {
+        auto* feed = static_cast<Feed*>(data);
+        const int step = ++feed->step;
+        GstFlowReturn flow = GST_FLOW_OK;
+        if (step == 18 || step == 33) {
+          gst_element_post_message(
+              feed->src, gst_message_new_buffering(GST_OBJECT(feed->src), step == 18 ? 20 : 100));
+        }
+        if ((step >= 8 && step <= 22) || (step >= 33 && step <= 42)) {
+          GstBuffer* frame = gst_buffer_copy(feed->frame);
+          g_signal_emit_by_name(feed->src, "push-buffer", frame, &flow);
+          gst_buffer_unref(frame);
+        }
+        if (step < 43) return G_SOURCE_CONTINUE;
+        g_signal_emit_by_name(feed->src, "end-of-stream", &flow);
+        feed->ended = true;
+        return G_SOURCE_REMOVE;
+      },
+      &feed);
+  const auto guard = RealClock::now() + std::chrono::seconds(15);
+  while (!feed.ended && RealClock::now() < guard) g_main_context_iteration(nullptr, TRUE);
+  QXLogGstDetach(session);
+  gst_element_set_state(pipeline, GST_STATE_NULL);
+  gst_object_unref(feed.src);
+  gst_buffer_unref(feed.frame);
+  gst_object_unref(pipeline);
+  const Delivered play = deliver();
+  ASSERT_EQ(play.diagnoses.size(), 1u);
+  EXPECT_NEAR(play.figure("startup_ms"), 320, 100);
+  EXPECT_EQ(play.figure("rebuffer_count"), 1);
+  EXPECT_NEAR(play.figure("rebuffer_ms"), 400, 100);
+  EXPECT_NEAR(play.figure("played_ms"), 1000, 100);
 }
 
 // Two renditions of three seconds, 240 and 480 lines, MPEG-4 in MPEG-TS
