@@ -210,6 +210,7 @@ void Journal::readSegment(uint64_t number, uint64_t from, bool last, std::size_t
   // Appends go after the last whole frame, never after a torn one.
   if (last && tornTail && !read->truncated) {
     if (auto file = platform::AppendFile::open(env_.documentsPath(name))) file->truncate(cut);
+    cutTornTail_ = true;
   }
 }
 

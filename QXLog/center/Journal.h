@@ -88,6 +88,9 @@ class Journal {
   // Reads what is on disk, once; later calls do nothing. Returns how many
   // damaged runs were skipped, each with one line for the console in notes().
   std::size_t open();
+  // Whether open() cut a torn frame off the end of the newest segment: the
+  // one append a crash interrupted (counted among the damaged runs).
+  bool cutTornTail() const { return cutTornTail_; }
   // Console lines about damage, taken out; the owner writes them once it
   // holds no lock.
   std::vector<std::string> takeNotes() { return std::move(notes_); }
@@ -113,6 +116,7 @@ class Journal {
   const platform::Env& env_;
   std::shared_ptr<platform::DurableFlush> flush_;
   bool opened_ = false;
+  bool cutTornTail_ = false;
   JournalPosition settled_;
   std::map<uint64_t, bool> segments_;  // number -> readable
   std::deque<Entry> pending_;
