@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Measures the GStreamer adapter against independent ground truth: the video
 # sink's frames, the media server's log of its stall and the host's marks
-# (tests/integrations/gstreamer/PlayTruth.cpp). Plays a generated clip from
+# (bench/PlayTruth.cpp). Plays a generated clip from
 # disk, the same clip over a media server that stalls for 2.5 s, and an HLS
 # stream of two renditions, in real time, and prints one row per figure and
 # run, then whether every goal was met in every run.
@@ -17,9 +17,9 @@ runs=3
 if [[ "${1:-}" == "--short" ]]; then runs=1; fi
 
 scripts/install-deps.sh >&2
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQXLOG_BUILD_BENCH=ON >/dev/null
 cmake --build build -j 2 --target qxlog_gst_truth >&2
-if [[ ! -x build/tests/qxlog_gst_truth ]]; then
+if [[ ! -x build/bench/qxlog_gst_truth ]]; then
   echo "play truth: skipped (built without GStreamer)"
   exit 0
 fi
@@ -27,7 +27,7 @@ fi
 status=0
 printf '%-4s %-6s %-16s %10s %10s  %-16s %s\n' run case figure reported truth goal outcome
 for run in $(seq 1 "$runs"); do
-  log=$(build/tests/qxlog_gst_truth 2>&1) || status=1
+  log=$(build/bench/qxlog_gst_truth 2>&1) || status=1
   grep '^truth: ' <<<"$log" | while read -r _ name figure rest; do
     if [[ "$figure" == server-held_ms || "$figure" == request-blocked_ms || "$figure" == playing-reached_ms ]]; then
       printf '%-4s %-6s %-16s %10s\n' "$run" "$name" "$figure" "${rest%% *}"
