@@ -16,99 +16,13 @@
 //
 //   qxlog_delivery_check --fleet COLLECTOR HOST DATABASE_URI PORT_A PORT_B BALANCER_PORT [RECORDS]
 // Exits 1 when a record was lost or stored twice.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sqlite3.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <map>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
+
+#include "tests/reliability/tools/ReliabilityHarness.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-constexpr const char* kKey = "0123456789abcdef";
-
-// Binds to 127.0.0.1:port (0: any free port) and returns the port bound, or
-// with `connect` connects there and returns 0 when nothing listens.
-int loopback(int port, bool connect) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* raw = reinterpret_cast<sockaddr*>(&address);
-  bool ok = connect ? ::connect(fd, raw, length) == 0
-                    : ::bind(fd, raw, length) == 0 && ::getsockname(fd, raw, &length) == 0;
-  ::close(fd);
-  return ok ? ntohs(address.sin_port) : 0;
-}
-
-// Starts `argv` with standard output on a pipe (when `output` is given) and
-// standard error discarded.
-pid_t spawn(const std::vector<std::string>& argv, int* output) {
-  int pipeEnds[2] = {-1, -1};
-  if (output != nullptr && ::pipe(pipeEnds) != 0) return -1;
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    int null = ::open("/dev/null", O_WRONLY);
-    ::dup2(null, STDERR_FILENO);
-    ::dup2(output != nullptr ? pipeEnds[1] : null, STDOUT_FILENO);
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  if (output != nullptr) {
-    ::close(pipeEnds[1]);
-    *output = pipeEnds[0];
-  }
-  return pid;
-}
-
-class Collector {
- public:
-  Collector(std::string program, fs::path database, int port = 0)
-      : program_(std::move(program)),
-        database_(std::move(database)),
-        port_(port > 0 ? port : loopback(0, false)) {}
-  ~Collector() { kill(); }
-  void start() {
-    pid_ = spawn({program_, "--listen", "127.0.0.1:" + std::to_string(port_), "--key", kKey, "--db",
-                  database_.string(), "--push-interval-time", "1000", "--push-interval-number",
-                  "20", "--quiet"},
-                 nullptr);
-    for (int i = 0; i < 500 && loopback(port_, true) == 0; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-  }
-  void kill() {
-    if (pid_ > 0 && ::kill(pid_, SIGKILL) == 0) ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
- private:
-  std::string program_;
-  fs::path database_;
-  int port_;
-  pid_t pid_ = -1;
-};
+using namespace qxlog::reliability;
 
 // One host run: reports `count` numbers from `first`; `onAck` is told each
 // acknowledged number and may end the run early by returning false (the host
@@ -130,39 +44,9 @@ void runHost(const std::string& host, const fs::path& documents, const std::stri
   ::waitpid(pid, nullptr, 0);
 }
 
-struct Counts {
-  std::size_t reported = 0, delivered = 0, lost = 0, duplicated = 0;
-};
-
-// The reported numbers against the action names the collector stored.
-Counts count(const std::set<uint64_t>& reported, const fs::path& database) {
-  std::map<uint64_t, std::size_t> names;  // each with how often it was stored
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* query = nullptr;
-    sqlite3_prepare_v2(db, "SELECT json_extract(body, '$.a_1') FROM records WHERE type = '2'", -1,
-                       &query, nullptr);
-    while (query != nullptr && sqlite3_step(query) == SQLITE_ROW) {
-      const unsigned char* text = sqlite3_column_text(query, 0);
-      if (text != nullptr) ++names[std::strtoull(reinterpret_cast<const char*>(text), nullptr, 10)];
-    }
-    sqlite3_finalize(query);
-  }
-  sqlite3_close(db);
-  Counts counts;
-  counts.reported = reported.size();
-  for (const auto& [number, times] : names) {
-    if (reported.count(number) != 0) ++counts.delivered;
-    counts.duplicated += times - 1;
-  }
-  counts.lost = counts.reported - counts.delivered;
-  return counts;
-}
-
-// The reported numbers against the action names the store at `database`
-// holds, as qxlog-decode prints them.
-Counts countThroughDecode(const std::set<uint64_t>& reported, const std::string& decode,
-                          const std::string& database) {
+// The action names the store at `database` holds, as qxlog-decode prints them.
+std::map<uint64_t, std::size_t> decodedActionNumbers(const std::string& decode,
+                                                     const std::string& database) {
   std::map<uint64_t, std::size_t> names;
   const std::string command = "'" + decode + "' --records '" + database + "' --type action --json";
   if (std::FILE* lines = ::popen(command.c_str(), "r")) {
@@ -173,14 +57,7 @@ Counts countThroughDecode(const std::set<uint64_t>& reported, const std::string&
     }
     ::pclose(lines);
   }
-  Counts counts;
-  counts.reported = reported.size();
-  for (const auto& [number, times] : names) {
-    if (reported.count(number) != 0) ++counts.delivered;
-    counts.duplicated += times - 1;
-  }
-  counts.lost = counts.reported - counts.delivered;
-  return counts;
+  return names;
 }
 
 int fleetCheck(int argc, char** argv) {
@@ -214,7 +91,7 @@ int fleetCheck(int argc, char** argv) {
   a.kill();
   b.kill();
   const fs::path decode = fs::path(collector).parent_path() / "qxlog-decode";
-  const Counts c = countThroughDecode(reported, decode.string(), database);
+  const Counts c = tally(reported, decodedActionNumbers(decode.string(), database));
   std::printf("%-14s %-40s %9s %9s %6s %10s\n", "mode", "scenario", "reported", "delivered", "lost",
               "duplicated");
   std::printf("%-14s %-40s %9zu %9zu %6zu %10zu\n", "at-least-once",
@@ -235,7 +112,7 @@ Counts runScenario(const Scenario& scenario, const std::string& mode, const std:
                    const std::string& host, uint64_t records, const fs::path& work) {
   fs::path documents = work / "Documents";
   fs::create_directories(documents);
-  Collector server(collector, work / "collector.db");
+  Collector server(collector, (work / "collector.db").string());
   server.start();
   std::set<uint64_t> reported;
   uint64_t collectorKillEvery = records / (scenario.collectorKills + 1);
@@ -264,7 +141,7 @@ Counts runScenario(const Scenario& scenario, const std::string& mode, const std:
     if (!killedHost) break;
   }
   server.kill();
-  return count(reported, work / "collector.db");
+  return tally(reported, storedActionNumbers((work / "collector.db").string()));
 }
 
 }  // namespace

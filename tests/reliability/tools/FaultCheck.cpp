@@ -17,90 +17,21 @@
 //   qxlog_fault_check COLLECTOR [SECONDS]      (SECONDS of wrong key, default 20)
 // Exits 1 when a goal is missed: fewer than 250 of 250, or memory, disk or
 // CPU growing, or a record not ending dropped with a reason.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sqlite3.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "QXLog/QXLog.h"
-#include "QXLog/QXLogCenter.h"
+#include "tests/reliability/tools/ReliabilityHarness.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
+using namespace qxlog::reliability;
 
-constexpr const char* kKey = "0123456789abcdef";
 constexpr int kAfterPoison = 250;
 constexpr int kReportsPerSecond = 50;
-
-int freePort() {
-  // The collector is told a port; one the kernel just handed out is free.
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* raw = reinterpret_cast<sockaddr*>(&address);
-  int port = ::bind(fd, raw, length) == 0 && ::getsockname(fd, raw, &length) == 0
-                 ? ntohs(address.sin_port)
-                 : 0;
-  ::close(fd);
-  return port;
-}
-
-bool listening(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return ok;
-}
-
-pid_t startCollector(const std::string& program, const fs::path& database, int port,
-                     const std::string& maxBody) {
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    int null = ::open("/dev/null", O_WRONLY);
-    ::dup2(null, STDOUT_FILENO);
-    ::dup2(null, STDERR_FILENO);
-    const std::string listen = "127.0.0.1:" + std::to_string(port);
-    ::execl(program.c_str(), program.c_str(), "--listen", listen.c_str(), "--key", kKey, "--db",
-            database.c_str(), "--push-interval-time", "1000", "--push-interval-number", "20",
-            "--max-body", maxBody.c_str(), "--quiet", static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  for (int i = 0; i < 500 && !listening(port); ++i) std::this_thread::sleep_for(milliseconds(10));
-  return pid;
-}
-
-void stop(pid_t pid) {
-  if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
-}
 
 // What a host's delivery handler was told, on its main queue.
 struct Told {
@@ -118,45 +49,22 @@ void onBatch(QXLogBatchOutcome outcome, size_t records, const char* reason, void
   }
 }
 
-void serve(milliseconds span) {
-  for (auto end = Clock::now() + span; Clock::now() < end;) {
-    QXLogMainQueueDrain();
-    std::this_thread::sleep_for(milliseconds(2));
-  }
-}
-
 // At least once, batch size from the collector's settings answer.
-void configure(const fs::path& documents, int port, const char* key) {
-  const std::string server = "http://127.0.0.1:" + std::to_string(port);
+void configure(const fs::path& documents, const std::string& server, const char* key) {
   QXLogSetDocumentsDirectory(documents.c_str());
-  QXLogSetConsoleHandler([](const char*, void*) {}, nullptr);
   QXLogSetDeliveryHandler(onBatch, nullptr);
-  QXLogSetDelivery(QXLogDeliveryAtLeastOnce);
-  QXLogFormatSetString("uid", "fault-check");
-  QXLogFormatSetString("idfa", "fault-host");
-  QXLogFormatSetString("logEncryptionKey", key);
-  QXLogFormatSetString("pushUrl", (server + "/settings").c_str());
-  QXLogFormatSetString("pushLogUrl", (server + "/log").c_str());
-  QXLogFormatSetString("pushDiagnosisUrl", (server + "/diagnosis").c_str());
-  QXLogCenterGetLogServerInfo();
-  QXLogMessageFormat& format = QXLogCenter::center().format();
-  for (auto end = Clock::now() + std::chrono::seconds(5);
-       Clock::now() < end && format.limitLogCount() <= 1;) {
-    serve(milliseconds(10));
-  }
-  logEnvReady(true);
+  configureHost(server, key, QXLogDeliveryAtLeastOnce, "fault-check");
 }
 
-// Writes `text` to `fd` and exits with `status`.
-[[noreturn]] void finish(int fd, const std::string& text, int status) {
-  if (::write(fd, text.data(), text.size()) < 0) status = 1;
-  ::_exit(status);
+// Writes `text` to `fd`: the host's exit status.
+int finish(int fd, const std::string& text) {
+  return ::write(fd, text.data(), text.size()) < 0 ? 1 : 0;
 }
 
 // The poison host: writes "MILLISECONDS REASON", the time from the poison
 // record's report to the flush's end and why the record was dropped.
-[[noreturn]] void poisonHost(const fs::path& documents, int port, std::size_t bytes, int out) {
-  configure(documents, port, kKey);
+int poisonHost(const fs::path& documents, const std::string& server, std::size_t bytes, int out) {
+  configure(documents, server, kKey);
   std::string poison(bytes, 'p');
   std::minstd_rand random(7);
   for (char& c : poison) c = static_cast<char>('a' + random() % 26);
@@ -168,14 +76,14 @@ void configure(const fs::path& documents, int port, const char* key) {
   }
   QXLogFlush(30000);
   const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-  serve(milliseconds(100));
-  finish(out, std::to_string(took.count()) + " " + g_told.firstReason, 0);
+  serveMainQueue(milliseconds(100));
+  return finish(out, std::to_string(took.count()) + " " + g_told.firstReason);
 }
 
 // The wrong-key host: reports for `seconds`, flushes, and writes
 // "REPORTED CONFIRMED DROPPED DROPPED_WITHOUT_REASON".
-[[noreturn]] void wrongKeyHost(const fs::path& documents, int port, int seconds, int out) {
-  configure(documents, port, "fedcba9876543210");
+int wrongKeyHost(const fs::path& documents, const std::string& server, int seconds, int out) {
+  configure(documents, server, "fedcba9876543210");
   std::size_t reported = 0;
   const auto start = Clock::now();
   for (auto next = start; next < start + std::chrono::seconds(seconds);
@@ -185,67 +93,29 @@ void configure(const fs::path& documents, int port, const char* key) {
     std::this_thread::sleep_until(next);
   }
   QXLogFlush(30000);
-  serve(milliseconds(200));
+  serveMainQueue(milliseconds(200));
   std::ostringstream text;
   text << reported << ' ' << g_told.confirmed << ' ' << g_told.dropped << ' '
        << g_told.droppedWithoutReason;
-  finish(out, text.str(), 0);
-}
-
-// Forks `host(out)`; returns its pid and the read end of its pipe.
-template <typename Host>
-pid_t forkHost(Host host, int& readEnd) {
-  int ends[2];
-  if (::pipe(ends) != 0) return -1;
-  std::fflush(stdout);
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::close(ends[0]);
-    ::alarm(1200);  // a host that hangs is killed
-    host(ends[1]);
-  }
-  ::close(ends[1]);
-  readEnd = ends[0];
-  return pid;
-}
-
-std::string readAll(int fd) {
-  std::string text;
-  char buffer[256];
-  for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, got);
-  ::close(fd);
-  return text;
-}
-
-int storedNumbered(const fs::path& database) {
-  int stored = 0;
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* query = nullptr;
-    sqlite3_prepare_v2(db,
-                       "SELECT COUNT(DISTINCT json_extract(body, '$.a_1')) FROM records "
-                       "WHERE type = '2' AND json_extract(body, '$.a_1') != 'poison'",
-                       -1, &query, nullptr);
-    if (query != nullptr && sqlite3_step(query) == SQLITE_ROW)
-      stored = sqlite3_column_int(query, 0);
-    sqlite3_finalize(query);
-  }
-  sqlite3_close(db);
-  return stored;
+  return finish(out, text.str());
 }
 
 bool poisonCheck(const std::string& collector, const fs::path& work, const char* name,
                  std::size_t bytes, const std::string& maxBody) {
-  const int port = freePort();
   const fs::path documents = work / name;
-  pid_t server = startCollector(collector, documents.string() + ".db", port, maxBody);
+  Collector server(collector, documents.string() + ".db", 0, {"--max-body", maxBody});
+  server.start();
   fs::create_directories(documents);
   int out = -1;
-  pid_t host = forkHost([&](int fd) { poisonHost(documents, port, bytes, fd); }, out);
+  pid_t host =
+      forkChild(1200, &out, [&](int fd) { return poisonHost(documents, server.url(), bytes, fd); });
   const std::string told = readAll(out);
   ::waitpid(host, nullptr, 0);
-  stop(server);
-  const int stored = storedNumbered(documents.string() + ".db");
+  server.kill();
+  const auto numbers = storedActionNumbers(documents.string() + ".db");
+  const auto stored = std::count_if(numbers.begin(), numbers.end(), [](const auto& entry) {
+    return entry.first >= 1 && entry.first <= kAfterPoison;
+  });
   long long took = -1;
   char reason[64] = "-";
   std::sscanf(told.c_str(), "%lld %63[^\n]", &took, reason);
@@ -253,8 +123,8 @@ bool poisonCheck(const std::string& collector, const fs::path& work, const char*
   std::printf(
       "poison record, %s (collector takes %s bytes): dropped (%s); %d of %d reported "
       "after it arrived, the flush ended after %lld ms (goal: %d of %d within 30 s)%s\n",
-      name, maxBody.c_str(), reason, stored, kAfterPoison, took, kAfterPoison, kAfterPoison,
-      met ? "" : " NOT MET");
+      name, maxBody.c_str(), reason, static_cast<int>(stored), kAfterPoison, took, kAfterPoison,
+      kAfterPoison, met ? "" : " NOT MET");
   return met;
 }
 
@@ -287,12 +157,13 @@ Sample sample(pid_t pid, const fs::path& documents) {
 }
 
 bool wrongKeyCheck(const std::string& collector, const fs::path& work, int seconds) {
-  const int port = freePort();
-  pid_t server = startCollector(collector, work / "wrong-key.db", port, "8388608");
+  Collector server(collector, (work / "wrong-key.db").string(), 0, {"--max-body", "8388608"});
+  server.start();
   const fs::path documents = work / "wrong-key";
   fs::create_directories(documents);
   int out = -1;
-  pid_t host = forkHost([&](int fd) { wrongKeyHost(documents, port, seconds, fd); }, out);
+  pid_t host = forkChild(
+      1200, &out, [&](int fd) { return wrongKeyHost(documents, server.url(), seconds, fd); });
   std::vector<Sample> samples;
   for (int i = 0; i < seconds; ++i) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -300,7 +171,7 @@ bool wrongKeyCheck(const std::string& collector, const fs::path& work, int secon
   }
   const std::string told = readAll(out);
   ::waitpid(host, nullptr, 0);
-  stop(server);
+  server.kill();
   std::size_t reported = 0, confirmed = 0, dropped = 0, withoutReason = 0;
   std::sscanf(told.c_str(), "%zu %zu %zu %zu", &reported, &confirmed, &dropped, &withoutReason);
   // Each third's peaks, and the CPU share spent within each third.

@@ -25,6 +25,7 @@
 #include "QXLog/QXLog.h"
 #include "QXLog/support/QueueFiles.h"
 #include "collector/http/HttpServer.h"
+#include "tests/reliability/tools/ReliabilityHarness.h"
 
 namespace {
 
@@ -104,26 +105,17 @@ int host(int which, bool journal, int out) {
 }
 
 // Runs one case in a host process of its own and prints its row; false when
-// the upload did not arrive.
+// the upload did not arrive. A host that hangs is killed, and counted as failed.
 bool runCase(int which, bool journal) {
-  int ends[2];
-  if (::pipe(ends) != 0) return false;
-  std::fflush(stdout);
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::close(ends[0]);
-    ::alarm(30);  // a host that hangs is killed, and counted as failed
-    ::_exit(host(which, journal, ends[1]));
-  }
-  ::close(ends[1]);
-  char took[32] = {};
-  ssize_t got = ::read(ends[0], took, sizeof took - 1);
-  ::close(ends[0]);
+  int out = -1;
+  pid_t pid =
+      qxlog::reliability::forkChild(30, &out, [&](int fd) { return host(which, journal, fd); });
+  const std::string took = qxlog::reliability::readAll(out);
   int status = 0;
   rusage usage{};
   ::wait4(pid, &status, 0, &usage);
   const bool delivered = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  std::printf("%-26s %9s %12.1f %s\n", kCases[which], got > 0 ? took : "-",
+  std::printf("%-26s %9s %12.1f %s\n", kCases[which], took.empty() ? "-" : took.c_str(),
               static_cast<double>(usage.ru_maxrss) / 1024.0, delivered ? "yes" : "NO");
   return delivered;
 }
