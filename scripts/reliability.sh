@@ -35,7 +35,7 @@ fi
 fuzz_seconds="${QXLOG_FUZZ_SECONDS:-$fuzz_seconds}"
 
 scripts/install-deps.sh >&2
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQXLOG_BUILD_BENCH=ON >/dev/null
 cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target qxlog_tests \
   qxlog_delivery_check qxlog_delivery_host qxlog-collector qxlog-decode qxlog_hostile_file_check qxlog_fault_check >&2
 
@@ -59,17 +59,17 @@ diagnoses=$(grep -o 'diagnoses outage:.*' <<<"$faults_log" || echo "diagnoses ou
 restarted=$(grep -o 'diagnoses across a restart:.*' <<<"$faults_log" ||
   echo "diagnoses across a restart: did not run")
 
-files_table=$(build/tests/qxlog_hostile_file_check) || status=1
+files_table=$(build/bench/reliability/qxlog_hostile_file_check) || status=1
 
-refused_table=$(build/tests/qxlog_fault_check build/collector/qxlog-collector \
+refused_table=$(build/bench/reliability/qxlog_fault_check build/collector/qxlog-collector \
   "${QXLOG_WRONG_KEY_SECONDS:-$wrong_key_seconds}") || status=1
 
 fuzz_table=$(scripts/fuzz.sh "$fuzz_seconds" 2>/dev/null) || status=1
 
 attack_table=$(QXLOG_ATTACK_NO_BUILD=1 scripts/attack.sh) || status=1
 
-delivery_table=$(build/tests/qxlog_delivery_check build/collector/qxlog-collector \
-  build/tests/qxlog_delivery_host "${QXLOG_DELIVERY_RECORDS:-20000}") || status=1
+delivery_table=$(build/bench/reliability/qxlog_delivery_check build/collector/qxlog-collector \
+  build/bench/reliability/qxlog_delivery_host "${QXLOG_DELIVERY_RECORDS:-20000}") || status=1
 
 fleet_table="skipped: PostgreSQL or nginx is not installed"
 fleet_dir=$(mktemp -d)
@@ -81,8 +81,8 @@ sockets = [socket.socket() for _ in range(3)]
 for s in sockets: s.bind(("127.0.0.1", 0))
 print(*[s.getsockname()[1] for s in sockets])')
   if scripts/nginx-collectors.sh start "$fleet_dir/nginx" "$port_front" "$port_a" "$port_b"; then
-    fleet_table=$(build/tests/qxlog_delivery_check --fleet build/collector/qxlog-collector \
-      build/tests/qxlog_delivery_host "$(cat "$fleet_dir/pg/uri")" "$port_a" "$port_b" \
+    fleet_table=$(build/bench/reliability/qxlog_delivery_check --fleet build/collector/qxlog-collector \
+      build/bench/reliability/qxlog_delivery_host "$(cat "$fleet_dir/pg/uri")" "$port_a" "$port_b" \
       "$port_front" "${QXLOG_DELIVERY_RECORDS:-20000}") || status=1
   else
     fleet_table="nginx did not start" && status=1

@@ -24,7 +24,7 @@
 #include <random>
 #include <sstream>
 
-#include "tests/reliability/tools/ReliabilityHarness.h"
+#include "bench/reliability/ReliabilityHarness.h"
 
 namespace {
 

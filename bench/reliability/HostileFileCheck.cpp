@@ -25,7 +25,7 @@
 #include "QXLog/QXLog.h"
 #include "QXLog/support/QueueFiles.h"
 #include "collector/http/HttpServer.h"
-#include "tests/reliability/tools/ReliabilityHarness.h"
+#include "bench/reliability/ReliabilityHarness.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // What the reliability programs share: child processes and their pipes, a
 // qxlog-collector on 127.0.0.1, a host configured against it, and the count of
 // numbered actions a collector's SQLite store holds.
-#ifndef QXLOG_TESTS_RELIABILITY_TOOLS_RELIABILITYHARNESS_H_
-#define QXLOG_TESTS_RELIABILITY_TOOLS_RELIABILITYHARNESS_H_
+#ifndef QXLOG_BENCH_RELIABILITY_RELIABILITYHARNESS_H_
+#define QXLOG_BENCH_RELIABILITY_RELIABILITYHARNESS_H_
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -220,4 +220,4 @@ inline Counts tally(const std::set<uint64_t>& reported,
 
 }  // namespace qxlog::reliability
 
-#endif  // QXLOG_TESTS_RELIABILITY_TOOLS_RELIABILITYHARNESS_H_
+#endif  // QXLOG_BENCH_RELIABILITY_RELIABILITYHARNESS_H_

@@ -8,7 +8,7 @@
 //
 //   qxlog_delivery_host DOCUMENTS_DIR SERVER_URL KEY described|at-least-once FIRST COUNT
 #include "tests/reliability/tools/Acknowledge.h"
-#include "tests/reliability/tools/ReliabilityHarness.h"
+#include "bench/reliability/ReliabilityHarness.h"
 
 int main(int argc, char** argv) {
   using namespace qxlog::reliability;

@@ -18,7 +18,7 @@
 // Exits 1 when a record was lost or stored twice.
 #include <cstring>
 
-#include "tests/reliability/tools/ReliabilityHarness.h"
+#include "bench/reliability/ReliabilityHarness.h"
 
 namespace {
 
