@@ -77,10 +77,11 @@ TEST_F(PlayAndDownloadRecordsTest, OnlyHttpAddressesAreRecordedAndDownloadsPlayF
         each<NullableString>({"https://localhost/a", "rtmp://localhost/l", "/var/media/a b.mp4",
                               "Http://localhost/a", "http://unresolvable.invalid/a b", nullopt},
                              header),
-        downloaded ? Strings{"localhost|https://localhost/a", "localhost|rtmp://localhost/l",
-                             "localhost|/var/media/a b.mp4", "localhost|Http://localhost/a",
-                             "localhost|http://unresolvable.invalid/a b", "localhost|"}
-                   : Strings{"127.0.0.1|https://localhost/a", "|", "|", "|", "|", "|"});
+        (downloaded ? Strings{"localhost|https://localhost/a", "localhost|rtmp://localhost/l",
+                              "localhost|/var/media/a b.mp4", "localhost|Http://localhost/a",
+                              "localhost|http://unresolvable.invalid/a b", "localhost|"}
+                    : Strings{"127.0.0.1|https://localhost/a", "|", "|", "|",
+                              "|http://unresolvable.invalid/a%20b", "|"}));
   }
 }
 

@@ -59,9 +59,9 @@ TEST_F(EntriesTest, PlayStartBecomesTheTracedHeaderAndFixedTypesForwardWithTheir
   EXPECT_TRUE(console_->contains("Play-currentPlayHeader:" + header()));
   EXPECT_TRUE(queue().empty());
   EXPECT_TRUE(center().playActionLog().empty());
-  for (auto [entry, type] : {std::pair{recordMoviePlayLog, "1"},
-                             {recordSmallPlayLog, "5"},
-                             {recordChannelPlayLog, "6"}}) {
+  for (auto [entry, type] : {std::pair{&recordMoviePlayLog, "1"},
+                             {&recordSmallPlayLog, "5"},
+                             {&recordChannelPlayLog, "6"}}) {
     entry("m", "/local/file", "src", true, "0");
     const std::string forwarded = header();
     recordPlayLog("m", "/local/file", "src", true, "0", type);
@@ -253,13 +253,13 @@ TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentM
 // without a uid, as a batch is sealed): it may call back into the library,
 // with a call that writes a line of its own, or read the center.
 TEST_F(CInterfaceTest, TheConsoleHandlerMayCallBackIntoTheLibrary) {
-  struct {
+  struct Seen {
     Strings lines;
     std::vector<std::size_t> queued;  // the action queue's size at each line
   } seen;
   QXLogSetConsoleHandler(
       [](const char* line, void* context) {
-        auto* seen = static_cast<decltype(&seen)>(context);
+        auto* seen = static_cast<Seen*>(context);
         seen->lines.push_back(line);
         seen->queued.push_back(QXLogCenter::center().actionLog().size());
         if (seen->lines.size() == 1) QXLogFormatSetString("reenteredName", "x");
