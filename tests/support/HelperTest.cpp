@@ -108,25 +108,27 @@ TEST(Gzip, InflatesAZlibStreamAndNothingThatIsNotAWholeStream) {
   }
 }
 
+// Keys: the first sixteen UTF-8 bytes (a 3-byte character cut after 16), padded with zero bytes;
+// data: whole blocks of PKCS#7 padding, nil as no bytes.
 TEST(DataAes, IsAes128EcbUnderTheFirstSixteenUtf8BytesOfTheKeyPaddedWithZeroBytes) {
   const std::string plain = "records of one batch, records of one batch";
-  const std::string key16 = "0123456789abcdef";
-  const auto base = H::data_AES256(plain, key16);
-  EXPECT_EQ(aesEcb(plain, key16), base);
-  EXPECT_EQ(H::data_AES256(plain, key16 + "g"), base);
-  EXPECT_EQ(H::data_AES256(plain, key16 + std::string(40, 'x')), base);
-  EXPECT_NE(H::data_AES256(plain, "0123456789abcdeF"s), base);
-  EXPECT_EQ(H::data_AES256(plain, "abc"s), aesEcb(plain, "abc"s + std::string(13, '\0')));
-  EXPECT_EQ(H::data_AES256(plain, std::nullopt), aesEcb(plain, std::string(16, '\0')));
-  EXPECT_EQ(H::data_AES256(plain, ""s), aesEcb(plain, std::string(16, '\0')));
-  const std::string chinese = "无运营商无运";  // six 3-byte characters, cut after 16 bytes
-  EXPECT_EQ(H::data_AES256(plain, chinese), aesEcb(plain, chinese.substr(0, 16)));
-  // Whole blocks of PKCS#7 padding, nil as no bytes.
-  for (std::size_t length : {0, 15, 16, 17}) {
-    const std::string bytes(length, 'p');
-    EXPECT_EQ(H::data_AES256(bytes, key16), aesEcb(bytes, key16)) << length;
+  const std::string key16 = "0123456789abcdef", zeros(16, '\0'), chinese = "无运营商无运";
+  for (const auto& [key, bytes] : {std::pair<NullableString, std::string>{key16, key16},
+                                   {key16 + "g", key16},
+                                   {key16 + std::string(40, 'x'), key16},
+                                   {"0123456789abcdeF", "0123456789abcdeF"},
+                                   {"abc", "abc" + zeros.substr(3)},
+                                   {std::nullopt, zeros},
+                                   {"", zeros},
+                                   {chinese, chinese.substr(0, 16)}}) {
+    EXPECT_EQ(H::data_AES256(plain, key), aesEcb(plain, bytes)) << bytes;
   }
-  EXPECT_EQ(H::data_AES256(std::nullopt, key16), aesEcb("", key16));
+  EXPECT_NE(aesEcb(plain, "0123456789abcdeF"), aesEcb(plain, key16));
+  const NullableString data[] = {"", std::string(15, 'p'), std::string(16, 'p'),
+                                 std::string(17, 'p'), std::nullopt};
+  for (const NullableString& bytes : data) {
+    EXPECT_EQ(H::data_AES256(bytes, key16), aesEcb(bytes.value_or(""), key16)) << bytes.has_value();
+  }
 }
 
 class LibraryValuesTest : public testing::LibraryTest {};
@@ -142,11 +144,9 @@ TEST_F(LibraryValuesTest, NilJsonStillYieldsOneEncryptedPaddingBlock) {
 }
 
 TEST(IsEmptyOrNull, OnlyNonEmptyStringsOtherThanTheNullWordsCount) {
-  Dictionary dictionary;
-  dictionary.set("k", Value("v"));
   for (const Value& value :
        {Value(), Value(0), Value(5), Value(2.5), Value(true), Value(Array{Value("x")}),
-        Value(dictionary), Value(""), Value("undefined"), Value("null")}) {
+        Value(testing::strings({{"k", "v"}})), Value(""), Value("undefined"), Value("null")}) {
     EXPECT_TRUE(QXLogHelper::isEmptyOrNull(value));
   }
   for (const char* text : {"NULL", "Null", "Undefined", " ", "0", " null", "null ", "x"}) {
