@@ -117,70 +117,65 @@ TEST(MainQueueDescriptorTest, IsReadableExactlyWhenATaskIsDueAndDrainRearmsIt) {
   EXPECT_EQ(queue.pending(), 1u);
 }
 
-std::vector<uint64_t> g_delays;
-std::vector<std::pair<void (*)(void*), void*>> g_posted;
+// What the host's scheduler was handed: each task with its delay.
+struct Posted {
+  std::vector<uint64_t> delays;
+  std::vector<std::pair<void (*)(void*), void*>> tasks;
+};
 void hostPost(void (*task)(void*), void* taskContext, uint64_t delayNanos, void* context) {
-  ++*static_cast<int*>(context);
-  g_delays.push_back(delayNanos);
-  g_posted.emplace_back(task, taskContext);
+  static_cast<Posted*>(context)->delays.push_back(delayNanos);
+  static_cast<Posted*>(context)->tasks.emplace_back(task, taskContext);
 }
 
 class EventLoopTest : public testing::LibraryTest {};
 
 TEST_F(EventLoopTest, TheHostsSchedulerRunsDeferredReportsWhenItSays) {
-  int posts = 0;
-  QXLogSetMainQueueExecutor(hostPost, &posts);
+  Posted posted;
+  QXLogSetMainQueueExecutor(hostPost, &posted);
   QXLogCenter::center().format().setLimitLogCount(100);
   recordActionLog("deferred", "");  // not ready: retried in 5 s on the main queue
-  ASSERT_EQ(posts, 1);
-  EXPECT_EQ(g_delays[0], 5000000000u);
+  ASSERT_EQ(posted.delays, std::vector<uint64_t>{5000000000u});
   logEnvReady(true);
-  g_posted[0].first(g_posted[0].second);
+  posted.tasks[0].first(posted.tasks[0].second);
   EXPECT_EQ(testing::items(QXLogCenter::center().actionLog()),
             std::vector<std::string>{"deferred"});
   QXLogSetMainQueueExecutor(nullptr, nullptr);
   logEnvReady(false);
   recordActionLog("later", "");
-  EXPECT_EQ(posts, 1);  // back on the built-in queue
+  EXPECT_EQ(posted.tasks.size(), 1u);  // back on the built-in queue
 }
 
+// A process's trace lines with and without the variable: ToolsTest.
 TEST(ConsoleRoutingTest, EnvironmentChoosesStderrSyslogOrNothing) {
   EXPECT_EQ(platform::consoleDestinationFromEnvironment(nullptr), ConsoleDestination::kStderr);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("bogus"), ConsoleDestination::kStderr);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("syslog"), ConsoleDestination::kSyslog);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("off"), ConsoleDestination::kOff);
-  // A process's trace lines with and without the variable: ToolsTest.
 }
 
 // The bounded read: the outcome by what lies at the path, the bound exact to
 // the byte, and a file that holds more than its size says (as /proc files do)
 // still stops one byte past the bound.
 TEST(RegularFileReadTest, OutcomeByWhatLiesAtThePathAndTheBoundExactToTheByte) {
-  using Outcome = RegularFileRead::Outcome;
   char pattern[] = "/tmp/qxlog-read-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
   const std::string dir = pattern, file = dir + "/five", link = dir + "/link";
   std::ofstream(file) << "12345";
   std::filesystem::create_symlink(file, link);
   PosixFileSystem files({});
-  struct Row {
-    std::string path;
-    std::size_t bound;
-    Outcome outcome;
-    std::string contents;
-  };
-  for (const Row& row : std::vector<Row>{{file, 5, Outcome::kRead, "12345"},
-                                         {link, 5, Outcome::kRead, "12345"},
-                                         {file, 4, Outcome::kTooLarge, ""},
-                                         {dir + "/none", 5, Outcome::kMissing, ""},
-                                         {file + "/below", 5, Outcome::kMissing, ""},
-                                         {dir, 5, Outcome::kNotRegular, ""},
-                                         {"/dev/zero", 5, Outcome::kNotRegular, ""},
-                                         {"/proc/self/status", 10, Outcome::kTooLarge, ""}}) {
-    RegularFileRead got = files.readRegularFile(row.path, row.bound);
-    EXPECT_EQ(got.outcome, row.outcome) << row.path;
-    EXPECT_EQ(got.contents, row.contents) << row.path;
+  using enum RegularFileRead::Outcome;
+  const std::string paths[] = {
+      file, link, file, dir + "/none", file + "/below", dir, "/dev/zero", "/proc/self/status"};
+  const std::size_t bounds[] = {5, 5, 4, 5, 5, 5, 5, 10};
+  std::vector<std::pair<RegularFileRead::Outcome, std::string>> got;
+  for (std::size_t i = 0; i < std::size(paths); ++i) {
+    RegularFileRead read = files.readRegularFile(paths[i], bounds[i]);
+    got.emplace_back(read.outcome, read.contents);
   }
+  const decltype(got) expected{{kRead, "12345"},  {kRead, "12345"}, {kTooLarge, ""},
+                               {kMissing, ""},    {kMissing, ""},   {kNotRegular, ""},
+                               {kNotRegular, ""}, {kTooLarge, ""}};
+  EXPECT_EQ(got, expected);
   EXPECT_GT(files.read("/proc/self/status").value_or("").size(), 10u);
   std::filesystem::remove_all(dir);
 }
