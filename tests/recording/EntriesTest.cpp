@@ -1,7 +1,5 @@
-// The exported functions: from the host's call, through the gate, to the
-// record in its queue; and the C interface's own values (the host dictionary,
-// the version, the format's named strings). The C11 build against the public
-// header is the example C host, which ToolsTest runs.
+// The exported functions, from the host's call through the gate to the queued record, and the
+// C interface's own values (host dictionary, version, named strings); the C host: ToolsTest.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -45,8 +43,7 @@ TEST_F(EntriesTest, LaunchWithoutPushIdEqualsAnEmptyPushId) {
   EXPECT_EQ(field(records[2], "a_1") + field(records[2], "a_3"), "warmp-9");
 }
 
-// The first play header is traced and waits, nothing queued; the fixed-type
-// entries are the general one with their type.
+// The header is traced and waits; the fixed-type entries are the general one with their type.
 TEST_F(EntriesTest, PlayStartBecomesTheTracedHeaderAndFixedTypesForwardWithTheirType) {
   auto expected = [](const std::string& type, const char* host, const std::string& rest) {
     return "{\"a_t\":\"" + type + "\",\"a_1\":\"" + host + "\",\"a_3\":\"" +
@@ -91,8 +88,7 @@ TEST_F(EntriesTest, PlayActionsAreQueuedAndFoldedUnderThePreviousHeaderByTheNext
   EXPECT_EQ(field(*center().currentPlayHeader(), "a_7"), "m2");
 }
 
-// The play-action offset, not 12000; the repeat was filtered, yet its empty
-// record is traced and queued.
+// The play-action offset, not 12000; the filtered repeat's empty record is traced and queued.
 TEST_F(EntriesTest, TrailerSharesThePlayActionRecordAndFilter) {
   recordPlayTrailerLog("5", "buffering", "A", "B", "1", "2", "12");
   recordPlayActionLog("5", "buffering", "A", "B", "1", "2", "12");
@@ -184,10 +180,10 @@ TEST_F(GateTest, ReadyRunsAtOnceNotReadyAgainDefersAndTicksKeepTheirOrder) {
 TEST_F(GateTest, ReportsWithoutTheirKeyAreDroppedBeforeTheGate) {
   for (bool ready : {false, true}) {
     logEnvReady(ready);
-    recordNetworkLog(nullptr, 5, "e");
-    recordNetworkLog("", 5, "e");
-    recordDownLog("m1", nullptr, "name", "10", "/p", "1");
-    recordDownLog("m1", "", "name", "10", "/p", "1");
+    for (const char* key : {static_cast<const char*>(nullptr), ""}) {
+      recordNetworkLog(key, 5, "e");
+      recordDownLog("m1", key, "name", "10", "/p", "1");
+    }
     EXPECT_EQ(dispatcher_->pending(), 0u);
     EXPECT_TRUE(queue().empty());
   }
@@ -233,12 +229,8 @@ TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentM
   EXPECT_EQ(QXLogVersionNumber, 1.0);
   EXPECT_STREQ(reinterpret_cast<const char*>(QXLogVersionString),
                "@(#)PROGRAM:QXLog  PROJECT:Pods-1\n");
-  for (auto [name, value] : {std::pair{"pushLogUrl", "http://127.0.0.1:1/log"},
-                             {"pushlogurl", "x"},
-                             {"pushlogurl", "y"},
-                             {"uidd", "z"}}) {
-    QXLogFormatSetString(name, value);
-  }
+  QXLogFormatSetString("pushLogUrl", "http://127.0.0.1:1/log");
+  for (const char* name : {"pushlogurl", "pushlogurl", "uidd"}) QXLogFormatSetString(name, "x");
   EXPECT_EQ(console_->lines(), (Strings{"QXLog: unknown property \"pushlogurl\" ignored",
                                         "QXLog: unknown property \"uidd\" ignored"}));
   EXPECT_EQ(taken(QXLogFormatCopyString("pushLogUrl")), "http://127.0.0.1:1/log");
@@ -248,10 +240,8 @@ TEST_F(CInterfaceTest, VersionNamedStringsEachUnknownNameSaidOnceAndDevelopmentM
   EXPECT_EQ(format().limitLogCount(), 2);
 }
 
-// The console handler runs with no lock of the library held, even for a line
-// written under the center's lock (the common header's trace for a user
-// without a uid, as a batch is sealed): it may call back into the library,
-// with a call that writes a line of its own, or read the center.
+// The handler runs with no lock held, even for a line written under the center's lock (the
+// header's trace as a batch is sealed): it may call back in, writing a line itself, or read.
 TEST_F(CInterfaceTest, TheConsoleHandlerMayCallBackIntoTheLibrary) {
   struct Seen {
     Strings lines;
