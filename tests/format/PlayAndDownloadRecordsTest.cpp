@@ -1,5 +1,4 @@
-// Play header, play-action, trailer and download records, and the query
-// percent-encoding the download record uses.
+// Play header, play-action, trailer and download records, and the download's query encoding.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -85,8 +84,7 @@ TEST_F(PlayAndDownloadRecordsTest, OnlyHttpAddressesAreRecordedAndDownloadsPlayF
   }
 }
 
-// Keys and values, the server clock and the trace, of a play action and a
-// trailer; nil arguments become empty and trace as null.
+// Play action and trailer: keys, server clock and trace; nil becomes empty and traces as null.
 TEST_F(PlayAndDownloadRecordsTest, PlayActionAndTrailerRecordsAndTraces) {
   format().setCurrent_time(Value("9000"));
   format().setServerInfoUpdateTime(1700000000000.0 - 500.0);
@@ -118,9 +116,8 @@ TEST_F(PlayAndDownloadRecordsTest, PlayTimeIsOffsetBy2000AndFlooredAtZero) {
       (Strings{"3000", "2000", "2000", "2000", "1500", "0", "2042", "-9223372036854773809"}));
 }
 
-// A buffering report (type 5) that repeats the remembered start time is
-// dropped, untraced. Every other type is kept but moves the remembered start
-// on; nil never matches and is remembered; an empty start is a value.
+// Buffering (5) repeating the remembered start is dropped, untraced; other types are kept and
+// move it on; nil never matches and is remembered; an empty start is a value.
 TEST_F(PlayAndDownloadRecordsTest, RepeatedBufferingIsFilteredOut) {
   const struct {
     NullableString type, start;
@@ -152,8 +149,7 @@ TEST_F(PlayAndDownloadRecordsTest, TrailerTotalIsSecondsTimesThousandIn32Bits) {
       (Strings{"12000", "1000", "0", "0", "0", "0", "2147483000", "-2147483296", "704", "-1000"}));
 }
 
-// Query characters stay; the rest, multi-byte characters byte by byte, is
-// encoded in upper-case hex.
+// Query characters stay; the rest is encoded byte by byte in upper-case hex.
 TEST(QueryEncoding, KeepsTheQueryCharactersAndEncodesEverythingElse) {
   const std::string kept = "abcxyzABCXYZ0189-._~!$&'()*+,;=:/?@";
   EXPECT_EQ(each<std::string>({kept, "a b", "100%#frag", "[x]\"<>\\^`{|}", "\xC3\xA9\xE4\xB8\xAD",
@@ -178,9 +174,8 @@ TEST_F(PlayAndDownloadRecordsTest, RecordHasNoA2RepeatsTheSendTimeAndFollowsTheS
             "100000|105000|2048.00");
 }
 
-// A unit already written stays, and only a capital M counts as one; the rate
-// reads the leading number, rounded to two places first ("0.004" would give
-// 0.82; "2.005" is a float just above it: 2.01).
+// A written unit (only a capital M) stays; the rate reads the leading number rounded to two
+// places first ("0.004" unrounded: 0.82; "2.005" as a float is just above: 2.01).
 TEST_F(PlayAndDownloadRecordsTest, AmountAndAverageRate) {
   center().saveActionStartTime("item");
   clock_->advance(milliseconds(5000));

@@ -12,13 +12,10 @@
 namespace qxlog::format {
 namespace {
 
-// Events, each a letter and a time: 'R' the player runs (the first time, the
-// first frame), 'S' it stops, 'B' / 'b' buffering begins / ends, 'K' / 'k' a
-// seek begins / ends, 'H' / 'L' a rendition of 480 lines at 600 kb/s / of 240
-// lines at 300 kb/s.
+// Events, a letter and a time: 'R' runs (the first: first frame), 'S' stops, 'B'/'b' buffering,
+// 'K'/'k' a seek, begins/ends; 'H'/'L' a rendition of 480 lines, 600 kb/s / 240 lines, 300 kb/s.
 TEST(PlayMeasuresTest, SummariesOfTimelines) {
-  // startup, rebuffers, rebuffer ms, seeks, seek average, played, exit before
-  // start, switches, average bitrate, top height
+  // startup, rebuffers and ms, seeks, average, played, exit before start, switches, bitrate, top
   using Summary =
       std::tuple<int64_t, int64_t, int64_t, int64_t, int64_t, int64_t, bool, int64_t, int64_t, int>;
   const std::tuple<const char*, const char*, int64_t, Summary> cases[] = {
@@ -76,8 +73,7 @@ TEST(PlayMeasuresTest, SummariesOfTimelines) {
   }
 }
 
-// States as a player tells them, one every 100 ms, by the letters above ('S'
-// paused), and the operations ("p_2") they become.
+// States told every 100 ms, by the letters above ('S' paused), and the operations they become.
 TEST(PlayTimelineTest, StatesBecomeActions) {
   const std::tuple<const char*, const char*, const char*> cases[] = {
       {"startup, then the end", "SBR", "172"},

@@ -1,5 +1,4 @@
-// The records the format object builds: the common header, the launch,
-// network and action records, the diagnosis body and the upload envelope.
+// The format object's records: common header, launch, network, action, diagnosis, envelope.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -124,8 +123,7 @@ TEST_F(RecordsTest, ActionRecordCorrectsOnlyTheSendTime) {
             R"("a_3":"1700000000456","a_4":"0","a_5":""})");
 }
 
-// The builder takes the prepare time fourth and the end time fifth; nil
-// context and arguments become empty strings.
+// The prepare time is taken fourth, the end time fifth; nil becomes empty strings.
 TEST_F(RecordsTest, BodyHasSevenKeysWithTheCrossedVersionPairAndTheFullReport) {
   const Dictionary empty =
       format().diagnosisLog(std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
@@ -175,8 +173,7 @@ TEST_F(RecordsTest, EnvelopeHoldsSealedBodyTokenAndPlainBodyInThatOrder) {
   play.set("p", Value(Array{Value(strings({{"p_0", "buffer"}}))}));
   const Array records{Value(strings({{"a_t", "2"}, {"a_0", "tap \"play\""}})), Value(play)};
   const Dictionary envelope = format().combinationLog(&records);
-  // The plain body is what the serialiser makes of {"t", "a"}; the sealed body
-  // opens, with the host's key alone, to the same bytes.
+  // The plain body serialises {"t", "a"}; the sealed one opens, with the key alone, to the same.
   const std::string header = R"({"t":)" + json(format().publicLog());
   const std::string plain = header + R"(,"a":[{"a_t":"2","a_0":"tap \"play\""},)" +
                             R"({"a_t":"1","a_0":"movie-9","p":[{"p_0":"buffer"}]}]})";

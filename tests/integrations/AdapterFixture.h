@@ -1,5 +1,4 @@
-// The player adapters' tests: a generated clip, the tests' log server, and
-// what that server received for one play, decoded.
+// The player adapters' tests: a generated clip, the log server, and what it received, decoded.
 #ifndef QXLOG_TESTS_INTEGRATIONS_ADAPTERFIXTURE_H_
 #define QXLOG_TESTS_INTEGRATIONS_ADAPTERFIXTURE_H_
 

@@ -1,7 +1,5 @@
-// Platform edge cases that no test of the library reaches, and serving the
-// main queue from a host's event loop: the descriptor that is readable
-// exactly when a task is due, the host's own scheduler through the C
-// interface, a GLib host run for real, and the console's routing.
+// Platform edge cases no library test reaches, and the main queue served from a host's loop: the
+// descriptor readable when a task is due, the host's scheduler, a real GLib host, console routing.
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -45,8 +43,7 @@ TEST(TextTest, IntegersSaturateNonFiniteNumbersReadLowerCaseCodePointsEndAtU10FF
 }
 
 TEST(JsonTest, AppendsAfterWhatTheStringHoldsAcrossGrowthSteps) {
-  // Long enough to need several growth steps, with escapes at the end where
-  // the worst-case reserve matters most.
+  // Several growth steps, with escapes at the end where the worst-case reserve matters most.
   const std::string text = std::string(10000, 'x') + "\"\x01";
   std::string out = "prefix:";
   appendJson(out,
@@ -153,9 +150,7 @@ TEST(ConsoleRoutingTest, EnvironmentChoosesStderrSyslogOrNothing) {
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("off"), ConsoleDestination::kOff);
 }
 
-// The bounded read: the outcome by what lies at the path, the bound exact to
-// the byte, and a file that holds more than its size says (as /proc files do)
-// still stops one byte past the bound.
+// The bound is exact to the byte; a file holding more than its size says (/proc) stops past it.
 TEST(RegularFileReadTest, OutcomeByWhatLiesAtThePathAndTheBoundExactToTheByte) {
   char pattern[] = "/tmp/qxlog-read-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
@@ -188,8 +183,7 @@ TEST(GlibHostTest, AGlibLoopServesTheMainQueueThroughItsDescriptorWithoutPolling
   testing::Finished host =
       testing::run(std::string(QXLOG_TEST_GLIB_HOST) + " " + server.url("") + " " + pattern);
   EXPECT_EQ(host.status, 0) << host.output;
-  // Each upload wakes the loop for its answer, and the answer for
-  // the delivery report; a loop that polled would wake far more often.
+  // Each upload wakes the loop for its answer and its delivery report; polling would wake more.
   int confirmed = 0, milliseconds = 0, wakeups = 0;
   std::size_t at = host.output.rfind("\nconfirmed ");
   ASSERT_NE(at, std::string::npos) << host.output;
@@ -198,8 +192,7 @@ TEST(GlibHostTest, AGlibLoopServesTheMainQueueThroughItsDescriptorWithoutPolling
             3);
   EXPECT_EQ(confirmed, 3);
   EXPECT_LE(wakeups, 8);
-  // The first batch is cut off the reporting thread: it holds one record or
-  // all three, depending on how soon its cutting runs.
+  // The first batch, cut off the reporting thread, holds one record or all three.
   EXPECT_GE(server.requestCount(), 1u);
   EXPECT_LE(server.requestCount(), 2u);
   std::filesystem::remove_all(pattern);

@@ -1,6 +1,5 @@
-// The play API against the tests' log server: plays reported at once, with
-// their states interleaved, arrive each under its own header copies and with
-// its own summary, at any batch size and across a restart.
+// The play API against the tests' log server: interleaved plays arrive each under its own header
+// copies and with its own summary, at any batch size and across a restart.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -101,9 +100,8 @@ class PlayApiTest : public UploadTest, public ::testing::WithParamInterface<int6
   std::map<std::string, std::string> movies_;
 };
 
-// A play left by a run that stopped goes out when the next run starts the
-// library, before any play of its own: its actions under its own header, then
-// its report as at its last moment known, marked as ended by the restart.
+// A play left by a stopped run goes out when the next run starts, before any play of its own,
+// under its own header, its report as at its last moment known, ended by the restart.
 TEST_P(PlayApiTest, InterleavedPlaysAndALeftoverAcrossARestartArriveWholeUnderTheirOwnIds) {
   QXLogPlay* film = begin("film-1");
   QXLogPlay* preview = begin("preview-2");
@@ -206,8 +204,7 @@ TEST_P(PlayApiTest, PlaysOnManyThreadsStayApart) {
   EXPECT_EQ(got.headers, kPlays * 2);  // 122 actions: a part of 100, then the rest
 }
 
-// When the push timer runs out, each open play sends what it has gathered as
-// a part of its own; its end sends the rest.
+// At the push timer each open play sends what it gathered as a part of its own; its end the rest.
 TEST_P(PlayApiTest, ThePushTimerSendsEachOpenPlaysPartUnderItsOwnHeader) {
   format().setLimitLogCount(20);
   QXLogPlay* film = begin("film-8");
@@ -223,8 +220,7 @@ TEST_P(PlayApiTest, ThePushTimerSendsEachOpenPlaysPartUnderItsOwnHeader) {
   EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "3"}));
   EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7"}));
   EXPECT_EQ(got.headers, 2);
-  // Still open: its file holds no action now, and its report ends it at the
-  // timer, after its last action (the pause, 400 ms in).
+  // Still open: its file holds no action now; its report ends at the timer, after the pause.
   auto left =
       format::recoveredPlay(*files_->read(documentsPath("QXLogPlay-" + filmId + ".plist")), filmId);
   ASSERT_TRUE(left && left->report);

@@ -1,5 +1,4 @@
-// The helpers beneath the records: digests, gzip, the cipher, the sealed
-// body, and the facts of the device (addresses, disk, the day token).
+// The helpers beneath the records: digests, gzip, cipher, sealed body, device facts, day token.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <unistd.h>
@@ -77,8 +76,7 @@ TEST(Gzip, WritesOneStreamThatRoundTripsWhateverItsSize) {
   EXPECT_EQ(compressed->substr(0, 3), "\x1f\x8b\x08"s);  // gzip, deflate
   EXPECT_EQ(gunzip(*compressed).value, "{\"t\":{}}"s);
 
-  // Random bytes do not compress: the output needs several 16384-byte steps;
-  // output of exactly one buffer's size must still finish the stream.
+  // Noise needs several 16384-byte output steps; output of exactly one step still ends the stream.
   const std::string noise = randomBytes(70000, 7);
   const auto large = H::gzipDeflate(noise);
   EXPECT_GT(large->size(), 4 * 16384u);
@@ -134,8 +132,7 @@ TEST(DataAes, IsAes128EcbUnderTheFirstSixteenUtf8BytesOfTheKeyPaddedWithZeroByte
 class LibraryValuesTest : public testing::LibraryTest {};
 
 TEST_F(LibraryValuesTest, NilJsonStillYieldsOneEncryptedPaddingBlock) {
-  // Were serialisation to fail, gzip would pass nil on, and the cipher would
-  // still seal the empty input: a 24-character string, not nil.
+  // Nil JSON passes gzip as nil; the cipher still seals the empty input: 24 characters, not nil.
   const auto sealed = support::sealJson(std::nullopt, "k"s);
   ASSERT_TRUE(sealed);
   EXPECT_EQ(sealed->size(), 24u);
@@ -175,8 +172,7 @@ TEST(LookupHostIPAddressForURL, ResolvesToADottedIPv4AddressOrEmptyText) {
   }
 }
 
-// The device facts come from the environment: the last IPv4 address of
-// "en0", and the total size kept to single precision, said on the console.
+// From the environment: the last IPv4 address of "en0", and the total size as a float, said.
 TEST_F(LibraryValuesTest, TheLastIPv4AddressOfEn0AndTheTotalSizeInSinglePrecision) {
   EXPECT_EQ(QXLogHelper::getIPAddress(), "");
   facts_->setInterfaceAddresses(

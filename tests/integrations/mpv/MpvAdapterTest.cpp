@@ -1,8 +1,5 @@
-// The adapter on a real libmpv core (no video or audio output), reporting to
-// the tests' log server: a generated clip from disk, over an HTTP server that
-// stalls, with a pause, a resume and a seek, an HTTP 404, and a detach before
-// the first frame. What the adapter reports is checked against what the host
-// saw of the same core through its own handle.
+// The adapter on a headless libmpv core: a clip from disk and over a stalling server, a pause, a
+// resume and a seek, a 404, an early detach; checked against what the host saw on its own handle.
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 #include <mpv/client.h>
@@ -51,8 +48,7 @@ class MpvAdapterTest : public AdapterTest {
   // The host's reaction to an event on its handle, with what it saw so far.
   using React = std::function<void(mpv_handle*, const mpv_event&, HostView&)>;
 
-  // Loads `url` in a headless core with the adapter attached and serves the
-  // host's handle until the file ends or `done`; real time, bounded.
+  // Loads `url` with the adapter attached; serves the host's handle until the end or `done`.
   HostView play(
       const std::string& url, React react = {}, std::function<bool()> done = [] { return false; }) {
     mpv_handle* mpv = mpv_create();
