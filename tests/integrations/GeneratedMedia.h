@@ -17,11 +17,8 @@ inline void runPipelineToEnd(const std::string& description, GstClockTime timeou
   GstBus* bus = gst_element_get_bus(pipeline);
   GstMessage* end = gst_bus_timed_pop_filtered(
       bus, timeout, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  EXPECT_NE(end, nullptr) << description;
-  if (end != nullptr) {
-    EXPECT_EQ(GST_MESSAGE_TYPE(end), GST_MESSAGE_EOS) << description;
-    gst_message_unref(end);
-  }
+  EXPECT_TRUE(end != nullptr && GST_MESSAGE_TYPE(end) == GST_MESSAGE_EOS) << description;
+  if (end != nullptr) gst_message_unref(end);
   gst_object_unref(bus);
   gst_element_set_state(pipeline, GST_STATE_NULL);
   gst_object_unref(pipeline);

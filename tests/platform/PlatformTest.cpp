@@ -1,7 +1,5 @@
-// Platform edge cases that no test of the library reaches, and serving the
-// main queue from a host's event loop: the descriptor that is readable
-// exactly when a task is due, the host's own scheduler through the C
-// interface, a GLib host run for real, and the console's routing.
+// Platform edge cases no library test reaches, and the main queue served from a host's loop: the
+// descriptor readable when a task is due, the host's scheduler, a real GLib host, console routing.
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -45,8 +43,7 @@ TEST(TextTest, IntegersSaturateNonFiniteNumbersReadLowerCaseCodePointsEndAtU10FF
 }
 
 TEST(JsonTest, AppendsAfterWhatTheStringHoldsAcrossGrowthSteps) {
-  // Long enough to need several growth steps, with escapes at the end where
-  // the worst-case reserve matters most.
+  // Several growth steps, with escapes at the end where the worst-case reserve matters most.
   const std::string text = std::string(10000, 'x') + "\"\x01";
   std::string out = "prefix:";
   appendJson(out,
@@ -117,70 +114,63 @@ TEST(MainQueueDescriptorTest, IsReadableExactlyWhenATaskIsDueAndDrainRearmsIt) {
   EXPECT_EQ(queue.pending(), 1u);
 }
 
-std::vector<uint64_t> g_delays;
-std::vector<std::pair<void (*)(void*), void*>> g_posted;
+// What the host's scheduler was handed: each task with its delay.
+struct Posted {
+  std::vector<uint64_t> delays;
+  std::vector<std::pair<void (*)(void*), void*>> tasks;
+};
 void hostPost(void (*task)(void*), void* taskContext, uint64_t delayNanos, void* context) {
-  ++*static_cast<int*>(context);
-  g_delays.push_back(delayNanos);
-  g_posted.emplace_back(task, taskContext);
+  static_cast<Posted*>(context)->delays.push_back(delayNanos);
+  static_cast<Posted*>(context)->tasks.emplace_back(task, taskContext);
 }
 
 class EventLoopTest : public testing::LibraryTest {};
 
 TEST_F(EventLoopTest, TheHostsSchedulerRunsDeferredReportsWhenItSays) {
-  int posts = 0;
-  QXLogSetMainQueueExecutor(hostPost, &posts);
+  Posted posted;
+  QXLogSetMainQueueExecutor(hostPost, &posted);
   QXLogCenter::center().format().setLimitLogCount(100);
   recordActionLog("deferred", "");  // not ready: retried in 5 s on the main queue
-  ASSERT_EQ(posts, 1);
-  EXPECT_EQ(g_delays[0], 5000000000u);
+  ASSERT_EQ(posted.delays, std::vector<uint64_t>{5000000000u});
   logEnvReady(true);
-  g_posted[0].first(g_posted[0].second);
+  posted.tasks[0].first(posted.tasks[0].second);
   EXPECT_EQ(testing::items(QXLogCenter::center().actionLog()),
             std::vector<std::string>{"deferred"});
   QXLogSetMainQueueExecutor(nullptr, nullptr);
   logEnvReady(false);
   recordActionLog("later", "");
-  EXPECT_EQ(posts, 1);  // back on the built-in queue
+  EXPECT_EQ(posted.tasks.size(), 1u);  // back on the built-in queue
 }
 
+// A process's trace lines with and without the variable: ToolsTest.
 TEST(ConsoleRoutingTest, EnvironmentChoosesStderrSyslogOrNothing) {
   EXPECT_EQ(platform::consoleDestinationFromEnvironment(nullptr), ConsoleDestination::kStderr);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("bogus"), ConsoleDestination::kStderr);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("syslog"), ConsoleDestination::kSyslog);
   EXPECT_EQ(platform::consoleDestinationFromEnvironment("off"), ConsoleDestination::kOff);
-  // A process's trace lines with and without the variable: ToolsTest.
 }
 
-// The bounded read: the outcome by what lies at the path, the bound exact to
-// the byte, and a file that holds more than its size says (as /proc files do)
-// still stops one byte past the bound.
+// The bound is exact to the byte; a file holding more than its size says (/proc) stops past it.
 TEST(RegularFileReadTest, OutcomeByWhatLiesAtThePathAndTheBoundExactToTheByte) {
-  using Outcome = RegularFileRead::Outcome;
   char pattern[] = "/tmp/qxlog-read-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
   const std::string dir = pattern, file = dir + "/five", link = dir + "/link";
   std::ofstream(file) << "12345";
   std::filesystem::create_symlink(file, link);
   PosixFileSystem files({});
-  struct Row {
-    std::string path;
-    std::size_t bound;
-    Outcome outcome;
-    std::string contents;
-  };
-  for (const Row& row : std::vector<Row>{{file, 5, Outcome::kRead, "12345"},
-                                         {link, 5, Outcome::kRead, "12345"},
-                                         {file, 4, Outcome::kTooLarge, ""},
-                                         {dir + "/none", 5, Outcome::kMissing, ""},
-                                         {file + "/below", 5, Outcome::kMissing, ""},
-                                         {dir, 5, Outcome::kNotRegular, ""},
-                                         {"/dev/zero", 5, Outcome::kNotRegular, ""},
-                                         {"/proc/self/status", 10, Outcome::kTooLarge, ""}}) {
-    RegularFileRead got = files.readRegularFile(row.path, row.bound);
-    EXPECT_EQ(got.outcome, row.outcome) << row.path;
-    EXPECT_EQ(got.contents, row.contents) << row.path;
+  using enum RegularFileRead::Outcome;
+  const std::string paths[] = {
+      file, link, file, dir + "/none", file + "/below", dir, "/dev/zero", "/proc/self/status"};
+  const std::size_t bounds[] = {5, 5, 4, 5, 5, 5, 5, 10};
+  std::vector<std::pair<RegularFileRead::Outcome, std::string>> got;
+  for (std::size_t i = 0; i < std::size(paths); ++i) {
+    RegularFileRead read = files.readRegularFile(paths[i], bounds[i]);
+    got.emplace_back(read.outcome, read.contents);
   }
+  const decltype(got) expected{{kRead, "12345"},  {kRead, "12345"}, {kTooLarge, ""},
+                               {kMissing, ""},    {kMissing, ""},   {kNotRegular, ""},
+                               {kNotRegular, ""}, {kTooLarge, ""}};
+  EXPECT_EQ(got, expected);
   EXPECT_GT(files.read("/proc/self/status").value_or("").size(), 10u);
   std::filesystem::remove_all(dir);
 }
@@ -193,8 +183,7 @@ TEST(GlibHostTest, AGlibLoopServesTheMainQueueThroughItsDescriptorWithoutPolling
   testing::Finished host =
       testing::run(std::string(QXLOG_TEST_GLIB_HOST) + " " + server.url("") + " " + pattern);
   EXPECT_EQ(host.status, 0) << host.output;
-  // Each upload wakes the loop for its answer, and the answer for
-  // the delivery report; a loop that polled would wake far more often.
+  // Each upload wakes the loop for its answer and its delivery report; polling would wake more.
   int confirmed = 0, milliseconds = 0, wakeups = 0;
   std::size_t at = host.output.rfind("\nconfirmed ");
   ASSERT_NE(at, std::string::npos) << host.output;
@@ -203,8 +192,7 @@ TEST(GlibHostTest, AGlibLoopServesTheMainQueueThroughItsDescriptorWithoutPolling
             3);
   EXPECT_EQ(confirmed, 3);
   EXPECT_LE(wakeups, 8);
-  // The first batch is cut off the reporting thread: it holds one record or
-  // all three, depending on how soon its cutting runs.
+  // The first batch, cut off the reporting thread, holds one record or all three.
   EXPECT_GE(server.requestCount(), 1u);
   EXPECT_LE(server.requestCount(), 2u);
   std::filesystem::remove_all(pattern);

@@ -1,6 +1,5 @@
-// The play API against the tests' log server: plays reported at once, with
-// their states interleaved, arrive each under its own header copies and with
-// its own summary, at any batch size and across a restart.
+// The play API against the tests' log server: interleaved plays arrive each under its own header
+// copies and with its own summary, at any batch size and across a restart.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -17,6 +16,25 @@ namespace qxlog::testing {
 namespace {
 
 using Operations = std::vector<std::string>;
+
+// Fields of a record, joined by '|'.
+std::string fields(const Value& record, std::initializer_list<const char*> keys) {
+  std::string joined;
+  for (const char* key : keys) joined += "|" + field(record, key);
+  return joined.substr(1);
+}
+
+// What the log server received, by play id.
+struct Arrived {
+  std::map<std::string, Operations> operations;  // over all of a play's header copies
+  std::map<std::string, Array> actions;
+  std::map<std::string, Dictionary> summaries;  // "play_summary"
+  int headers = 0;
+
+  std::string summary(const std::string& id, std::initializer_list<const char*> keys) const {
+    return fields(Value(summaries.at(id)), keys);
+  }
+};
 
 class PlayApiTest : public UploadTest, public ::testing::WithParamInterface<int64_t> {
  protected:
@@ -35,13 +53,10 @@ class PlayApiTest : public UploadTest, public ::testing::WithParamInterface<int6
   // Time passes, then the host reports; every upload is answered at once.
   void after(int millis) { clock_->advance(std::chrono::milliseconds(millis)); }
   void done() { settle(); }
+  bool fileOf(const std::string& id) {
+    return files_->exists(documentsPath("QXLogPlay-" + id + ".plist"));
+  }
 
-  struct Arrived {
-    std::map<std::string, Operations> operations;  // by play id, over all its header copies
-    std::map<std::string, Array> actions;
-    std::map<std::string, Dictionary> summaries;  // "play_summary" by play id
-    int headers = 0;
-  };
   Arrived arrived() {
     center().submitAllLog();
     settle();
@@ -50,10 +65,9 @@ class PlayApiTest : public UploadTest, public ::testing::WithParamInterface<int6
     for (std::size_t i = 0; i < requests.size(); ++i) {
       if (requests[i].path == "/diagnosis") {
         auto report = collector::decodeLogData(requests[i].param("diagnosis_log"), kTestKey);
-        if (!report) continue;
-        const Value* summary = report.value->asDictionary()->find("play_summary");
-        if (summary == nullptr) continue;
-        got.summaries[field(*summary, "play_id")] = *summary->asDictionary();
+        const Value* summary =
+            report ? report.value->asDictionary()->find("play_summary") : nullptr;
+        if (summary) got.summaries[field(*summary, "play_id")] = *summary->asDictionary();
         continue;
       }
       for (const Value& record : records(i)) {
@@ -86,7 +100,9 @@ class PlayApiTest : public UploadTest, public ::testing::WithParamInterface<int6
   std::map<std::string, std::string> movies_;
 };
 
-TEST_P(PlayApiTest, InterleavedPlaysAndARestartArriveWholeUnderTheirOwnIds) {
+// A play left by a stopped run goes out when the next run starts, before any play of its own,
+// under its own header, its report as at its last moment known, ended by the restart.
+TEST_P(PlayApiTest, InterleavedPlaysAndALeftoverAcrossARestartArriveWholeUnderTheirOwnIds) {
   QXLogPlay* film = begin("film-1");
   QXLogPlay* preview = begin("preview-2");
   const std::string filmId = QXLogPlayId(film), previewId = QXLogPlayId(preview);
@@ -105,51 +121,42 @@ TEST_P(PlayApiTest, InterleavedPlaysAndARestartArriveWholeUnderTheirOwnIds) {
   after(400), QXLogPlayEnd(preview), done();
   after(100), QXLogPlaySetState(film, QXLogPlayerPaused, 2100), done();
 
-  // The process dies in the middle of the film; the next run plays another.
+  // The process dies in the middle of the film; the next run starts.
   recording::discardPlayForTesting(film);
-  EXPECT_TRUE(files_->exists(documentsPath("QXLogPlay-" + filmId + ".plist")));
+  EXPECT_TRUE(fileOf(filmId));
   restartOverTheSameDocuments();
+  logEnvReady(true);
+  Arrived got = arrived();
+  EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "5", "9", "3"}));
+  EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7", "3", "4", "6", "2"}));
+  EXPECT_EQ(got.headers, 2);  // ended plays come whole in one header copy
+  // The film's rebuffering span and its switch, from one height to the other.
+  const Array& filmActions = got.actions.at(filmId);
+  EXPECT_EQ(field(filmActions[2], "p_8"), "2900");  // 900 ms + 2000
+  EXPECT_EQ(fields(filmActions[3], {"from_height", "to_height", "bitrate_bps"}), "240|480|600000");
+  // Played: 600 ms before the stall, 730 ms after it, up to the pause.
+  EXPECT_EQ(got.summary(filmId, {"ended_by_restart", "movie_id", "startup_ms", "rebuffer_count",
+                                 "rebuffer_ms", "played_ms", "rendition_switches", "top_height",
+                                 "exit_before_start", "failed"}),
+            "1|film-1|300|1|900|1330|1|480|0|0");
+  // Played: 700 ms before the pause, 50 ms before the seek, 400 ms after it.
+  EXPECT_EQ(got.summary(previewId, {"ended_by_restart", "movie_id", "video_type", "view_source",
+                                    "url", "startup_ms", "seek_count", "seek_avg_ms", "played_ms"}),
+            "0|preview-2|1|home|file:///media/clip.mp4|400|1|80|1150");
+  EXPECT_EQ(got.summaries.size(), 2u);
+
   QXLogPlay* next = begin("film-3");
   const std::string nextId = QXLogPlayId(next);
   after(200), QXLogPlaySetState(next, QXLogPlayerPlaying, 0), done();
   after(1000), QXLogPlayEnd(next), done();
-
-  const Arrived got = arrived();
-  EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "5", "9", "3"}));
-  EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7", "3", "4", "6", "2"}));
+  got = arrived();
   EXPECT_EQ(got.operations.at(nextId), (Operations{"1", "7", "2"}));
   EXPECT_EQ(got.operations.size(), 3u) << "a header copy without a play id";
-  // Ended plays come whole in one header copy; the film's copy came after the restart.
   EXPECT_EQ(got.headers, 3);
-
-  // The film's rebuffering span and its switch, from one height to the other.
-  const Array& film_actions = got.actions.at(filmId);
-  EXPECT_EQ(field(film_actions[2], "p_8"), "2900");  // 900 ms + 2000
-  EXPECT_EQ(field(film_actions[3], "from_height"), "240");
-  EXPECT_EQ(field(film_actions[3], "to_height"), "480");
-  EXPECT_EQ(field(film_actions[3], "bitrate_bps"), "600000");
-
-  // Summaries: each play's, with its id and movie; the film's ended by the restart.
-  ASSERT_EQ(got.summaries.size(), 3u);
-  EXPECT_EQ(field(got.summaries.at(filmId), "ended_by_restart"), "1");
-  EXPECT_EQ(field(got.summaries.at(previewId), "ended_by_restart"), "0");
-  const Dictionary& previewSummary = got.summaries.at(previewId);
-  EXPECT_EQ(field(previewSummary, "movie_id"), "preview-2");
-  EXPECT_EQ(field(previewSummary, "video_type"), "1");
-  EXPECT_EQ(field(previewSummary, "view_source"), "home");
-  EXPECT_EQ(field(previewSummary, "url"), "file:///media/clip.mp4");
-  EXPECT_EQ(field(previewSummary, "startup_ms"), "400");
-  EXPECT_EQ(field(previewSummary, "seek_count"), "1");
-  EXPECT_EQ(field(previewSummary, "seek_avg_ms"), "80");
-  // Played: 700 ms before the pause, 50 ms before the seek, 400 ms after it.
-  EXPECT_EQ(field(previewSummary, "played_ms"), "1150");
-  EXPECT_EQ(field(got.summaries.at(nextId), "movie_id"), "film-3");
-  EXPECT_EQ(field(got.summaries.at(nextId), "startup_ms"), "200");
-
+  EXPECT_EQ(got.summary(nextId, {"ended_by_restart", "movie_id", "startup_ms"}), "0|film-3|200");
+  EXPECT_EQ(got.summaries.size(), 3u);
   // Nothing is left on disk for another run.
-  for (const std::string& id : {filmId, previewId, nextId}) {
-    EXPECT_FALSE(files_->exists(documentsPath("QXLogPlay-" + id + ".plist"))) << id;
-  }
+  for (const std::string& id : {filmId, previewId, nextId}) EXPECT_FALSE(fileOf(id)) << id;
   EXPECT_FALSE(files_->exists(documentsPath("QXLogPlays.plist")));
 }
 
@@ -163,24 +170,20 @@ TEST_P(PlayApiTest, AFailureAndAnExitBeforeStartAreToldApart) {
   const Arrived got = arrived();
   EXPECT_EQ(got.operations.at(failingId), (Operations{"1", "8"}));
   EXPECT_EQ(got.operations.at(leavingId), (Operations{"1", "2"}));
-  const Dictionary& failed = got.summaries.at(failingId);
-  const Dictionary& left = got.summaries.at(leavingId);
-  EXPECT_EQ(field(failed, "failed") + field(failed, "exit_before_start"), "10");
-  EXPECT_EQ(field(failed, "cause"), "404 Not Found");
-  EXPECT_EQ(field(failed, "startup_ms"), "300");
-  EXPECT_EQ(field(left, "failed") + field(left, "exit_before_start"), "01");
-  EXPECT_EQ(field(left, "cause"), "");
+  const auto keys = {"failed", "exit_before_start", "cause", "startup_ms"};
+  EXPECT_EQ(got.summary(failingId, keys), "1|0|404 Not Found|300");
+  EXPECT_EQ(got.summary(leavingId, {"failed", "exit_before_start", "cause"}), "0|1|");
 }
 
 // Plays on threads of their own at once: each arrives whole, under its id.
 TEST_P(PlayApiTest, PlaysOnManyThreadsStayApart) {
   format().setLimitLogCount(100000);       // submitted together at the end
   constexpr int kPlays = 4, kPauses = 60;  // 2 x 60 actions: the play goes in parts
-  std::vector<std::string> ids(kPlays);
-  std::vector<std::thread> threads;
+  std::vector<std::string> ids;
+  std::vector<std::jthread> threads;
   for (int p = 0; p < kPlays; ++p) {
     QXLogPlay* play = begin(("movie-" + std::to_string(p)).c_str());
-    ids[p] = QXLogPlayId(play);
+    ids.push_back(QXLogPlayId(play));
     threads.emplace_back([play] {
       for (int i = 0; i < kPauses; ++i) {
         QXLogPlaySetState(play, QXLogPlayerPlaying, i * 10);
@@ -189,7 +192,7 @@ TEST_P(PlayApiTest, PlaysOnManyThreadsStayApart) {
       QXLogPlayEnd(play);
     });
   }
-  for (std::thread& thread : threads) thread.join();
+  threads.clear();  // joins them
   const Arrived got = arrived();
   Operations expected{"1", "7", "3"};
   for (int i = 1; i < kPauses; ++i) expected.insert(expected.end(), {"4", "3"});
@@ -201,47 +204,7 @@ TEST_P(PlayApiTest, PlaysOnManyThreadsStayApart) {
   EXPECT_EQ(got.headers, kPlays * 2);  // 122 actions: a part of 100, then the rest
 }
 
-// A play left by a run that stopped goes out when the next run starts the
-// library, before any play of its own: its actions under its own header, then
-// its report as at its last moment known, marked as ended by the restart.
-TEST_P(PlayApiTest, ALeftoverPlayGoesOutWholeWithItsReportAtTheNextStart) {
-  QXLogPlay* film = begin("film-6");
-  QXLogPlay* preview = begin("preview-7");
-  const std::string filmId = QXLogPlayId(film), previewId = QXLogPlayId(preview);
-  after(300), QXLogPlaySetState(film, QXLogPlayerPlaying, 0), done();
-  QXLogPlayRendition(film, 240, 300000), done();
-  after(100), QXLogPlaySetState(preview, QXLogPlayerPlaying, 0), done();
-  after(500), QXLogPlaySetState(film, QXLogPlayerBuffering, 600), done();
-  after(700), QXLogPlaySetState(film, QXLogPlayerPlaying, 600), done();
-  QXLogPlayRendition(film, 480, 600000), done();
-  after(200), QXLogPlaySetState(preview, QXLogPlayerPaused, 1500), done();
-  after(400), QXLogPlaySetState(film, QXLogPlayerPaused, 1200), done();
-  recording::discardPlayForTesting(film);  // the run stops: the film never ends
-  after(100), QXLogPlayEnd(preview), done();
-
-  restartOverTheSameDocuments();
-  logEnvReady(true);
-  const Arrived got = arrived();
-  EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "5", "9", "3"}));
-  EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7", "3", "2"}));
-  EXPECT_EQ(got.headers, 2);
-  const Dictionary& report = got.summaries.at(filmId);
-  EXPECT_EQ(field(report, "ended_by_restart"), "1");
-  EXPECT_EQ(field(report, "movie_id"), "film-6");
-  EXPECT_EQ(field(report, "startup_ms"), "300");
-  EXPECT_EQ(field(report, "rebuffer_count") + "/" + field(report, "rebuffer_ms"), "1/700");
-  // Played: 600 ms before the stall, 600 ms after it, up to the pause.
-  EXPECT_EQ(field(report, "played_ms"), "1200");
-  EXPECT_EQ(field(report, "rendition_switches") + "/" + field(report, "top_height"), "1/480");
-  EXPECT_EQ(field(report, "exit_before_start") + field(report, "failed"), "00");
-  EXPECT_EQ(field(got.summaries.at(previewId), "ended_by_restart"), "0");
-  EXPECT_EQ(got.summaries.size(), 2u);
-  EXPECT_FALSE(files_->exists(documentsPath("QXLogPlay-" + filmId + ".plist")));
-  EXPECT_FALSE(files_->exists(documentsPath("QXLogPlays.plist")));
-}
-
-// When the push timer runs out, each open play sends what it has gathered as
-// a part of its own; its end sends the rest.
+// At the push timer each open play sends what it gathered as a part of its own; its end the rest.
 TEST_P(PlayApiTest, ThePushTimerSendsEachOpenPlaysPartUnderItsOwnHeader) {
   format().setLimitLogCount(20);
   QXLogPlay* film = begin("film-8");
@@ -257,8 +220,7 @@ TEST_P(PlayApiTest, ThePushTimerSendsEachOpenPlaysPartUnderItsOwnHeader) {
   EXPECT_EQ(got.operations.at(filmId), (Operations{"1", "7", "3"}));
   EXPECT_EQ(got.operations.at(previewId), (Operations{"1", "7"}));
   EXPECT_EQ(got.headers, 2);
-  // Still open: its file holds no action now, and its report ends it at the
-  // timer, after its last action (the pause, 400 ms in).
+  // Still open: its file holds no action now; its report ends at the timer, after the pause.
   auto left =
       format::recoveredPlay(*files_->read(documentsPath("QXLogPlay-" + filmId + ".plist")), filmId);
   ASSERT_TRUE(left && left->report);

@@ -1,5 +1,4 @@
-// The helpers beneath the records: digests, gzip, the cipher, the sealed
-// body, and the facts of the device (addresses, disk, the day token).
+// The helpers beneath the records: digests, gzip, cipher, sealed body, device facts, day token.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <unistd.h>
@@ -77,8 +76,7 @@ TEST(Gzip, WritesOneStreamThatRoundTripsWhateverItsSize) {
   EXPECT_EQ(compressed->substr(0, 3), "\x1f\x8b\x08"s);  // gzip, deflate
   EXPECT_EQ(gunzip(*compressed).value, "{\"t\":{}}"s);
 
-  // Random bytes do not compress: the output needs several 16384-byte steps;
-  // output of exactly one buffer's size must still finish the stream.
+  // Noise needs several 16384-byte output steps; output of exactly one step still ends the stream.
   const std::string noise = randomBytes(70000, 7);
   const auto large = H::gzipDeflate(noise);
   EXPECT_GT(large->size(), 4 * 16384u);
@@ -108,32 +106,33 @@ TEST(Gzip, InflatesAZlibStreamAndNothingThatIsNotAWholeStream) {
   }
 }
 
+// Keys: the first sixteen UTF-8 bytes (a 3-byte character cut after 16), padded with zero bytes;
+// data: whole blocks of PKCS#7 padding, nil as no bytes.
 TEST(DataAes, IsAes128EcbUnderTheFirstSixteenUtf8BytesOfTheKeyPaddedWithZeroBytes) {
   const std::string plain = "records of one batch, records of one batch";
-  const std::string key16 = "0123456789abcdef";
-  const auto base = H::data_AES256(plain, key16);
-  EXPECT_EQ(aesEcb(plain, key16), base);
-  EXPECT_EQ(H::data_AES256(plain, key16 + "g"), base);
-  EXPECT_EQ(H::data_AES256(plain, key16 + std::string(40, 'x')), base);
-  EXPECT_NE(H::data_AES256(plain, "0123456789abcdeF"s), base);
-  EXPECT_EQ(H::data_AES256(plain, "abc"s), aesEcb(plain, "abc"s + std::string(13, '\0')));
-  EXPECT_EQ(H::data_AES256(plain, std::nullopt), aesEcb(plain, std::string(16, '\0')));
-  EXPECT_EQ(H::data_AES256(plain, ""s), aesEcb(plain, std::string(16, '\0')));
-  const std::string chinese = "无运营商无运";  // six 3-byte characters, cut after 16 bytes
-  EXPECT_EQ(H::data_AES256(plain, chinese), aesEcb(plain, chinese.substr(0, 16)));
-  // Whole blocks of PKCS#7 padding, nil as no bytes.
-  for (std::size_t length : {0, 15, 16, 17}) {
-    const std::string bytes(length, 'p');
-    EXPECT_EQ(H::data_AES256(bytes, key16), aesEcb(bytes, key16)) << length;
+  const std::string key16 = "0123456789abcdef", zeros(16, '\0'), chinese = "无运营商无运";
+  for (const auto& [key, bytes] : {std::pair<NullableString, std::string>{key16, key16},
+                                   {key16 + "g", key16},
+                                   {key16 + std::string(40, 'x'), key16},
+                                   {"0123456789abcdeF", "0123456789abcdeF"},
+                                   {"abc", "abc" + zeros.substr(3)},
+                                   {std::nullopt, zeros},
+                                   {"", zeros},
+                                   {chinese, chinese.substr(0, 16)}}) {
+    EXPECT_EQ(H::data_AES256(plain, key), aesEcb(plain, bytes)) << bytes;
   }
-  EXPECT_EQ(H::data_AES256(std::nullopt, key16), aesEcb("", key16));
+  EXPECT_NE(aesEcb(plain, "0123456789abcdeF"), aesEcb(plain, key16));
+  const NullableString data[] = {"", std::string(15, 'p'), std::string(16, 'p'),
+                                 std::string(17, 'p'), std::nullopt};
+  for (const NullableString& bytes : data) {
+    EXPECT_EQ(H::data_AES256(bytes, key16), aesEcb(bytes.value_or(""), key16)) << bytes.has_value();
+  }
 }
 
 class LibraryValuesTest : public testing::LibraryTest {};
 
 TEST_F(LibraryValuesTest, NilJsonStillYieldsOneEncryptedPaddingBlock) {
-  // Were serialisation to fail, gzip would pass nil on, and the cipher would
-  // still seal the empty input: a 24-character string, not nil.
+  // Nil JSON passes gzip as nil; the cipher still seals the empty input: 24 characters, not nil.
   const auto sealed = support::sealJson(std::nullopt, "k"s);
   ASSERT_TRUE(sealed);
   EXPECT_EQ(sealed->size(), 24u);
@@ -142,11 +141,9 @@ TEST_F(LibraryValuesTest, NilJsonStillYieldsOneEncryptedPaddingBlock) {
 }
 
 TEST(IsEmptyOrNull, OnlyNonEmptyStringsOtherThanTheNullWordsCount) {
-  Dictionary dictionary;
-  dictionary.set("k", Value("v"));
   for (const Value& value :
        {Value(), Value(0), Value(5), Value(2.5), Value(true), Value(Array{Value("x")}),
-        Value(dictionary), Value(""), Value("undefined"), Value("null")}) {
+        Value(testing::strings({{"k", "v"}})), Value(""), Value("undefined"), Value("null")}) {
     EXPECT_TRUE(QXLogHelper::isEmptyOrNull(value));
   }
   for (const char* text : {"NULL", "Null", "Undefined", " ", "0", " null", "null ", "x"}) {
@@ -175,8 +172,7 @@ TEST(LookupHostIPAddressForURL, ResolvesToADottedIPv4AddressOrEmptyText) {
   }
 }
 
-// The device facts come from the environment: the last IPv4 address of
-// "en0", and the total size kept to single precision, said on the console.
+// From the environment: the last IPv4 address of "en0", and the total size as a float, said.
 TEST_F(LibraryValuesTest, TheLastIPv4AddressOfEn0AndTheTotalSizeInSinglePrecision) {
   EXPECT_EQ(QXLogHelper::getIPAddress(), "");
   facts_->setInterfaceAddresses(
