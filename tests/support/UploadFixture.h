@@ -41,6 +41,12 @@ class UploadTest : public LibraryTest {
   // Action records with the given "a_1".
   void report(std::initializer_list<const char*> items);
   void report(int first, int count);
+  // Reports, settles, and gives the number of requests the server has had.
+  std::size_t reportAndSettle(int first, int count) {
+    report(first, count);
+    settle();
+    return server_->requestCount();
+  }
 
   // The upload body the server received in request `index`, decoded.
   Value body(std::size_t index) const;
