@@ -109,8 +109,7 @@ TEST_F(JournalTest, ASegmentThatIsAFifoOrALinkIsSkippedWithoutBlocking) {
 TEST_F(JournalTest, ASealedBatchIsPostedWithTheSameBytesAfterARestart) {
   format().setPushLogUrl(refusedUrl("/log"));
   format().setLimitLogCount(2);
-  report(0, 2);
-  settle();  // cut, sealed, and its upload failed
+  reportAndSettle(0, 2);  // cut, sealed, and its upload failed
   std::optional<center::SealedBatch> sealed = center::SealedBatch::decode(
       files_->read(documentsPath("QXLogJournal.inflight")).value_or(""));
   ASSERT_TRUE(sealed.has_value());

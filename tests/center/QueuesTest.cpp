@@ -1,11 +1,8 @@
 // The queues in memory and in their files: each store rewrites the file,
 // play records fold under their header, and a restart reads everything back.
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <set>
 
-#include "QXLog/QXLogCenter.h"
 #include "QXLog/QXLogHelper.h"
 #include "QXLog/platform/PosixFileSystem.h"
 #include "QXLog/serial/Json.h"
@@ -145,21 +142,19 @@ TEST_F(QueuesTest, EachFoldCarriesOnlyTheRecordsSinceThePreviousOne) {
 }
 
 TEST_F(QueuesTest, TheBatchSizeDecidesWhenAStoreFolds) {
-  const struct {
-    int64_t limit;
-    bool dev;  // fixes the batch size at two
-    std::size_t pendingAfterOne, pendingAfterTwo;
-  } cases[] = {{1, false, 0, 0}, {-1, false, 1, 2}, {50, true, 1, 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.limit);
+  // The batch size (dev: two, whatever the limit), and the play records pending after each store.
+  for (auto [limit, dev, afterOne, afterTwo] :
+       {std::tuple(1, false, 0u, 0u), std::tuple(-1, false, 1u, 2u),
+        std::tuple(50, true, 1u, 0u)}) {
+    SCOPED_TRACE(limit);
     TearDown();
     SetUp();
-    format().setLimitLogCount(c.limit);
-    format().setIsDev(c.dev);
+    format().setLimitLogCount(limit);
+    format().setIsDev(dev);
     center().setCurrentPlayHeader(strings({{"a_t", "5"}}));
     play("p1");
-    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterOne);
-    if (c.limit == 1) {
+    EXPECT_EQ(center().playActionLog().size(), afterOne);
+    if (limit == 1) {
       // The play record's own store folds; the store of the folded header
       // reaches the batch size again and submits it.
       EXPECT_TRUE(center().actionLog().empty());
@@ -168,7 +163,7 @@ TEST_F(QueuesTest, TheBatchSizeDecidesWhenAStoreFolds) {
                 std::string::npos);
     }
     play("p2");
-    EXPECT_EQ(center().playActionLog().size(), c.pendingAfterTwo);
+    EXPECT_EQ(center().playActionLog().size(), afterTwo);
   }
 }
 
@@ -235,23 +230,22 @@ TEST_F(AtomicReplaceTest, ExchangeAndRenameLeaveTheNewContentsAndNothingElse) {
 
 TEST_F(AtomicReplaceTest, FlushesAreCoalescedIntoOneTaskAtATime) {
   PosixFileSystem files({dispatcher_->globalQueue()});
-  int before = files.flushRounds();
+  const int before = files.flushRounds();
+  auto roundsAfter = [&](std::chrono::nanoseconds by) {
+    dispatcher_->advance(by);
+    return files.flushRounds() - before;
+  };
   for (int i = 0; i < 50; ++i) files.replaceAtomically(documentsPath(i % 2 ? "a" : "b"), "x");
   EXPECT_EQ(dispatcher_->pending(), 1u);  // one flush gathers all fifty
-  dispatcher_->advance(DurableFlush::kGathering - std::chrono::milliseconds(1));
-  EXPECT_EQ(files.flushRounds(), before);
-  dispatcher_->advance(std::chrono::milliseconds(1));
-  EXPECT_EQ(files.flushRounds(), before + 1);
+  EXPECT_EQ(roundsAfter(DurableFlush::kGathering - std::chrono::milliseconds(1)), 0);
+  EXPECT_EQ(roundsAfter(std::chrono::milliseconds(1)), 1);
   EXPECT_EQ(dispatcher_->pending(), 0u);
-
   files.replaceAtomically(documentsPath("a"), "y");  // a new round
-  dispatcher_->advance(DurableFlush::kGathering);
-  EXPECT_EQ(files.flushRounds(), before + 2);
+  EXPECT_EQ(roundsAfter(DurableFlush::kGathering), 2);
   fs::remove(documentsPath("a"));  // a file gone before its flush is fine
   files.replaceAtomically(documentsPath("b"), "z");
   fs::remove(documentsPath("b"));
-  dispatcher_->advance(DurableFlush::kGathering);
-  EXPECT_EQ(files.flushRounds(), before + 3);
+  EXPECT_EQ(roundsAfter(DurableFlush::kGathering), 3);
 }
 
 }  // namespace

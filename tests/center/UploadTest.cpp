@@ -1,8 +1,6 @@
 // Submission and upload against a real log server on 127.0.0.1: when a batch
 // goes out, what a failure repeats and drops, what confirms, and uploads under
 // real concurrency.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <set>
@@ -136,27 +134,25 @@ TEST_F(UploadTest, AFailureIsRepeatedOnceAndThenNotUntilAnUploadCompletes) {
 }
 
 TEST_F(UploadTest, OnlyAJsonAnswerWithTheStringCode200ConfirmsAndRestartsTheTimer) {
-  const struct {
-    ScriptedAnswer answer;
-    std::size_t requests;  // 2: the answer failed, and the repeat was confirmed
-    bool timer;
-  } cases[] = {{{500, "application/json", R"({"operate_code":"200"})"}, 2, true},
-               {{200, "text/plain", R"({"operate_code":"200"})"}, 2, true},
-               {ScriptedAnswer::json("<html>ok</html>"), 2, true},
-               {ScriptedAnswer::json(""), 2, true},
-               {ScriptedAnswer::json(R"({"operate_code":200})"), 1, false},  // completed only
-               {ScriptedAnswer(), 1, true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.answer.body);
+  // The answer, the requests it leads to (2: it failed, and the repeat was
+  // confirmed), and whether the timer was restarted.
+  for (auto [answer, requests, timer] :
+       {std::tuple(ScriptedAnswer{500, "application/json", R"({"operate_code":"200"})"}, 2u, true),
+        std::tuple(ScriptedAnswer{200, "text/plain", R"({"operate_code":"200"})"}, 2u, true),
+        std::tuple(ScriptedAnswer::json("<html>ok</html>"), 2u, true),
+        std::tuple(ScriptedAnswer::json(""), 2u, true),
+        std::tuple(ScriptedAnswer::json(R"({"operate_code":200})"), 1u, false),  // completed only
+        std::tuple(ScriptedAnswer(), 1u, true)}) {
+    SCOPED_TRACE(answer.body);
     TearDown();
     SetUp();
     format().setPush_interval_time(Value("2000"));  // N = 2: a submission 4 s after a restart
-    server_->script(c.answer);
+    server_->script(answer);
     store("x");
     settle();
-    EXPECT_EQ(server_->requestCount(), c.requests);
+    EXPECT_EQ(server_->requestCount(), requests);
     EXPECT_TRUE(center().actionLog().empty());
-    EXPECT_EQ(dispatcher_->pending() > 0, c.timer);
+    EXPECT_EQ(dispatcher_->pending() > 0, timer);
   }
   format().setLimitLogCount(1000);
   store("timed");

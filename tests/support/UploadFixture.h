@@ -47,6 +47,11 @@ class UploadTest : public LibraryTest {
     settle();
     return server_->requestCount();
   }
+  std::size_t reportAndSettle(std::initializer_list<const char*> items) {
+    report(items);
+    settle();
+    return server_->requestCount();
+  }
 
   // The upload body the server received in request `index`, decoded.
   Value body(std::size_t index) const;
