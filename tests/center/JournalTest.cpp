@@ -34,11 +34,12 @@ class JournalTest : public UploadTest {
   std::string segment() const { return files_->read(documentsPath(kSegment)).value_or(""); }
 };
 
+using P = std::size_t;
 struct Damage {
   const char* name;
+  Items left;  // the records that read back
   // Damages the segment's bytes, given where its second and third frames start.
-  void (*apply)(std::string& bytes, std::size_t second, std::size_t third);
-  Items left;
+  void (*apply)(std::string& bytes, P second, P third);
 };
 
 class JournalDamageTest : public JournalTest, public ::testing::WithParamInterface<Damage> {};
@@ -67,29 +68,18 @@ TEST_P(JournalDamageTest, DamageIsSkippedCountedAndCutAndTheRestIsDelivered) {
   EXPECT_EQ(totals(), "C" + std::to_string(expected.size()) + " D0 ");
 }
 
-using Bytes = std::string&;
+using B = std::string&;
 INSTANTIATE_TEST_SUITE_P(
     Damages, JournalDamageTest,
-    ::testing::Values(Damage{"BitFlipInAPayload",
-                             [](Bytes b, std::size_t at, std::size_t) { b[at + 14] ^= 0x10; },
-                             {"0", "2"}},
-                      Damage{"BitFlipInALength",
-                             [](Bytes b, std::size_t at, std::size_t) { b[at + 7] ^= 0x40; },
-                             {"0", "2"}},
-                      Damage{"TornTail",
-                             [](Bytes b, std::size_t, std::size_t) { b.resize(b.size() - 5); },
-                             {"0", "1"}},
-                      Damage{"HeaderOnlyTail",
-                             [](Bytes b, std::size_t, std::size_t at) { b.resize(at + 6); },
-                             {"0", "1"}},
-                      Damage{"GarbageAppended",
-                             [](Bytes b, std::size_t, std::size_t) { b += "QXJ1\xff\xff junk"; },
-                             {"0", "1", "2"}},
-                      Damage{"GarbageBetweenFrames",
-                             [](Bytes b, std::size_t, std::size_t at) {
-                               b.insert(at, "QXJ1QXJ1 not a frame");
-                             },
-                             {"0", "1", "2"}}),
+    ::testing::Values(
+        Damage{"BitFlipInAPayload", {"0", "2"}, [](B b, P at, P) { b[at + 14] ^= 0x10; }},
+        Damage{"BitFlipInALength", {"0", "2"}, [](B b, P at, P) { b[at + 7] ^= 0x40; }},
+        Damage{"TornTail", {"0", "1"}, [](B b, P, P) { b.resize(b.size() - 5); }},
+        Damage{"HeaderOnlyTail", {"0", "1"}, [](B b, P, P at) { b.resize(at + 6); }},
+        Damage{"GarbageAppended", {"0", "1", "2"}, [](B b, P, P) { b += "QXJ1\xff\xff garbage"; }},
+        Damage{"GarbageBetweenFrames",
+               {"0", "1", "2"},
+               [](B b, P, P at) { b.insert(at, "QXJ1QXJ1 not a frame"); }}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(JournalTest, ASegmentThatIsAFifoOrALinkIsSkippedWithoutBlocking) {

@@ -1,5 +1,5 @@
-#include <gtest/gtest.h>
-
+// The settings request and its answer: batch size, server clock and the
+// countdowns that submit what is queued.
 #include "QXLog/QXLogHelper.h"
 #include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
@@ -82,7 +82,7 @@ TEST_F(SettingsTest, AnswersOfOtherShapesGiveTheirIntegerReadings) {
     EXPECT_EQ(format().limitLogCount(), c.limit);
     ASSERT_EQ(logRequests(), c.submitsAtOnce ? 1u : 0u);
     if (c.submitsAtOnce) {
-      EXPECT_EQ(sentItems(1), std::vector<std::string>{"pending"});
+      EXPECT_EQ(sentItems(1), Items{"pending"});
     }
     dispatcher_->advance(std::chrono::hours(24 * 365));
     queue("later");

@@ -50,12 +50,8 @@ void UploadTest::watchDeliveries() {
       });
 }
 
-void UploadTest::report(std::initializer_list<const char*> items) {
-  for (const char* item : items) recordActionLog(item, "");
-}
-
-void UploadTest::report(int first, int count) {
-  for (const std::string& item : numbers(first, count)) recordActionLog(item.c_str(), "");
+void UploadTest::report(const Items& items) {
+  for (const std::string& item : items) recordActionLog(item.c_str(), "");
 }
 
 Value UploadTest::body(std::size_t index) const {
@@ -76,10 +72,6 @@ Array UploadTest::records(std::size_t index) const {
   Value decoded = body(index);
   const Value* a = decoded.isDictionary() ? decoded.asDictionary()->find("a") : nullptr;
   return a != nullptr && a->isArray() ? *a->asArray() : Array();
-}
-
-Items UploadTest::sentItems(std::size_t index) const {
-  return items(records(index));
 }
 
 Items UploadTest::allSentItems() const {

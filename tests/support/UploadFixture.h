@@ -3,7 +3,6 @@
 #ifndef QXLOG_TESTS_SUPPORT_UPLOADFIXTURE_H_
 #define QXLOG_TESTS_SUPPORT_UPLOADFIXTURE_H_
 
-#include <initializer_list>
 #include <memory>
 
 #include "QXLog/QXLogCenter.h"
@@ -38,19 +37,16 @@ class UploadTest : public LibraryTest {
   void restartAtLeastOnce();
   // Collects the delivery handler's reports in reports_, from empty.
   void watchDeliveries();
-  // Action records with the given "a_1".
-  void report(std::initializer_list<const char*> items);
-  void report(int first, int count);
-  // Reports, settles, and gives the number of requests the server has had.
-  std::size_t reportAndSettle(int first, int count) {
-    report(first, count);
-    settle();
-    return server_->requestCount();
-  }
-  std::size_t reportAndSettle(std::initializer_list<const char*> items) {
+  // Action records with the given "a_1"; with a settle after them, the server's request count.
+  void report(const Items& items);
+  void report(int first, int count) { report(numbers(first, count)); }
+  std::size_t reportAndSettle(const Items& items) {
     report(items);
     settle();
     return server_->requestCount();
+  }
+  std::size_t reportAndSettle(int first, int count) {
+    return reportAndSettle(numbers(first, count));
   }
 
   // The upload body the server received in request `index`, decoded.
@@ -58,7 +54,7 @@ class UploadTest : public LibraryTest {
   // The records of request `index`.
   Array records(std::size_t index) const;
   // The "a_1" of each record of request `index`, and of every request.
-  Items sentItems(std::size_t index) const;
+  Items sentItems(std::size_t index) const { return items(records(index)); }
   Items allSentItems() const;
   // Each report as "C2 D1 " (confirmed, repeated, dropped; records).
   std::string outcomes() const;
