@@ -16,7 +16,7 @@
 namespace qxlog::testing {
 namespace {
 
-using Outcome = QXLogCenter::BatchOutcome;
+namespace fs = std::filesystem;
 const std::string kSegment = "QXLogJournal.0000000001";
 
 class JournalTest : public UploadTest {
@@ -27,116 +27,81 @@ class JournalTest : public UploadTest {
     restartAtLeastOnce();
   }
   void restartAtLeastOnce() {
-    restart();
-    format().setPushLogUrl(server_->url("/log"));
-    format().setLogEncryptionKey(kTestKey);
+    UploadTest::restartAtLeastOnce();
     format().setLimitLogCount(100);
-    dropped_ = 0;
-    center().setDeliveryHandler([this](Outcome outcome, std::size_t records, const std::string&) {
-      if (outcome == Outcome::kDropped) dropped_ += records;
-    });
-    center().setDelivery(QXLogCenter::Delivery::kAtLeastOnce);
   }
-  void report(int first, int count) {
-    for (int i = first; i < first + count; ++i) recordActionLog(std::to_string(i).c_str(), "");
-  }
-  std::string segmentBytes() const {
-    std::ifstream in(documentsPath(kSegment), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  void setSegmentBytes(const std::string& bytes) const {
-    std::ofstream(documentsPath(kSegment), std::ios::binary | std::ios::trunc) << bytes;
-  }
-  // The offset where frame `index` of the segment starts.
-  std::size_t frameStart(int index) const {
-    std::string bytes = segmentBytes();
-    std::size_t at = 0;
-    for (int i = 0; i < index; ++i) at = bytes.find("QXJ1", at + 1);
-    return at;
-  }
-
-  std::size_t dropped_ = 0;
+  Items queued() { return items(center().actionLog()); }
+  std::string segment() const { return files_->read(documentsPath(kSegment)).value_or(""); }
 };
 
+using P = std::size_t;
 struct Damage {
   const char* name;
-  void (*apply)(std::string& bytes, std::size_t second, std::size_t third);
-  std::vector<std::string> left;
+  Items left;  // the records that read back
+  // Damages the segment's bytes, given where its second and third frames start.
+  void (*apply)(std::string& bytes, P second, P third);
 };
 
 class JournalDamageTest : public JournalTest, public ::testing::WithParamInterface<Damage> {};
 
 TEST_P(JournalDamageTest, DamageIsSkippedCountedAndCutAndTheRestIsDelivered) {
   report(0, 3);
-  std::string bytes = segmentBytes();
-  GetParam().apply(bytes, frameStart(1), frameStart(2));
-  setSegmentBytes(bytes);
+  std::string bytes = segment();
+  std::size_t second = bytes.find("QXJ1", 1), third = bytes.find("QXJ1", second + 1);
+  GetParam().apply(bytes, second, third);
+  std::ofstream(documentsPath(kSegment), std::ios::binary | std::ios::trunc) << bytes;
 
   restartAtLeastOnce();
-  EXPECT_EQ(items(center().actionLog()), GetParam().left);
+  EXPECT_EQ(queued(), GetParam().left);
   settle();
-  EXPECT_EQ(dropped_, 1u);
+  EXPECT_EQ(totals(), "C0 D1 ");
   EXPECT_EQ(console_->countStartingWith("QXLog: journal"), 1u);
 
   // Appends follow whole frames: a later record reads back, with no new damage.
   report(3, 1);
   restartAtLeastOnce();
-  std::vector<std::string> expected = GetParam().left;
+  Items expected = GetParam().left;
   expected.push_back("3");
-  EXPECT_EQ(items(center().actionLog()), expected);
+  EXPECT_EQ(queued(), expected);
   ASSERT_EQ(center().flush(5000), 0);
   EXPECT_EQ(sentItems(0), expected);
-  EXPECT_EQ(dropped_, 0u);
+  EXPECT_EQ(totals(), "C" + std::to_string(expected.size()) + " D0 ");
 }
 
+using B = std::string&;
 INSTANTIATE_TEST_SUITE_P(
     Damages, JournalDamageTest,
     ::testing::Values(
-        Damage{"BitFlipInAPayload",
-               [](std::string& b, std::size_t second, std::size_t) { b[second + 14] ^= 0x10; },
-               {"0", "2"}},
-        Damage{"BitFlipInALength",
-               [](std::string& b, std::size_t second, std::size_t) { b[second + 7] ^= 0x40; },
-               {"0", "2"}},
-        Damage{"TornTail",
-               [](std::string& b, std::size_t, std::size_t) { b.resize(b.size() - 5); },
-               {"0", "1"}},
-        Damage{"HeaderOnlyTail",
-               [](std::string& b, std::size_t, std::size_t third) { b.resize(third + 6); },
-               {"0", "1"}},
-        Damage{"GarbageAppended",
-               [](std::string& b, std::size_t, std::size_t) { b += "QXJ1\xff\xff garbage"; },
-               {"0", "1", "2"}},
+        Damage{"BitFlipInAPayload", {"0", "2"}, [](B b, P at, P) { b[at + 14] ^= 0x10; }},
+        Damage{"BitFlipInALength", {"0", "2"}, [](B b, P at, P) { b[at + 7] ^= 0x40; }},
+        Damage{"TornTail", {"0", "1"}, [](B b, P, P) { b.resize(b.size() - 5); }},
+        Damage{"HeaderOnlyTail", {"0", "1"}, [](B b, P, P at) { b.resize(at + 6); }},
+        Damage{"GarbageAppended", {"0", "1", "2"}, [](B b, P, P) { b += "QXJ1\xff\xff garbage"; }},
         Damage{"GarbageBetweenFrames",
-               [](std::string& b, std::size_t, std::size_t third) {
-                 b.insert(third, "QXJ1QXJ1 not a frame");
-               },
-               {"0", "1", "2"}}),
+               {"0", "1", "2"},
+               [](B b, P, P at) { b.insert(at, "QXJ1QXJ1 not a frame"); }}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(JournalTest, ASegmentThatIsAFifoOrALinkIsSkippedWithoutBlocking) {
   report(0, 2);
-  std::filesystem::remove(documentsPath(kSegment));
+  fs::remove(documentsPath(kSegment));
   ASSERT_EQ(::mkfifo(documentsPath(kSegment).c_str(), 0644), 0);
-  std::filesystem::create_symlink("/dev/zero", documentsPath("QXLogJournal.0000000002"));
+  fs::create_symlink("/dev/zero", documentsPath("QXLogJournal.0000000002"));
   restartAtLeastOnce();
-  EXPECT_TRUE(center().actionLog().empty());
+  EXPECT_TRUE(queued().empty());
   settle();
-  EXPECT_EQ(dropped_, 2u);
-  // New records go to a segment of their own.
-  report(2, 1);
+  EXPECT_EQ(totals(), "C0 D2 ");
+  report(2, 1);  // to a segment of its own
   restartAtLeastOnce();
-  EXPECT_EQ(items(center().actionLog()), std::vector<std::string>{"2"});
+  EXPECT_EQ(queued(), Items{"2"});
 }
 
 TEST_F(JournalTest, ASealedBatchIsPostedWithTheSameBytesAfterARestart) {
   format().setPushLogUrl(refusedUrl("/log"));
   format().setLimitLogCount(2);
-  report(0, 2);
-  settle();  // cut, sealed, and its upload failed
-  std::ifstream in(documentsPath("QXLogJournal.inflight"), std::ios::binary);
-  std::optional<center::SealedBatch> sealed =
-      center::SealedBatch::decode(std::string(std::istreambuf_iterator<char>(in), {}));
+  reportAndSettle(0, 2);  // cut, sealed, and its upload failed
+  std::optional<center::SealedBatch> sealed = center::SealedBatch::decode(
+      files_->read(documentsPath("QXLogJournal.inflight")).value_or(""));
   ASSERT_TRUE(sealed.has_value());
   EXPECT_EQ(sealed->records, 2u);
 
@@ -144,11 +109,10 @@ TEST_F(JournalTest, ASealedBatchIsPostedWithTheSameBytesAfterARestart) {
   report(2, 1);  // stored after the restart: not part of the sealed batch
   ASSERT_EQ(center().flush(5000), 0);
   ASSERT_EQ(server_->requestCount(), 2u);
-  EXPECT_EQ(server_->requests()[0].param("log_data"), sealed->logData);
-  EXPECT_EQ(server_->requests()[0].param("token"), sealed->token);
-  EXPECT_EQ(sentItems(0), (std::vector<std::string>{"0", "1"}));
-  EXPECT_EQ(sentItems(1), std::vector<std::string>{"2"});
-  EXPECT_FALSE(std::filesystem::exists(documentsPath("QXLogJournal.inflight")));
+  EXPECT_EQ(server_->requests()[0].batch(), std::pair(sealed->logData, sealed->token));
+  EXPECT_EQ(allSentItems(), numbers(0, 3));
+  EXPECT_EQ(sentItems(1), Items{"2"});
+  EXPECT_FALSE(fs::exists(documentsPath("QXLogJournal.inflight")));
 }
 
 TEST_F(JournalTest, PendingRecordsCrossAChangeOfDeliveryOnceEachWay) {
@@ -159,16 +123,15 @@ TEST_F(JournalTest, PendingRecordsCrossAChangeOfDeliveryOnceEachWay) {
   restartAtLeastOnce();
   format().setPushLogUrl(refusedUrl("/log"));
   report(2, 1);
-  EXPECT_EQ(items(center().actionLog()), (std::vector<std::string>{"0", "1", "2"}));
-  EXPECT_FALSE(std::filesystem::exists(documentsPath(kActionFile)));
+  EXPECT_EQ(queued(), numbers(0, 3));
+  EXPECT_FALSE(fs::exists(documentsPath(kActionFile)));
 
   restart();  // described again: the journal's records join the queue file
-  EXPECT_EQ(items(center().actionLog()), (std::vector<std::string>{"0", "1", "2"}));
-  EXPECT_EQ(items(readQueueFile(kActionFile).value_or(Array())),
-            (std::vector<std::string>{"0", "1", "2"}));
+  EXPECT_EQ(queued(), numbers(0, 3));
+  EXPECT_EQ(items(readQueueFile(kActionFile).value_or(Array())), numbers(0, 3));
   EXPECT_FALSE(center::Journal::presentIn(center().env()));
   restartAtLeastOnce();
-  EXPECT_EQ(items(center().actionLog()), (std::vector<std::string>{"0", "1", "2"}));
+  EXPECT_EQ(queued(), numbers(0, 3));
 }
 
 TEST_F(JournalTest, SegmentsRollAndGoOnceEverythingInThemIsSettled) {
@@ -178,14 +141,14 @@ TEST_F(JournalTest, SegmentsRollAndGoOnceEverythingInThemIsSettled) {
     center::Journal journal(center().env(), nullptr);
     for (int i = 0; i < 45; ++i) ASSERT_TRUE(journal.append(big));
     ASSERT_FALSE(journal.append(std::string(center::Journal::kMaxFrameBytes + 1, ' ')));
-    EXPECT_TRUE(std::filesystem::exists(documentsPath("QXLogJournal.0000000002")));
+    EXPECT_TRUE(fs::exists(documentsPath("QXLogJournal.0000000002")));
     // Settling the last record of the first segment removes it.
     while (journal.pending()[second].end.segment == 1) ++second;
     ASSERT_GT(second, 30u);
     journal.settleThrough(journal.pending()[second - 1].end);
     EXPECT_EQ(journal.pending().size(), 45 - second);
   }
-  EXPECT_FALSE(std::filesystem::exists(documentsPath(kSegment)));
+  EXPECT_FALSE(fs::exists(documentsPath(kSegment)));
   center::Journal reopened(center().env(), nullptr);
   EXPECT_EQ(reopened.open(), 0u);
   EXPECT_EQ(reopened.pending().size(), 45 - second);
@@ -203,34 +166,30 @@ TEST_F(JournalTest, FlushSendsBelowTheBatchSizeAndCountsWhatDidNotArrive) {
 
   report(0, 3);
   EXPECT_EQ(center().flush(5000), 0);
-  EXPECT_EQ(sentItems(2), (std::vector<std::string>{"0", "1", "2"}));
+  EXPECT_EQ(sentItems(2), numbers(0, 3));
 
   format().setPushLogUrl(refusedUrl("/log"));
   report(3, 2);
   EXPECT_EQ(QXLogFlush(20), 2);
-  EXPECT_EQ(items(center().actionLog()), (std::vector<std::string>{"3", "4"}));
+  EXPECT_EQ(queued(), numbers(3, 2));
 
   restart();  // described: one submission now
-  format().setPushLogUrl(server_->url("/log"));
-  format().setLogEncryptionKey(kTestKey);
+  pointAtServer();
   format().setLimitLogCount(100);
   report(5, 2);
   EXPECT_EQ(center().flush(5000), 0);
-  EXPECT_EQ(sentItems(3), (std::vector<std::string>{"3", "4", "5", "6"}));
+  EXPECT_EQ(sentItems(3), numbers(3, 4));
 }
 
 TEST_F(JournalTest, SegmentsStayShortWhileRecordsAreSettledAsTheyCome) {
   const std::string record = R"({"a_1":")" + std::string(1000, 'x') + R"("})";
   center::Journal journal(center().env(), nullptr);
-  for (int round = 0; round < 2; ++round) {
-    // Below the short bound the settled segment stays; past it, it goes.
+  // Below the short bound the settled segment stays; past it, it goes.
+  for (bool stays : {true, true, false}) {
     for (int i = 0; i < 100; ++i) ASSERT_TRUE(journal.append(record));
     journal.settleThrough(journal.pending().back().end);
-    EXPECT_TRUE(std::filesystem::exists(documentsPath(kSegment)));
+    EXPECT_EQ(fs::exists(documentsPath(kSegment)), stays);
   }
-  for (int i = 0; i < 100; ++i) ASSERT_TRUE(journal.append(record));
-  journal.settleThrough(journal.pending().back().end);
-  EXPECT_FALSE(std::filesystem::exists(documentsPath(kSegment)));
   ASSERT_TRUE(journal.append(R"({"a_1":"next"})"));
   EXPECT_EQ(journal.pending().back().end.segment, 2u);
   center::Journal reopened(center().env(), nullptr);

@@ -1,5 +1,5 @@
-#include <gtest/gtest.h>
-
+// The settings request and its answer: batch size, server clock and the
+// countdowns that submit what is queued.
 #include "QXLog/QXLogHelper.h"
 #include "tests/support/HostileServer.h"
 #include "tests/support/UploadFixture.h"
@@ -82,7 +82,7 @@ TEST_F(SettingsTest, AnswersOfOtherShapesGiveTheirIntegerReadings) {
     EXPECT_EQ(format().limitLogCount(), c.limit);
     ASSERT_EQ(logRequests(), c.submitsAtOnce ? 1u : 0u);
     if (c.submitsAtOnce) {
-      EXPECT_EQ(sentItems(1), std::vector<std::string>{"pending"});
+      EXPECT_EQ(sentItems(1), Items{"pending"});
     }
     dispatcher_->advance(std::chrono::hours(24 * 365));
     queue("later");
@@ -96,30 +96,19 @@ TEST_F(SettingsTest, AnswersOfOtherShapesGiveTheirIntegerReadings) {
 // included) is no answer for the correction: the send time is the local time.
 TEST_F(SettingsTest, AServerClockBeyondAnyClockLeavesTheSendTimeLocal) {
   clock_->setWallSeconds(1700000000.0);
-  const std::string local = "1700000001500";
-  const struct {
-    std::string currentTime;  // as JSON
-    std::string sendTime;     // 1.5 s after the answer
-  } cases[] = {{R"("50000")", "51500"},
-               {R"("abc")", "1500"},
-               {"0", "1500"},
-               {R"("NaN")", "1500"},
-               {R"("-nan")", "1500"},
-               {R"("1e30")", "1501"},
-               {"9007199254740992", "9007199254742492"},
-               {"-9007199254740992", "-9007199254739492"},
-               {"9007199254740993", local},
-               {"-9223372036854775808", local},
-               {R"("-9223372036854775808")", local},
-               {"9223372036854775807", local},
-               {"9223372036854775808", local},
-               {R"("99999999999999999999")", local},
-               {"1e30", local},
-               {"-1e30", local}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.currentTime);
-    answerSettings(ScriptedAnswer::json(R"({"result":{"current_time":)" + c.currentTime + "}}"));
-    EXPECT_EQ(format().returnsSendTime(1700000001500.0), c.sendTime);
+  // The server's "current_time" as JSON, then the send time 1.5 s after the answer;
+  // the local time when none is given.
+  for (std::string c : {R"("50000" 51500)", R"("abc" 1500)", "0 1500", R"("NaN" 1500)",
+                        R"("-nan" 1500)", R"("1e30" 1501)", "9007199254740992 9007199254742492",
+                        "-9007199254740992 -9007199254739492", "9007199254740993",
+                        "-9223372036854775808", R"("-9223372036854775808")", "9223372036854775807",
+                        "9223372036854775808", R"("99999999999999999999")", "1e30", "-1e30"}) {
+    SCOPED_TRACE(c);
+    const std::size_t space = c.find(' ');
+    answerSettings(
+        ScriptedAnswer::json(R"({"result":{"current_time":)" + c.substr(0, space) + "}}"));
+    EXPECT_EQ(format().returnsSendTime(1700000001500.0),
+              space == std::string::npos ? "1700000001500" : c.substr(space + 1));
   }
   // A local time far from the answer's is left uncorrected too.
   answerSettings(ScriptedAnswer::json(R"({"result":{"current_time":"50000"}})"));

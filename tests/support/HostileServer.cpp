@@ -33,10 +33,6 @@ bool waitFor(int fd, short events, const std::atomic<bool>& stopping) {
 
 }  // namespace
 
-HostileServer::HostileServer(Behaviour behaviour) : behaviour_(behaviour) {
-  listen();
-}
-
 HostileServer::HostileServer(std::string body, std::size_t stallAt)
     : behaviour_(Behaviour::kStallMidBody),
       body_(std::move(body)),
@@ -63,10 +59,6 @@ HostileServer::~HostileServer() {
   stopping_.store(true);
   thread_.join();
   ::close(listener_);
-}
-
-std::string HostileServer::url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
 }
 
 void HostileServer::serve() {
@@ -157,7 +149,13 @@ void HostileServer::answer(int connection) {
     case Behaviour::kClose:
       break;
     case Behaviour::kStallMidBody:
-      answerWithStall(connection);
+      if (sendText("HTTP/1.1 200 OK\r\nContent-Type: video/ogg\r\nContent-Length: " +
+                   std::to_string(body_.size()) + "\r\nAccept-Ranges: none\r\n" + closing) &&
+          sendAll(connection, body_.data(), stallAt_)) {
+        stalled_.store(true);
+        while (!released_.load() && !stopping_.load()) ::poll(nullptr, 0, kPollStepMs);
+        sendAll(connection, body_.data() + stallAt_, body_.size() - stallAt_);
+      }
       break;
     case Behaviour::kEarlyRefusal:
       // As a proxy over its body limit: the close resets what is unread.
@@ -167,19 +165,6 @@ void HostileServer::answer(int connection) {
           closing + "body too large\n");
       break;
   }
-}
-
-void HostileServer::answerWithStall(int connection) {
-  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: video/ogg\r\nContent-Length: " +
-                           std::to_string(body_.size()) +
-                           "\r\nAccept-Ranges: none\r\nConnection: close\r\n\r\n";
-  if (!sendAll(connection, head.data(), head.size()) ||
-      !sendAll(connection, body_.data(), stallAt_)) {
-    return;
-  }
-  stalled_.store(true);
-  while (!released_.load() && !stopping_.load()) ::poll(nullptr, 0, kPollStepMs);
-  sendAll(connection, body_.data() + stallAt_, body_.size() - stallAt_);
 }
 
 }  // namespace qxlog::testing

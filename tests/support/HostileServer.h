@@ -1,8 +1,7 @@
 // A server on 127.0.0.1 that misbehaves on purpose, one way per instance, for
 // tests of how the library and the player adapter meet broken and hostile
-// servers. Connections
-// are served one at a time on the server's own thread; every wait polls in
-// short steps so that the destructor always returns promptly.
+// servers. Connections are served one at a time on the server's own thread;
+// every wait polls in short steps so that the destructor returns promptly.
 #ifndef QXLOG_TESTS_SUPPORT_HOSTILESERVER_H_
 #define QXLOG_TESTS_SUPPORT_HOSTILESERVER_H_
 
@@ -27,14 +26,16 @@ class HostileServer {
     kEarlyRefusal,     // answers 413 after the request's head and closes, body unread
   };
 
-  explicit HostileServer(Behaviour behaviour);
+  explicit HostileServer(Behaviour behaviour) : behaviour_(behaviour) { listen(); }
   // kStallMidBody: `body`, held back after `stallAt` bytes until release().
   HostileServer(std::string body, std::size_t stallAt);
   ~HostileServer();
   HostileServer(const HostileServer&) = delete;
   HostileServer& operator=(const HostileServer&) = delete;
 
-  std::string url(const std::string& path) const;
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
   // Requests read in full (for a redirect loop, one per hop).
   std::size_t requests() const { return requests_.load(); }
   // Answer bytes the client took before it went away.
@@ -47,7 +48,6 @@ class HostileServer {
   void listen();
   void serve();
   void answer(int connection);
-  void answerWithStall(int connection);
   bool readRequest(int connection);
   // Sends all of `bytes`; false once the client has gone or the server stops.
   bool sendAll(int connection, const char* bytes, std::size_t size);

@@ -27,6 +27,8 @@ struct ReceivedRequest {
 
   std::string param(const std::string& name) const;
   std::string header(const std::string& name) const;  // name in lower case
+  // "log_data" and "token": what a repeat of a sealed batch sends again.
+  std::pair<std::string, std::string> batch() const { return {param("log_data"), param("token")}; }
 };
 
 struct ScriptedAnswer {
