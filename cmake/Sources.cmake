@@ -12,6 +12,7 @@ set(QXLOG_LIBRARY_SOURCES
   QXLog/center/PushTimer.cpp
   QXLog/center/QXLogCenter.cpp
   QXLog/center/Queues.cpp
+  QXLog/center/RetryBackoff.cpp
   QXLog/center/SealedBatch.cpp
   QXLog/center/Settings.cpp
   QXLog/center/StartTimeTable.cpp

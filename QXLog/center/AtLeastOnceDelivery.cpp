@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 
 #include "QXLog/center/PushTimer.h"
 #include "QXLog/center/QueueFileNames.h"
@@ -22,17 +21,6 @@ constexpr int kMaxRefusals = 2;
 // Single records refused in a row after which the server is taken to refuse
 // everything (a wrong key or token): batches are then dropped whole.
 constexpr int kRefusedInARow = 3;
-constexpr double kFirstBackoffSeconds = 1;
-constexpr double kMaxBackoffSeconds = 300;
-
-// 1 s doubling with each failure up to 5 minutes, each wait drawn from the
-// upper half of that span so that many hosts do not retry in step.
-std::chrono::nanoseconds backoff(int failures, std::minstd_rand& jitter) {
-  double span =
-      std::min(kFirstBackoffSeconds * std::ldexp(1.0, std::min(failures, 30)), kMaxBackoffSeconds);
-  std::uniform_real_distribution<double> share(0.5, 1.0);
-  return std::chrono::nanoseconds(static_cast<int64_t>(span * share(jitter) * 1e9));
-}
 
 std::string stringField(const Dictionary& envelope, std::string_view key) {
   const Value* value = envelope.find(key);
@@ -45,7 +33,6 @@ AtLeastOnceDelivery::AtLeastOnceDelivery(QXLogCenter& center)
     : center_(center),
       durable_(std::make_shared<platform::DurableFlush>(center.env().globalQueue())),
       journal_(center.env(), durable_),
-      jitter_(std::random_device{}()),
       diagnoses_(center) {}
 
 AtLeastOnceDelivery::~AtLeastOnceDelivery() = default;
@@ -384,11 +371,7 @@ void AtLeastOnceDelivery::retry(const std::string& reason, int64_t retryAfterSec
   uint64_t ticket = 0;
   {
     MutexLock lock(mutex_);
-    delay = backoff(failures_++, jitter_);
-    if (retryAfterSeconds >= 0) {
-      delay = std::chrono::seconds(
-          std::min<int64_t>(retryAfterSeconds, static_cast<int64_t>(kMaxBackoffSeconds)));
-    }
+    delay = backoff_.next(failures_++, retryAfterSeconds);
     records = sealed_ ? sealed_->records : 0;
     ticket = ++retryTicket_;
     waitingRetry_ = true;

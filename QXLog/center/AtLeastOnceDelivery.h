@@ -30,7 +30,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -38,6 +37,7 @@
 #include "QXLog/center/DeliveryPolicy.h"
 #include "QXLog/center/DiagnosisQueue.h"
 #include "QXLog/center/Journal.h"
+#include "QXLog/center/RetryBackoff.h"
 #include "QXLog/center/SealedBatch.h"
 #include "QXLog/center/ThreadAnnotations.h"
 
@@ -125,7 +125,7 @@ class AtLeastOnceDelivery final : public DeliveryPolicy {
   std::map<uint64_t, std::size_t> leftOut_ GUARDED_BY(mutex_);
   // The queue limit last raised to hold two batches, told once.
   std::size_t raisedLimit_ GUARDED_BY(mutex_) = 0;
-  std::minstd_rand jitter_ GUARDED_BY(mutex_);
+  RetryBackoff backoff_ GUARDED_BY(mutex_);
   DiagnosisQueue diagnoses_;
   // Diagnoses an earlier process left go out at the policy's first use.
   std::atomic<bool> diagnosesResumed_{false};

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <optional>
 
 #include "QXLog/center/Upload.h"
@@ -17,23 +16,10 @@ namespace {
 using Outcome = QXLogCenter::BatchOutcome;
 
 constexpr int kMaxRefusals = 2;
-constexpr double kMaxBackoffSeconds = 300;
-
-std::chrono::nanoseconds backoff(int failures, int64_t retryAfterSeconds,
-                                 std::minstd_rand& jitter) {
-  if (retryAfterSeconds >= 0) {
-    return std::chrono::seconds(
-        std::min<int64_t>(retryAfterSeconds, static_cast<int64_t>(kMaxBackoffSeconds)));
-  }
-  double span = std::min(std::ldexp(1.0, std::min(failures, 30)), kMaxBackoffSeconds);
-  std::uniform_real_distribution<double> share(0.5, 1.0);
-  return std::chrono::nanoseconds(static_cast<int64_t>(span * share(jitter) * 1e9));
-}
 
 }  // namespace
 
-DiagnosisQueue::DiagnosisQueue(QXLogCenter& center)
-    : center_(center), jitter_(std::random_device{}()) {}
+DiagnosisQueue::DiagnosisQueue(QXLogCenter& center) : center_(center) {}
 
 std::deque<Dictionary> DiagnosisQueue::parseKept(std::string_view json) {
   std::deque<Dictionary> kept;
@@ -173,7 +159,7 @@ void DiagnosisQueue::answered(uint64_t generation, const platform::HttpResponse&
         ++generation_;
       } else {
         outcome = Outcome::kRetrying;
-        delay = backoff(failures_++, verdict.retryAfterSeconds, jitter_);
+        delay = backoff_.next(failures_++, verdict.retryAfterSeconds);
       }
     }
   }

@@ -16,12 +16,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <random>
 #include <set>
 #include <string>
 #include <string_view>
 
 #include "QXLog/QXLogCenter.h"
+#include "QXLog/center/RetryBackoff.h"
 #include "QXLog/center/ThreadAnnotations.h"
 
 namespace qxlog::center {
@@ -71,7 +71,7 @@ class DiagnosisQueue {
   int refusals_ GUARDED_BY(mutex_) = 0;
   // Changes when the front settles, so that a stale answer does nothing.
   uint64_t generation_ GUARDED_BY(mutex_) = 0;
-  std::minstd_rand jitter_ GUARDED_BY(mutex_);
+  RetryBackoff backoff_ GUARDED_BY(mutex_);
 };
 
 }  // namespace qxlog::center

@@ -1,7 +1,9 @@
 // The two deliveries side by side against a real log server: what each keeps,
 // retries and drops, and what the delivery handler is told. Tests run at least
 // once unless they choose the described delivery.
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +13,7 @@
 #include "QXLog/QXLog.h"
 #include "QXLog/center/DiagnosisQueue.h"
 #include "QXLog/center/Journal.h"
+#include "QXLog/center/RetryBackoff.h"
 #include "QXLog/serial/Json.h"
 #include "tests/support/UploadFixture.h"
 
@@ -370,6 +373,29 @@ TEST_F(DeliveryTest, RecordsThatCannotGoYetOrEverDoNotHoldActionsBack) {
   ASSERT_FALSE(reports_.empty());
   EXPECT_EQ(said(reports_[0]), "D1 record too large");
   EXPECT_EQ(console_->countStartingWith("QXLog: a record of "), 1u);
+}
+
+// Every wait lies in the upper half of a span that doubles from 1 s to 5
+// minutes, and uses all of it; a server's Retry-After is taken as said, capped likewise.
+TEST(RetryBackoffTest, WaitsFillTheUpperHalfOfADoublingSpanAndRetryAfterIsCapped) {
+  center::RetryBackoff backoff(20261124);
+  for (int failures : {0, 1, 2, 8, 9, 40}) {
+    SCOPED_TRACE(failures);
+    const double span = std::min(std::ldexp(1.0, failures), 300.0);
+    double least = span, most = 0;
+    for (int draw = 0; draw < 2000; ++draw) {
+      const double wait = std::chrono::duration<double>(backoff.next(failures)).count();
+      least = std::min(least, wait);
+      most = std::max(most, wait);
+    }
+    EXPECT_GE(least, span / 2);
+    EXPECT_LE(most, span);
+    EXPECT_LT(least, span * 0.51);
+    EXPECT_GT(most, span * 0.99);
+  }
+  EXPECT_EQ(backoff.next(3, 7), seconds(7));
+  EXPECT_EQ(backoff.next(3, 0), seconds(0));
+  EXPECT_EQ(backoff.next(0, 100000), seconds(300));
 }
 
 }  // namespace
