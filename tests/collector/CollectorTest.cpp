@@ -51,9 +51,13 @@ std::string readAll(std::FILE* file) {
   std::rewind(file);
   return readToEnd(::fileno(file));
 }
-std::string todayToken() {
-  return acceptedDayTokens(std::chrono::system_clock::now())[0];
+std::string requestWith(const std::string& target, const std::string& headers) {
+  return "GET " + target + " HTTP/1.1\r\n" + headers + "\r\n";
 }
+std::string line(const std::string& name, const std::string& value) {
+  return name + ": " + value + "\r\n";
+}
+constexpr std::size_t npos = std::string::npos;
 std::string logForm(const std::string& logData, const std::string& token) {
   return "log_data=" + formEncode(logData) + "&token=" + formEncode(token);
 }
@@ -96,9 +100,12 @@ class CollectorTest : public UploadTest {
     std::fclose(log_);
     std::fclose(out_);
   }
-  void start(const std::string& key) {
+  void start(const std::string& key, const std::string& apiToken = "",
+             const std::string& host = "127.0.0.1") {
     collector_.reset();
     LocalCollectorOptions options;
+    options.host = host;
+    options.apiToken = apiToken;
     options.database = documentsPath("collector.db");
     options.maxBodyBytes = 64 << 10;
     options.collector.key = key;
@@ -127,6 +134,20 @@ class CollectorTest : public UploadTest {
   HttpReply diagnose(const std::string& logData, const std::string& rest = "") {
     return postForm(port_, "/diagnosis",
                     "diagnosis_log=" + formEncode(logData) + "&token=" + today() + rest);
+  }
+  using Answers = std::vector<std::tuple<std::string, int, std::vector<std::string>>>;
+  // Each target, asked with each value of `header` ("" for none) after the `first` lines, gets
+  // its status, and a challenge to log in exactly when that is 401.
+  void expectAnswers(const std::string& header, const std::string& first, const Answers& cases) {
+    for (const auto& [target, status, values] : cases) {
+      for (const std::string& value : values) {
+        const std::string extra = value.empty() ? "" : line(header, value);
+        const HttpReply reply = roundTrip(port_, requestWith(target, first + extra));
+        EXPECT_EQ(reply.status, status) << target << " " << header << ": " << value;
+        const bool challenged = reply.head.find("\r\nWWW-Authenticate: Basic realm=") != npos;
+        EXPECT_EQ(challenged, status == 401) << target << " " << reply.head;
+      }
+    }
   }
   bool nothingStored() {
     CollectorStore& store = collector_->store();
@@ -257,7 +278,8 @@ TEST_F(CollectorTest, AConfiguredRefusalStoresNothing) {
   HttpServerRequest request;
   request.method = "POST";
   request.path = "/log";
-  request.params = {{"log_data", sealJson(R"({"t":{},"a":[]})")}, {"token", todayToken()}};
+  request.params = {{"log_data", sealJson(R"({"t":{},"a":[]})")},
+                    {"token", acceptedDayTokens(options.clock())[0]}};
   HttpServerAnswer answer = Collector(options, collector_->store()).handle(request);
   EXPECT_EQ(std::tuple(answer.status, answer.body),
             std::tuple(200, "{\"operate_code\":\"500\"}\n"));
@@ -297,19 +319,16 @@ TEST(JsonShape, CountsStructureOutsideStringsAndStopsOnePastEachLimit) {
   const std::string wide = "an array or object of more than 3 elements";
   // The limits, the first limit passed ("" for none), and texts that pass it.
   const std::tuple<const JsonShapeLimits&, std::string, std::vector<const char*>> cases[] = {
-      {small,
-       "",
-       {R"([[[1]]])", R"(["[[[[", "\"{{"])", R"([1,2,3])", R"({"a":1,"b":[],"c":{}})",
-        R"(["abcd"])", R"([[1,2,3],[1,2,3]])"}},
+      {small, "", {R"([[[1]]])", R"(["[[[[", "\"{{"])", R"([1,2,3])", R"(["abcd"])"}},
+      {small, "", {R"({"a":1,"b":[],"c":{}})", R"([[1,2,3],[1,2,3]])"}},
       {small, "nested deeper than 3 levels", {R"([[[[1]]]])"}},
       {small, wide, {R"([1,2,3,4])", R"({"a":1,"b":2,"c":3,"d":4})"}},
       {small, "a string of more than 4 bytes", {R"(["abcde"])", R"({"abcde":1})"}},
       {small, "more than 9 values", {R"([[1,2,3],[1,2,3],1])"}},
       {uploads, "", {R"({"a":[{},{},{},{},{}]})"}},
       {uploads, "more than 5 records", {R"({"a":[{},{},{},{},{},{}]})"}},
-      {uploads,
-       wide,
-       {R"({"t":"a","x":[1,2,3,4]})", R"({"t":{"a":[1,2,3,4]}})", R"([{"a":[1,2,3,4]}])"}}};
+      {uploads, wide, {R"({"t":"a","x":[1,2,3,4]})", R"({"t":{"a":[1,2,3,4]}})"}},
+      {uploads, wide, {R"([{"a":[1,2,3,4]}])"}}};
   for (const auto& [limits, reason, texts] : cases) {
     for (const char* json : texts) EXPECT_EQ(checkJsonShape(json, limits), reason) << json;
   }
@@ -346,122 +365,63 @@ TEST_F(CollectorTest, OversizedStructuresAreRefusedOnLogAndDiagnosisAlike) {
   EXPECT_TRUE(nothingStored());
 }
 
-// A collector of its own with the given API token (none: empty), storing in
-// a fresh temporary directory.
-std::unique_ptr<LocalCollector> startCollector(const std::string& apiToken,
-                                               const std::string& host = "127.0.0.1") {
-  char pattern[] = "/tmp/qxlog-access-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) return nullptr;
-  LocalCollectorOptions options;
-  options.host = host;
-  options.database = std::string(pattern) + "/collector.db";
-  options.collector.key = kTestKey;
-  options.apiToken = apiToken;
-  options.output = Output::kQuiet;
-  options.log = std::tmpfile();
-  std::string error;
-  auto started = LocalCollector::start(options, error);
-  EXPECT_TRUE(started) << error;
-  return started;
-}
-std::string requestWith(const std::string& target, const std::string& headers) {
-  return "GET " + target + " HTTP/1.1\r\n" + headers + "\r\n";
-}
-std::string line(const std::string& name, const std::string& value) {
-  return name + ": " + value + "\r\n";
-}
-
-TEST(CollectorAccess, TheTokenGuardsWhatWasStoredAndDevicesStayOpen) {
-  auto collector = startCollector("s3cret-token");
-  ASSERT_TRUE(collector);
-  const int port = collector->port();
+TEST_F(CollectorTest, TheApiTokenGuardsWhatWasStoredAndDevicesStayOpen) {
+  start(kTestKey, "s3cret-token");
   const std::string host = line("Host", "collector.example"), summary = "/api/summary";
-  auto auth = [](const std::string& value) { return line("Authorization", value); };
-  auto basic = [&](const std::string& pair) {
-    return auth("Basic " + support::base64Encode(pair));
-  };
-  using Case = std::tuple<std::string, std::string, int>;  // target, authorization, status
-  const Case cases[] = {Case(summary, "", 401),
-                        Case(summary, auth("Bearer s3cret-token"), 200),
-                        Case(summary, auth("bearer  s3cret-token "), 200),
-                        Case(summary, auth("Bearer s3cret-toke"), 401),
-                        Case(summary, auth("Bearer s3cret-tokenx"), 401),
-                        Case(summary, auth("Bearer "), 401),
-                        Case(summary, auth("s3cret-token"), 401),
-                        Case(summary, basic("anyone:s3cret-token"), 200),
-                        Case(summary, basic("s3cret-token:"), 401),
-                        Case(summary, basic("s3cret-token"), 401),
-                        Case("/", "", 401),
-                        Case("/", basic(":s3cret-token"), 200),
-                        Case("/received", "", 401),
-                        Case("/received", auth("Bearer s3cret-token"), 200),
-                        Case("/no-such-path", "", 401),
-                        Case("/settings?token=" + todayToken() + "&uid=d", "", 200),
-                        Case("/log", "", 405)};
-  for (const auto& [target, authorization, status] : cases) {
-    const HttpReply reply = roundTrip(port, requestWith(target, host + authorization));
-    EXPECT_EQ(reply.status, status) << target << " " << authorization;
-    const bool challenged =
-        reply.head.find("\r\nWWW-Authenticate: Basic realm=") != std::string::npos;
-    EXPECT_EQ(challenged, status == 401) << target << " " << reply.head;
-  }
+  auto basic = [](const std::string& pair) { return "Basic " + support::base64Encode(pair); };
+  expectAnswers("Authorization", host,
+                {{summary, 200, {"Bearer s3cret-token", "bearer  s3cret-token "}},
+                 {summary, 200, {basic("anyone:s3cret-token")}},
+                 {summary, 401, {"", "Bearer s3cret-toke", "Bearer s3cret-tokenx", "Bearer "}},
+                 {summary, 401, {"s3cret-token", basic("s3cret-token:"), basic("s3cret-token")}},
+                 {"/", 401, {""}},
+                 {"/", 200, {basic(":s3cret-token")}},
+                 {"/received", 401, {""}},
+                 {"/received", 200, {"Bearer s3cret-token"}},
+                 {"/no-such-path", 401, {""}},
+                 {"/settings?token=" + today() + "&uid=d", 200, {""}},
+                 {"/log", 405, {""}}});
   // A login to the page sets a session cookie that the page's requests carry.
-  const HttpReply login = roundTrip(port, requestWith("/", host + basic("viewer:s3cret-token")));
+  const HttpReply login = roundTrip(
+      port_, requestWith("/", host + line("Authorization", basic("viewer:s3cret-token"))));
   const std::size_t at = login.head.find("\r\nSet-Cookie: qxlog_session=");
   ASSERT_NE(at, std::string::npos) << login.head;
   const std::string session = login.head.substr(at + 14, login.head.find(';', at) - at - 14);
   EXPECT_THAT(login.head, Not(HasSubstr("s3cret-token")));
   EXPECT_THAT(login.head, HasSubstr("HttpOnly; SameSite=Strict"));
-  const std::pair<std::string, int> cookies[] = {
-      {"a=1; " + session, 200}, {session + "0", 401}, {"qxlog_session=", 401}};
-  for (const auto& [cookie, status] : cookies) {
-    EXPECT_EQ(roundTrip(port, requestWith(summary, host + line("Cookie", cookie))).status, status)
-        << cookie;
-  }
+  expectAnswers(
+      "Cookie", host,
+      {{summary, 200, {"a=1; " + session}}, {summary, 401, {session + "0", "qxlog_session="}}});
 }
 
-TEST(CollectorAccess, WithoutATokenOnlyLoopbackAndItsOwnHostNamesAreAnswered) {
+TEST_F(CollectorTest, WithoutAnApiTokenOnlyLoopbackAndItsOwnHostNamesAreAnswered) {
   LocalCollectorOptions anywhere;
   anywhere.host = "0.0.0.0";
   anywhere.database = "/nonexistent/never-opened.db";
   std::string error;
   EXPECT_FALSE(LocalCollector::start(anywhere, error));
   EXPECT_THAT(error, HasSubstr("refusing to listen on 0.0.0.0 without an API token"));
-  EXPECT_TRUE(startCollector("token", "0.0.0.0"));
-
-  auto collector = startCollector("");
-  ASSERT_TRUE(collector);
-  const std::string own = ":" + std::to_string(collector->port());
-  const std::string settings = "/settings?token=" + todayToken() + "&uid=d";
-  auto host = [](const std::string& name) { return line("Host", name); };
-  using Case = std::tuple<std::string, std::string, int>;  // target, Host line (or none), status
-  const Case cases[] = {
-      Case("/received", host("127.0.0.1" + own), 200),
-      Case("/received", host("localhost" + own), 200),
-      Case("/received", host("LocalHost" + own), 200), Case("/received", host("[::1]" + own), 200),
-      Case("/api/summary", host("localhost" + own), 200), Case("/received", "", 200),
-      Case("/received", host("rebound.example" + own), 403),
-      Case("/", host("rebound.example" + own), 403), Case("/received", host("127.0.0.1"), 403),
-      Case("/received", host("127.0.0.1:1"), 403), Case("/received", host("127.0.0.2" + own), 403),
-      // Device paths answer under any name: a proxy in front forwards its own.
-      Case(settings, host("rebound.example" + own), 200),
-      Case(settings, host("127.0.0.1" + own), 200)};
-  for (const auto& [target, hostLine, status] : cases) {
-    EXPECT_EQ(roundTrip(collector->port(), requestWith(target, hostLine)).status, status)
-        << target << " " << hostLine;
-  }
+  const std::string own = ":" + std::to_string(port_);
+  const std::string settings = "/settings?token=" + today() + "&uid=d";
+  expectAnswers(
+      "Host", "",
+      {{"/received", 200, {"127.0.0.1" + own, "localhost" + own, "LocalHost" + own}},
+       {"/received", 200, {"[::1]" + own, ""}},
+       {"/api/summary", 200, {"localhost" + own}},
+       {"/received", 403, {"rebound.example" + own, "127.0.0.1", "127.0.0.1:1", "127.0.0.2" + own}},
+       {"/", 403, {"rebound.example" + own}},
+       // Device paths answer under any name: a proxy in front forwards its own.
+       {settings, 200, {"rebound.example" + own, "127.0.0.1" + own}}});
+  start(kTestKey, "token", "0.0.0.0");  // with a token it listens anywhere
 }
 
-TEST(CollectorAccess, ALongStoredRecordIsServedCutWithItsLength) {
-  auto collector = startCollector("t");
-  ASSERT_TRUE(collector);
+TEST_F(CollectorTest, ALongStoredRecordIsServedCutWithItsLength) {
+  start(kTestKey, "t");
   const std::string body = R"({"t":{},"a":[{"a_t":"2","a_1":")" + std::string(100000, 'x') +
                            R"("},{"a_t":"2","a_1":"short"}]})";
-  const HttpReply stored =
-      postForm(collector->port(), "/log", logForm(sealJson(body), todayToken()));
-  ASSERT_EQ(stored.status, 200) << stored.body;
+  ASSERT_EQ(upload(sealJson(body)).status, 200);
   const HttpReply records =
-      roundTrip(collector->port(), requestWith("/api/records", line("Authorization", "Bearer t")));
+      roundTrip(port_, requestWith("/api/records", line("Authorization", "Bearer t")));
   ASSERT_EQ(records.status, 200);
   auto list = nlohmann::json::parse(records.body);
   ASSERT_EQ(list.size(), 2u);
