@@ -207,32 +207,29 @@ TEST_P(StoreTest, TitlesAndFailuresComeFromTheLatestSummariesWithinTheFilter) {
   EXPECT_EQ(store->titles({}, 1000, 1).size(), 1u);
   // The newest summary only.
   EXPECT_EQ(rows(store->titles({}, 1, 100), &TitleQuality::movieId), "film_2");
+  auto titled = [&](const StoreFilter& filter) {
+    return rows(store->titles(filter, 1000, 100), &TitleQuality::movieId, &TitleQuality::plays);
+  };
+  // "_" is no wildcard, in titles or in the stored text.
+  EXPECT_EQ(titled(by(&StoreFilter::title, "film_1")), "");
+  EXPECT_EQ(titled(by(&StoreFilter::title, "FILM-1")), "");
+  EXPECT_EQ(titled(by(&StoreFilter::title, "film-1")), "film-1 5");
   StoreFilter range = by(&StoreFilter::from, 3000);
   range.to = 5000;
-  // "_" is no wildcard, in titles or in the stored text.
-  const std::pair<StoreFilter, std::string> titleCases[] = {
-      {by(&StoreFilter::title, "film_1"), ""},
-      {by(&StoreFilter::title, "FILM-1"), ""},
-      {by(&StoreFilter::title, "film-1"), "film-1 5"},
-      {range, "film-1 2"}};
-  for (const auto& [filter, want] : titleCases) {
-    EXPECT_EQ(rows(store->titles(filter, 1000, 100), &TitleQuality::movieId, &TitleQuality::plays),
-              want);
-  }
-  EXPECT_EQ(rows(store->failures({}, 1000, 10), &NamedCount::name, &NamedCount::count),
-            "timeout 2");
-  EXPECT_EQ(rows(store->failures(by(&StoreFilter::device, "d1"), 1000, 10), &NamedCount::name,
-                 &NamedCount::count),
-            "timeout 1");
-  const std::tuple<StoreFilter, bool, std::size_t> recordCases[] = {
-      {by(&StoreFilter::device, "d1"), false, 0},
-      {by(&StoreFilter::device, "d2"), false, 3},
-      {by(&StoreFilter::title, "film-u"), true, 1},
-      {by(&StoreFilter::title, "film_u"), true, 0},
-      {by(&StoreFilter::to, 9000), true, 0}};
-  for (const auto& [filter, playsOnly, count] : recordCases) {
-    EXPECT_EQ(store->latestRecords(10, playsOnly, filter).size(), count);
-  }
+  EXPECT_EQ(titled(range), "film-1 2");
+  auto failures = [&](const StoreFilter& filter) {
+    return rows(store->failures(filter, 1000, 10), &NamedCount::name, &NamedCount::count);
+  };
+  EXPECT_EQ(failures({}), "timeout 2");
+  EXPECT_EQ(failures(by(&StoreFilter::device, "d1")), "timeout 1");
+  auto records = [&](const StoreFilter& filter, bool playsOnly) {
+    return store->latestRecords(10, playsOnly, filter).size();
+  };
+  EXPECT_EQ(records(by(&StoreFilter::device, "d1"), false), 0u);
+  EXPECT_EQ(records(by(&StoreFilter::device, "d2"), false), 3u);
+  EXPECT_EQ(records(by(&StoreFilter::title, "film-u"), true), 1u);
+  EXPECT_EQ(records(by(&StoreFilter::title, "film_u"), true), 0u);
+  EXPECT_EQ(records(by(&StoreFilter::to, 9000), true), 0u);
 }
 
 // A header copy of play `id` holding actions that start at `starts`.
