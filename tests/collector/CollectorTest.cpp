@@ -35,6 +35,7 @@ namespace {
 using namespace std::literals;
 using namespace testing;
 using namespace collector;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -190,10 +191,8 @@ TEST_F(CollectorTest, StoresWhatTheLibraryUploadsAndConfirmsIt) {
             R"("startTime":"1","prepareTime":"3","endTime":"2","duration":"4"}}})");
   // Each was confirmed: nothing waits for a repeat, and the report names the records.
   EXPECT_TRUE(center().actionLog().empty());
-  const std::string printed = readAll(out_);
-  for (const char* line : {"upload #1", "launch ", "action ", "diagnosis #1"}) {
-    EXPECT_THAT(printed, HasSubstr(line));
-  }
+  EXPECT_THAT(readAll(out_), AllOf(HasSubstr("upload #1"), HasSubstr("launch "),
+                                   HasSubstr("action "), HasSubstr("diagnosis #1")));
 }
 
 TEST_F(CollectorTest, SettingsAnswerReachesTheLibrary) {
@@ -339,7 +338,6 @@ TEST(JsonShape, CountsStructureOutsideStringsAndStopsOnePastEachLimit) {
 TEST_F(CollectorTest, OversizedStructuresAreRefusedOnLogAndDiagnosisAlike) {
   auto repeat = [](const std::string& part, std::size_t times) {
     std::string out;
-    out.reserve(part.size() * times);
     for (std::size_t i = 0; i < times; ++i) out += part;
     return out;
   };

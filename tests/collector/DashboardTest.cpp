@@ -16,9 +16,7 @@ using ::testing::Not;
 
 std::size_t count(const std::string& text, const std::string& part) {
   std::size_t found = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++found;
-  }
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++found;
   return found;
 }
 
