@@ -1,8 +1,5 @@
-// The collector's store on SQLite and on PostgreSQL (a throwaway server; the
-// PostgreSQL cases skip, saying why, where it is not installed): what the
-// dashboard and the API read back, replays decided inside the upload's
-// transaction, counts shared by every collector on one database, bounded
-// waits, schema versions, and the client behind a trusted proxy.
+// The collector's store on SQLite and on a throwaway PostgreSQL (skipped, saying why, where it
+// is not installed): queries, replays, shared counts, bounded waits, schemas, trusted proxies.
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 #include <sqlite3.h>
@@ -30,11 +27,9 @@
 namespace qxlog {
 namespace {
 
-using namespace std::chrono_literals;
-using namespace std::string_literals;
-using collector::CollectorStore;
-using collector::StoreFilter;
-using collector::UploadRow;
+using namespace std::literals;
+using namespace testing;
+using namespace collector;
 
 enum class Backend { kSqlite, kPostgres };
 
@@ -46,12 +41,26 @@ std::string backendName(const ::testing::TestParamInfo<Backend>& info) {
   return info.param == Backend::kSqlite ? "Sqlite" : "Postgres";
 }
 
-using testing::rows;
-using testing::strings;
+// A connection of another client to the database, after `sql` ran on it; closed
+// (rolling back what is open) when released.
+std::shared_ptr<void> connect(Backend backend, const std::string& location,
+                              const std::string& sql) {
+  if (backend == Backend::kSqlite) {
+    sqlite3* db = nullptr;
+    sqlite3_open(location.c_str(), &db);
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+    return {db, [](void* db) { sqlite3_close(static_cast<sqlite3*>(db)); }};
+  }
+  PGconn* connection = PQconnectdb(location.c_str());
+  PGresult* result = PQexec(connection, sql.c_str());
+  EXPECT_EQ(PQresultStatus(result), PGRES_COMMAND_OK) << PQerrorMessage(connection);
+  PQclear(result);
+  return {connection, [](void* connection) { PQfinish(static_cast<PGconn*>(connection)); }};
+}
 
 // A diagnosis from `device` holding an end-of-play summary of `summary`.
-collector::DiagnosisRow summaryFrom(const std::string& device, Dictionary summary, int64_t at = 0) {
-  collector::DiagnosisRow diagnosis;
+DiagnosisRow summaryFrom(const std::string& device, Dictionary summary, int64_t at = 0) {
+  DiagnosisRow diagnosis;
   diagnosis.device = device;
   diagnosis.receivedAt = at;
   Dictionary report;
@@ -60,6 +69,7 @@ collector::DiagnosisRow summaryFrom(const std::string& device, Dictionary summar
   return diagnosis;
 }
 
+// `actions` action records and a film play of three play actions, one of them empty.
 UploadRow upload(const std::string& digest, const std::string& device, int64_t at,
                  std::size_t actions = 2) {
   UploadRow row;
@@ -78,52 +88,32 @@ UploadRow upload(const std::string& digest, const std::string& device, int64_t a
   return row;
 }
 
+// A filter with one member set.
+auto by = [](auto member, auto value) {
+  StoreFilter filter;
+  filter.*member = value;
+  return filter;
+};
+
 class StoreTest : public ::testing::TestWithParam<Backend> {
  protected:
   void SetUp() override {
     char pattern[] = "/tmp/qxlog-store-test.XXXXXX";
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     dir_ = pattern;
-    if (GetParam() == Backend::kSqlite) {
-      location_ = dir_ + "/collector.db";
-    } else {
-      std::string why;
-      location_ = testing::freshPostgresDatabase(why);
-      if (location_.empty()) GTEST_SKIP() << "no PostgreSQL: " << why;
-    }
+    location_ = dir_ + "/collector.db";
+    std::string why;
+    if (GetParam() == Backend::kPostgres) location_ = freshPostgresDatabase(why);
+    if (location_.empty()) GTEST_SKIP() << "no PostgreSQL: " << why;
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }
 
-  std::unique_ptr<CollectorStore> open(collector::StoreOptions options = {}) {
+  std::unique_ptr<CollectorStore> open() {
     std::string error;
-    auto store = CollectorStore::open(location_, options, error);
+    auto store = CollectorStore::open(location_, error);
     EXPECT_TRUE(store) << error;
     return store;
   }
-
-  // Another client holding the database's write lock until released.
-  class Holder {
-   public:
-    Holder(Backend backend, const std::string& location) {
-      if (backend == Backend::kSqlite) {
-        sqlite3_open(location.c_str(), &sqlite_);
-        EXPECT_EQ(sqlite3_exec(sqlite_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
-      } else {
-        postgres_ = PQconnectdb(location.c_str());
-        PQclear(PQexec(postgres_,
-                       "BEGIN; LOCK TABLE uploads, settings_requests IN ACCESS "
-                       "EXCLUSIVE MODE"));
-      }
-    }
-    ~Holder() {
-      if (sqlite_) sqlite3_close(sqlite_);  // rolls back
-      if (postgres_) PQfinish(postgres_);
-    }
-
-   private:
-    sqlite3* sqlite_ = nullptr;
-    PGconn* postgres_ = nullptr;
-  };
 
   std::string dir_;
   std::string location_;
@@ -140,56 +130,42 @@ TEST_P(StoreTest, AnswersEveryQueryOfTheDashboardAndTheApi) {
   ASSERT_FALSE(store->storeUpload(upload("b", "d2", minute + 60000 + 5, 1)).replay);
   ASSERT_FALSE(store->storeUpload(upload("c", "d1", minute + 120000 + 59999)).replay);
   store->storeDiagnosis(summaryFrom("d2", strings({{"startup_ms", "300"}})));
-  collector::DiagnosisRow diagnosis = summaryFrom("d2", {});
+  DiagnosisRow diagnosis = summaryFrom("d2", {});
   diagnosis.report = Value(strings({{"k", "v"}}));
   store->storeDiagnosis(diagnosis);
 
-  const collector::StoreTotals totals = store->totals();
+  const StoreTotals totals = store->totals();
   EXPECT_EQ(std::tuple(totals.uploads, totals.records, totals.diagnoses, totals.replays),
             std::tuple(4, 4 * 3 - 1, 2, 0));
+  EXPECT_EQ(rows(store->recordsPerName(), &NamedCount::name, &NamedCount::count),
+            "action 7; film play 4");
   EXPECT_EQ(
-      rows(store->recordsPerName(), &collector::NamedCount::name, &collector::NamedCount::count),
-      "action 7; film play 4");
-  EXPECT_EQ(rows(store->devices(1), &collector::DeviceSeen::device, &collector::DeviceSeen::uploads,
-                 &collector::DeviceSeen::lastSeen),
-            "d1 3 " + std::to_string(minute + 120000 + 59999));
+      rows(store->devices(1), &DeviceSeen::device, &DeviceSeen::uploads, &DeviceSeen::lastSeen),
+      "d1 3 " + std::to_string(minute + 120000 + 59999));
   // The early upload is outside the window.
   auto at = [&](int i) { return std::to_string(minute + i * 60000); };
-  EXPECT_EQ(rows(store->perMinute(120), &collector::MinuteCount::minute,
-                 &collector::MinuteCount::uploads, &collector::MinuteCount::records),
+  EXPECT_EQ(rows(store->perMinute(120), &MinuteCount::minute, &MinuteCount::uploads,
+                 &MinuteCount::records),
             at(0) + " 1 3; " + at(1) + " 1 2; " + at(2) + " 1 3");
-  EXPECT_EQ(store->perMinute(2).size(), 2u);
 
   const auto latest = store->latestRecords(2, false);
   ASSERT_EQ(latest.size(), 2u);
   EXPECT_GT(latest[0].id, latest[1].id);
-  EXPECT_EQ(rows(latest, &collector::StoredRecord::name, &collector::StoredRecord::device),
-            "film play d1; action d1");
-  EXPECT_EQ(latest[1].body, R"({"a_t":"2","a_1":"c.1"})");
-  EXPECT_EQ(rows(store->latestRecords(10, true), &collector::StoredRecord::type), "1; 1; 1; 1");
-  EXPECT_EQ(rows(store->latestDiagnoses(10, true), &collector::StoredDiagnosis::report),
+  EXPECT_EQ(rows(latest, &StoredRecord::name, &StoredRecord::device, &StoredRecord::body),
+            R"(film play d1 {"a_t":"1","a_7":"film-c","p":[{"p_2":"1"},{},{"p_2":"2"}]}; )"
+            R"(action d1 {"a_t":"2","a_1":"c.1"})");
+  EXPECT_EQ(rows(store->latestRecords(10, true), &StoredRecord::type), "1; 1; 1; 1");
+  EXPECT_EQ(rows(store->latestDiagnoses(10, true), &StoredDiagnosis::report),
             R"({"play_summary":{"startup_ms":"300"}})");
-  EXPECT_EQ(store->latestDiagnoses(10, false).size(), 2u);
-  EXPECT_EQ(store->diagnoses().size(), 2u);
 
-  const collector::Delivered d1 = store->delivered("d1");
-  EXPECT_EQ(d1.uploads, 3);
-  EXPECT_EQ(d1.records.at("2"), 6);
-  EXPECT_EQ(d1.playActions.at("1"), 6);  // two non-empty of three per play
-  EXPECT_EQ(store->delivered("d2").diagnoses, 2);
-  EXPECT_EQ(store->records("1"s).size(), 4u);
-  EXPECT_EQ(store->records().size(), 11u);
-}
-
-// A filter with the given members set, e.g. (&StoreFilter::to, 9000).
-StoreFilter filtered() {
-  return {};
-}
-template <typename T, typename V, typename... Rest>
-StoreFilter filtered(std::optional<T> StoreFilter::*member, V value, Rest... rest) {
-  StoreFilter filter = filtered(rest...);
-  filter.*member = std::move(value);
-  return filter;
+  const Delivered d1 = store->delivered("d1");
+  // Two non-empty play actions of three per play.
+  EXPECT_EQ(std::tuple(d1.uploads, d1.records.at("2"), d1.playActions.at("1")),
+            std::tuple(3, 6, 6));
+  EXPECT_EQ(std::tuple(store->perMinute(2).size(), store->latestDiagnoses(10, false).size(),
+                       store->diagnoses().size(), store->delivered("d2").diagnoses,
+                       store->records("1"s).size(), store->records().size()),
+            std::tuple(2u, 2u, 2u, 2, 4u, 11u));
 }
 
 TEST_P(StoreTest, TitlesAndFailuresComeFromTheLatestSummariesWithinTheFilter) {
@@ -218,7 +194,6 @@ TEST_P(StoreTest, TitlesAndFailuresComeFromTheLatestSummariesWithinTheFilter) {
   // Startup of 100, 200, 300: failures and exits left out; the bitrate
   // weighted by 900 and 1800 ms played.
   const auto titles = store->titles({}, 1000, 100);
-  using collector::TitleQuality;
   EXPECT_EQ(rows(titles, &TitleQuality::movieId, &TitleQuality::plays, &TitleQuality::startupP50,
                  &TitleQuality::startupP95, &TitleQuality::exitsBeforeStart,
                  &TitleQuality::averageBitrate),
@@ -227,30 +202,32 @@ TEST_P(StoreTest, TitlesAndFailuresComeFromTheLatestSummariesWithinTheFilter) {
   EXPECT_DOUBLE_EQ(titles[0].rebufferRatio, 300.0 / 3000.0);
   EXPECT_DOUBLE_EQ(titles[0].failureRate, 0.2);
   EXPECT_DOUBLE_EQ(titles[1].failureRate, 1.0);
-
   EXPECT_EQ(store->titles({}, 1000, 1).size(), 1u);
   // The newest summary only.
   EXPECT_EQ(rows(store->titles({}, 1, 100), &TitleQuality::movieId), "film_2");
-  // "_" is no wildcard: film_1 matches no title.
-  EXPECT_TRUE(store->titles(filtered(&StoreFilter::title, "film_1"s), 1000, 100).empty());
-  EXPECT_TRUE(store->titles(filtered(&StoreFilter::title, "FILM-1"s), 1000, 100).empty());
-  EXPECT_EQ(store->titles(filtered(&StoreFilter::title, "film-1"s), 1000, 100).at(0).plays, 5);
-  EXPECT_EQ(store->titles(filtered(&StoreFilter::from, 3000, &StoreFilter::to, 5000), 1000, 100)
-                .at(0)
-                .plays,
-            2);
-
-  EXPECT_EQ(rows(store->failures({}, 1000, 10), &collector::NamedCount::name,
-                 &collector::NamedCount::count),
-            "timeout 2");
-  EXPECT_EQ(store->failures(filtered(&StoreFilter::device, "d1"s), 1000, 10).at(0).count, 1);
-
-  EXPECT_EQ(store->latestRecords(10, false, filtered(&StoreFilter::device, "d1"s)).size(), 0u);
-  EXPECT_EQ(store->latestRecords(10, false, filtered(&StoreFilter::device, "d2"s)).size(), 3u);
-  EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::title, "film-u"s)).size(), 1u);
-  // "_" is no wildcard in the stored text either.
-  EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::title, "film_u"s)).size(), 0u);
-  EXPECT_EQ(store->latestRecords(10, true, filtered(&StoreFilter::to, 9000)).size(), 0u);
+  auto titled = [&](const StoreFilter& filter) {
+    return rows(store->titles(filter, 1000, 100), &TitleQuality::movieId, &TitleQuality::plays);
+  };
+  // "_" is no wildcard, in titles or in the stored text.
+  EXPECT_EQ(titled(by(&StoreFilter::title, "film_1")), "");
+  EXPECT_EQ(titled(by(&StoreFilter::title, "FILM-1")), "");
+  EXPECT_EQ(titled(by(&StoreFilter::title, "film-1")), "film-1 5");
+  StoreFilter range = by(&StoreFilter::from, 3000);
+  range.to = 5000;
+  EXPECT_EQ(titled(range), "film-1 2");
+  auto failures = [&](const StoreFilter& filter) {
+    return rows(store->failures(filter, 1000, 10), &NamedCount::name, &NamedCount::count);
+  };
+  EXPECT_EQ(failures({}), "timeout 2");
+  EXPECT_EQ(failures(by(&StoreFilter::device, "d1")), "timeout 1");
+  auto records = [&](const StoreFilter& filter, bool playsOnly) {
+    return store->latestRecords(10, playsOnly, filter).size();
+  };
+  EXPECT_EQ(records(by(&StoreFilter::device, "d1"), false), 0u);
+  EXPECT_EQ(records(by(&StoreFilter::device, "d2"), false), 3u);
+  EXPECT_EQ(records(by(&StoreFilter::title, "film-u"), true), 1u);
+  EXPECT_EQ(records(by(&StoreFilter::title, "film_u"), true), 0u);
+  EXPECT_EQ(records(by(&StoreFilter::to, 9000), true), 0u);
 }
 
 // A header copy of play `id` holding actions that start at `starts`.
@@ -267,21 +244,20 @@ Dictionary playPart(const std::string& id, const std::string& movie,
 TEST_P(StoreTest, PlaysJoinTheirHeaderCopiesByIdWithTheirSummary) {
   auto store = open();
   ASSERT_TRUE(store);
-  UploadRow first = upload("x", "d1", 1000, 0);
+  UploadRow first = upload("x", "d1", 1000, 0), second = upload("y", "d1", 2000, 0);
   first.records = {Value(playPart("aa", "film-1", {"300", "100"})),
                    Value(playPart("bb", "film-2", {"150"}))};
-  ASSERT_FALSE(store->storeUpload(first).replay);
-  UploadRow second = upload("y", "d1", 2000, 0);
   second.records = {Value(playPart("aa", "film-1", {"200"}))};
+  ASSERT_FALSE(store->storeUpload(first).replay);
   ASSERT_FALSE(store->storeUpload(second).replay);
   store->storeDiagnosis(summaryFrom("", strings({{"play_id", "aa"}, {"movie_id", "film-1"}})));
 
-  collector::Dashboard dashboard(*store);
+  Dashboard dashboard(*store);
   auto plays = [&](const std::string& query) {
-    collector::HttpServerRequest request;
+    HttpServerRequest request;
     request.method = "GET";
     request.path = "/api/plays";
-    collector::parseFormFields(query, request.params);
+    parseFormFields(query, request.params);
     auto answer = dashboard.serve(request);
     EXPECT_TRUE(answer && answer->status == 200);
     return nlohmann::json::parse(answer ? answer->body : "[]");
@@ -309,40 +285,27 @@ TEST_P(StoreTest, SettingsCountsAndRepeatsAreSharedByEveryStoreOnTheDatabase) {
   for (int i = 0; i < 3; ++i) first->countSettingsRequest("device");
   for (int i = 0; i < 2; ++i) second->countSettingsRequest("device");
   second->countSettingsRequest("other");
-  EXPECT_EQ(first->settingsRequests("device"), 5);
-  EXPECT_EQ(second->settingsRequests("other"), 1);
-  EXPECT_EQ(first->settingsRequests("never"), 0);
+  EXPECT_EQ(std::tuple(first->settingsRequests("device"), second->settingsRequests("other"),
+                       first->settingsRequests("never")),
+            std::tuple(5, 1, 0));
   // A repeat through the other store names the upload it repeats (repeats
   // arriving at once through two collectors: CollectorFleetTest).
-  const collector::UploadOutcome stored = first->storeUpload(upload("u7", "d", 7));
-  const collector::UploadOutcome repeat = second->storeUpload(upload("u7", "d", 7));
+  const UploadOutcome stored = first->storeUpload(upload("u7", "d", 7));
+  const UploadOutcome repeat = second->storeUpload(upload("u7", "d", 7));
   EXPECT_EQ(std::tuple(stored.replay, repeat.replay, repeat.id),
             std::tuple(false, true, stored.id));
-  const collector::StoreTotals totals = first->totals();
+  const StoreTotals totals = first->totals();
   EXPECT_EQ(std::tuple(totals.uploads, totals.records, totals.replays), std::tuple(1, 3, 1));
 }
 
 TEST_P(StoreTest, RefusesADatabaseOfANewerSchemaAndKeepsItsData) {
-  {
+  for (int64_t uploads : {0, 1}) {  // opening again migrates nothing and loses nothing
     auto store = open();
     ASSERT_TRUE(store);
-    store->storeUpload(upload("kept", "d", 1));
+    EXPECT_EQ(store->totals().uploads, uploads);
+    if (uploads == 0) store->storeUpload(upload("kept", "d", 1));
   }
-  {
-    auto again = open();  // opening again migrates nothing and loses nothing
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->totals().uploads, 1);
-  }
-  const std::string bump = "UPDATE qxlog_schema SET version = 99";
-  if (GetParam() == Backend::kSqlite) {
-    sqlite3* db = nullptr;
-    sqlite3_open(location_.c_str(), &db);
-    EXPECT_EQ(sqlite3_exec(db, bump.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-  } else {
-    std::string why;
-    ASSERT_TRUE(testing::runPostgres(location_, bump, why)) << why;
-  }
+  connect(GetParam(), location_, "UPDATE qxlog_schema SET version = 99");
   std::string error;
   EXPECT_FALSE(CollectorStore::open(location_, error));
   EXPECT_NE(error.find("version 99"), std::string::npos) << error;
@@ -356,38 +319,32 @@ class CollectorFleetTest : public StoreTest {
  protected:
   void TearDown() override {
     collectors_.clear();
-    if (log_) std::fclose(log_);
+    std::fclose(log_);
     StoreTest::TearDown();
   }
-
-  collector::LocalCollector& start(collector::LocalCollectorOptions options = {}) {
-    if (!log_) log_ = std::fopen("/dev/null", "w");
+  LocalCollector& start(LocalCollectorOptions options = {}) {
     options.database = location_;
-    options.collector.key = std::string(testing::kTestKey);
-    options.output = collector::Output::kQuiet;
+    options.collector.key = std::string(kTestKey);
+    options.output = Output::kQuiet;
     options.log = log_;
     std::string error;
-    collectors_.push_back(collector::LocalCollector::start(options, error));
+    collectors_.push_back(LocalCollector::start(options, error));
     EXPECT_TRUE(collectors_.back()) << error;
     return *collectors_.back();
   }
-
   static std::string logForm(const std::string& json) {
-    const std::string sealed = support::base64Encode(
-        *QXLogHelper::data_AES256(*QXLogHelper::gzipDeflate(json), testing::kTestKey));
-    return "log_data=" + testing::formEncode(sealed) + "&token=" + today() + "&uid=device";
+    const std::string sealed =
+        support::base64Encode(*QXLogHelper::data_AES256(*QXLogHelper::gzipDeflate(json), kTestKey));
+    return "log_data=" + formEncode(sealed) + "&token=" + today() + "&uid=device";
   }
-  static std::string today() {
-    return collector::acceptedDayTokens(std::chrono::system_clock::now())[0];
-  }
+  static std::string today() { return acceptedDayTokens(std::chrono::system_clock::now())[0]; }
 
-  std::vector<std::unique_ptr<collector::LocalCollector>> collectors_;
-  std::FILE* log_ = nullptr;
+  std::vector<std::unique_ptr<LocalCollector>> collectors_;
+  std::FILE* log_ = std::fopen("/dev/null", "w");
 };
 
 TEST_P(CollectorFleetTest, UploadsSentTwiceAtOnceToTwoCollectorsAreStoredOnce) {
-  std::array<collector::LocalCollector*, 2> fleet = {&start(), &start()};
-  ASSERT_TRUE(fleet[0] && fleet[1]);
+  std::array<LocalCollector*, 2> fleet = {&start(), &start()};
   constexpr int kUploads = 200, kRecords = 5, kThreadsPerCollector = 8;
   std::vector<std::string> forms;
   for (int i = 0; i < kUploads; ++i) {
@@ -409,7 +366,7 @@ TEST_P(CollectorFleetTest, UploadsSentTwiceAtOnceToTwoCollectorsAreStoredOnce) {
         for (int i; (i = next[c]++) < kUploads;) {
           int status = 0;
           for (int attempt = 0; attempt < 20 && status != 200; ++attempt) {
-            status = testing::postForm(fleet[c]->port(), "/log", forms[i]).status;
+            status = postForm(fleet[c]->port(), "/log", forms[i]).status;
           }
           if (status != 200) ++unanswered;
         }
@@ -418,60 +375,57 @@ TEST_P(CollectorFleetTest, UploadsSentTwiceAtOnceToTwoCollectorsAreStoredOnce) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(unanswered, 0);
-  const collector::StoreTotals totals = fleet[0]->store().totals();
-  EXPECT_EQ(totals.uploads, kUploads);
-  EXPECT_EQ(totals.records, kUploads * kRecords);
-  EXPECT_EQ(totals.replays, kUploads);
+  const StoreTotals totals = fleet[0]->store().totals();
+  EXPECT_EQ(std::tuple(totals.uploads, totals.records, totals.replays),
+            std::tuple(kUploads, kUploads * kRecords, kUploads));
   EXPECT_EQ(fleet[1]->store().records().size(), static_cast<std::size_t>(kUploads * kRecords));
 }
 
 TEST_P(CollectorFleetTest, AnswersAsOneCollectorWouldAndSaysWhenTheDatabaseIsBusy) {
-  collector::LocalCollectorOptions options;
+  LocalCollectorOptions options;
   options.collector.trustedProxies = {"127.0.0.1"};
-  std::array<collector::LocalCollector*, 2> fleet = {&start(options), &start(options)};
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(testing::get(fleet[i % 2]->port(), "/settings?token=" + today() + "&uid=dev").status,
-              200);
-  }
+  std::array<LocalCollector*, 2> fleet = {&start(options), &start(options)};
+  const std::string settings = "/settings?token=" + today() + "&uid=dev";
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(get(fleet[i % 2]->port(), settings).status, 200);
   for (auto* collector : fleet) {
-    EXPECT_NE(testing::get(collector->port(), "/received?uid=dev").body.find("\"settings\":5"),
+    EXPECT_NE(get(collector->port(), "/received?uid=dev").body.find("\"settings\":5"),
               std::string::npos);
   }
 
   // Behind a trusted proxy the stored peer is the client the proxy names.
-  const std::string diagnosis =
-      logForm(R"({"play_info":{"playUrl":"u"}})").replace(0, 8, "diagnosis_log");
-  const std::string form = diagnosis.substr(0, diagnosis.find("&token=")) + "&token=" + today();
-  const testing::HttpReply proxied = testing::roundTrip(
-      fleet[1]->port(),
-      "POST /diagnosis HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(fleet[1]->port()) +
-          "\r\nX-Forwarded-For: 203.0.113.7\r\n"
-          "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
-          std::to_string(form.size()) + "\r\n\r\n" + form);
+  std::string form = logForm(R"({"play_info":{"playUrl":"u"}})").replace(0, 8, "diagnosis_log");
+  form.erase(form.find("&uid="));
+  const HttpReply proxied =
+      roundTrip(fleet[1]->port(),
+                "POST /diagnosis HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(fleet[1]->port()) +
+                    "\r\nX-Forwarded-For: 203.0.113.7\r\n"
+                    "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
+                    std::to_string(form.size()) + "\r\n\r\n" + form);
   EXPECT_EQ(proxied.status, 200) << proxied.body;
-  const auto stored = fleet[0]->store().allDiagnoses();
-  ASSERT_EQ(stored.size(), 1u);
-  EXPECT_EQ(stored[0].peer, "203.0.113.7");
+  EXPECT_EQ(rows(fleet[0]->store().allDiagnoses(), &StoredDiagnosis::peer), "203.0.113.7");
 
   // Held by another client, the database fails an upload and a settings
   // request within the bounded wait, as busy (503, not 500), and the upload
   // is stored once it is free again.
   const std::string upload = logForm(R"({"t":{"t_2":"dev"},"a":[{"a_t":"2"}]})");
   options.store.wait = 200ms;
-  collector::LocalCollector& impatient = start(options);
+  LocalCollector& impatient = start(options);
   {
-    Holder holder(GetParam(), location_);
-    for (const std::string& path : {"/log"s, "/settings?token=" + today() + "&uid=dev"}) {
+    auto holder = connect(GetParam(), location_,
+                          GetParam() == Backend::kSqlite
+                              ? "BEGIN IMMEDIATE"
+                              : "BEGIN; LOCK TABLE uploads, settings_requests IN ACCESS "
+                                "EXCLUSIVE MODE");
+    for (const std::string& path : {"/log"s, settings}) {
       const auto began = std::chrono::steady_clock::now();
-      const testing::HttpReply busy = path == "/log"
-                                          ? testing::postForm(impatient.port(), path, upload)
-                                          : testing::get(impatient.port(), path);
+      const HttpReply busy =
+          path == "/log" ? postForm(impatient.port(), path, upload) : get(impatient.port(), path);
       EXPECT_LT(std::chrono::steady_clock::now() - began, 1500ms) << path;
       EXPECT_EQ(busy.status, 503) << path << ": " << busy.body;
       EXPECT_NE(busy.head.find("Retry-After: 1"), std::string::npos) << busy.head;
     }
   }
-  EXPECT_EQ(testing::postForm(fleet[1]->port(), "/log", upload).status, 200);
+  EXPECT_EQ(postForm(fleet[1]->port(), "/log", upload).status, 200);
   EXPECT_EQ(fleet[0]->store().totals().uploads, 1);
 }
 
@@ -484,9 +438,7 @@ TEST(SqliteStoreMigration, BringsAVersionOneDatabaseToTheCurrentSchema) {
   char pattern[] = "/tmp/qxlog-store-test.XXXXXX";
   ASSERT_NE(::mkdtemp(pattern), nullptr);
   const std::string path = std::string(pattern) + "/old.db";
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db, R"sql(
+  connect(Backend::kSqlite, path, R"sql(
     CREATE TABLE uploads (id INTEGER PRIMARY KEY, received_at INTEGER NOT NULL,
       peer TEXT NOT NULL, token TEXT NOT NULL, device TEXT NOT NULL, user_id TEXT NOT NULL,
       header TEXT NOT NULL, record_count INTEGER NOT NULL);
@@ -503,50 +455,42 @@ TEST(SqliteStoreMigration, BringsAVersionOneDatabaseToTheCurrentSchema) {
     INSERT INTO records VALUES (1, 1, 0, '2', 'action', 0, '{"a_t":"2"}');
     INSERT INTO diagnoses VALUES (1, 5, 'p', 't', 'u', 'old', '', '', '',
       '{"play_summary":{"startup_ms":"9"}}');
-  )sql",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
+  )sql");
   std::string error;
   auto store = CollectorStore::open(path, error);
   ASSERT_TRUE(store) << error;
-  EXPECT_EQ(store->totals().uploads, 1);
-  EXPECT_EQ(store->latestDiagnoses(5, true).size(), 1u);
   store->countSettingsRequest("old");
-  EXPECT_EQ(store->settingsRequests("old"), 1);
-  EXPECT_EQ(store->records().size(), 1u);
+  EXPECT_EQ(std::tuple(store->totals().uploads, store->latestDiagnoses(5, true).size(),
+                       store->settingsRequests("old"), store->records().size()),
+            std::tuple(1, 1u, 1, 1u));
   std::filesystem::remove_all(pattern);
 }
 
 TEST(ClientAddress, TakesTheForwardedClientOnlyFromATrustedProxy) {
   const std::vector<std::string> proxies = {"127.0.0.1", "10.0.0.2"};
-  const struct {
-    const char* peer;
-    const char* header;
-    const char* value;
-    const char* client;
-  } cases[] = {
-      {"127.0.0.1:4000", "x-forwarded-for", "203.0.113.7", "203.0.113.7"},
-      {"127.0.0.1:4000", "x-forwarded-for", "198.51.100.1, 203.0.113.7", "203.0.113.7"},
+  const std::string proxy = "127.0.0.1:4000";
+  // The peer, the header and its value, and the client taken.
+  const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
+      {proxy, "x-forwarded-for", "203.0.113.7", "203.0.113.7"},
+      {proxy, "x-forwarded-for", "198.51.100.1, 203.0.113.7", "203.0.113.7"},
       // Past the trusted proxies in the chain to the first untrusted hop.
-      {"127.0.0.1:4000", "x-forwarded-for", "198.51.100.1, 203.0.113.7, 10.0.0.2", "203.0.113.7"},
-      {"127.0.0.1:4000", "forwarded", "for=192.0.2.43;proto=https, For=\"[2001:db8::17]:4711\"",
+      {proxy, "x-forwarded-for", "198.51.100.1, 203.0.113.7, 10.0.0.2", "203.0.113.7"},
+      {proxy, "forwarded", "for=192.0.2.43;proto=https, For=\"[2001:db8::17]:4711\"",
        "2001:db8::17"},
-      {"127.0.0.1:4000", "forwarded", "for=192.0.2.43:80", "192.0.2.43"},
+      {proxy, "forwarded", "for=192.0.2.43:80", "192.0.2.43"},
       // An untrusted connection's headers are ignored.
       {"192.0.2.9:4000", "x-forwarded-for", "203.0.113.7", "192.0.2.9:4000"},
       // Garbage or nothing forwarded: the connection's own address.
-      {"127.0.0.1:4000", "x-forwarded-for", "not-an-address", "127.0.0.1:4000"},
-      {"127.0.0.1:4000", "forwarded", "for=unknown", "127.0.0.1:4000"},
-      {"127.0.0.1:4000", "x-forwarded-for", "", "127.0.0.1:4000"},
-      {"127.0.0.1:4000", "x-other", "203.0.113.7", "127.0.0.1:4000"},
-  };
-  for (const auto& c : cases) {
-    collector::HttpServerRequest request;
-    request.peer = c.peer;
-    request.headers[c.header] = c.value;
-    EXPECT_EQ(collector::resolveClientAddress(request, proxies), c.client)
-        << c.peer << " " << c.header << ": " << c.value;
+      {proxy, "x-forwarded-for", "not-an-address", proxy},
+      {proxy, "forwarded", "for=unknown", proxy},
+      {proxy, "x-forwarded-for", "", proxy},
+      {proxy, "x-other", "203.0.113.7", proxy}};
+  for (const auto& [peer, header, value, client] : cases) {
+    HttpServerRequest request;
+    request.peer = peer;
+    request.headers[header] = value;
+    EXPECT_EQ(resolveClientAddress(request, proxies), client)
+        << peer << " " << header << ": " << value;
   }
 }
 

@@ -1,5 +1,5 @@
-// The programs themselves: qxlog-decode, qxlog-collector, qxlog-demo and the
-// example C host, run as separate processes.
+// qxlog-decode, qxlog-collector, qxlog-demo and the example C host, as separate processes.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -18,6 +18,8 @@ namespace qxlog::testing {
 namespace {
 
 using namespace std::string_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 const std::string kDecode = QXLOG_TEST_DECODE;
 
@@ -39,7 +41,7 @@ TEST_F(ToolsTest, DecodeReadsAnEnvelopeTheLibraryBuilt) {
   const std::string form = "token=x&log_data=" + formEncode(logData);
   EXPECT_EQ(run("printf %s '" + form + "' | " + decode + "--compact").output, plain + "\n");
   Finished pretty = run(decode + "'" + logData + "'");
-  EXPECT_NE(pretty.output.find("\n  \"t\": {\n"), std::string::npos) << pretty.output;
+  EXPECT_THAT(pretty.output, HasSubstr("\n  \"t\": {\n"));
   EXPECT_EQ(serial::parseJson(pretty.output), serial::parseJson(plain));
 }
 
@@ -54,7 +56,7 @@ TEST_F(ToolsTest, DecodeFailsClearlyOnBadInput) {
   for (const auto& [arguments, message] : cases) {
     Finished result = run(kDecode + " " + arguments + " </dev/null");
     EXPECT_NE(result.status, 0) << arguments;
-    EXPECT_NE(result.output.find(message), std::string::npos) << arguments << ": " << result.output;
+    EXPECT_THAT(result.output, HasSubstr(message)) << arguments;
   }
 }
 
@@ -65,29 +67,24 @@ TEST_F(ToolsTest, DecodePrintsADatabasesRecordsByType) {
     auto store = collector::CollectorStore::open(database, error);
     ASSERT_TRUE(store) << error;
     collector::UploadRow upload;
-    Dictionary film = makeStringDictionary({{"a_t", "1"}, {"a_7", "film-42"}});
-    film.set("p", Value(Array{Value(makeStringDictionary({{"p_2", "5"}}))}));
-    upload.records = {Value(makeStringDictionary({{"a_t", "2"}, {"a_1", "home.open"}})),
-                      Value(film)};
-    ASSERT_TRUE(store->addUpload(upload, error)) << error;
+    Dictionary film = strings({{"a_t", "1"}, {"a_7", "film-42"}});
+    film.set("p", Value(Array{Value(strings({{"p_2", "5"}}))}));
+    upload.records = {Value(strings({{"a_t", "2"}, {"a_1", "home.open"}})), Value(film)};
     collector::DiagnosisRow diagnosis;
     diagnosis.device = "device-9";
-    diagnosis.report = Value(makeStringDictionary({{"k", "v"}}));
-    ASSERT_TRUE(store->addDiagnosis(diagnosis, error)) << error;
+    diagnosis.report = Value(strings({{"k", "v"}}));
+    ASSERT_TRUE(store->addUpload(upload, error) && store->addDiagnosis(diagnosis, error)) << error;
   }
   const std::string records = kDecode + " --records '" + database + "' ";
-  const struct {
-    std::string type;
-    std::vector<const char*> shown, hidden;
-  } cases[] = {{"action", {"action", "home.open"}, {"film-42", "device-9"}},
-               {"film", {"film play", "play action", "film-42"}, {"home.open"}}};
-  for (const auto& c : cases) {
-    Finished printed = run(records + "--type " + c.type);
+  // The type, then texts printed and texts not printed.
+  const std::tuple<std::string, std::vector<const char*>, std::vector<const char*>> cases[] = {
+      {"action", {"action", "home.open"}, {"film-42", "device-9"}},
+      {"film", {"film play", "play action", "film-42"}, {"home.open"}}};
+  for (const auto& [type, shown, hidden] : cases) {
+    Finished printed = run(records + "--type " + type);
     EXPECT_EQ(printed.status, 0) << printed.output;
-    for (const char* text : c.shown)
-      EXPECT_NE(printed.output.find(text), std::string::npos) << text;
-    for (const char* text : c.hidden)
-      EXPECT_EQ(printed.output.find(text), std::string::npos) << text;
+    for (const char* text : shown) EXPECT_THAT(printed.output, HasSubstr(text));
+    for (const char* text : hidden) EXPECT_THAT(printed.output, Not(HasSubstr(text)));
   }
   Finished everything = run(records + "--json");
   std::size_t lines = 0;
@@ -114,16 +111,14 @@ kill -$3 $pid; wait $pid; echo "exit $?"; cat "$2.err")";
          {"HTTP/1.1 200 OK",
           "{\"uploads\":0,\"records\":{},\"play_actions\":{},\"diagnoses\":0,\"settings\":0}\n",
           "exit 0\n", "qxlog-collector: stopped"}) {
-      EXPECT_NE(served.output.find(text), std::string::npos) << signal << ": " << served.output;
+      EXPECT_THAT(served.output, HasSubstr(text)) << signal;
     }
     EXPECT_TRUE(std::filesystem::exists(database));
   }
 }
 
-// The demo reports to an HTTPS collector whose certificate comes from a CA
-// made here; the library trusts it through SSL_CERT_FILE, and without it
-// refuses the collector. The collector's API token comes from a file, and
-// the demo reads /received with it.
+// The demo reports to an HTTPS collector whose certificate comes from a CA made here, trusted
+// through SSL_CERT_FILE only; the demo reads /received with the API token from a file.
 TEST_F(ToolsTest, TheDemoReportsOverHttpsToACollectorItsCaBundleTrusts) {
   const std::string dir = documentsPath("tls");
   std::filesystem::create_directories(dir);
@@ -158,7 +153,7 @@ kill $pid; wait $pid; trap - EXIT)";
   EXPECT_EQ(https.output.find("everything arrived"),
             https.output.find("everything arrived", trusted))
       << https.output;
-  EXPECT_NE(https.output.find("everything arrived", trusted), std::string::npos) << https.output;
+  EXPECT_THAT(https.output.substr(trusted), HasSubstr("everything arrived"));
 }
 
 TEST_F(ToolsTest, EverythingTheDemoReportsArrivesInTheDatabase) {
@@ -166,7 +161,7 @@ TEST_F(ToolsTest, EverythingTheDemoReportsArrivesInTheDatabase) {
   Finished demo =
       run(std::string(QXLOG_TEST_DEMO) + " --quiet --timeout 30 --db '" + database + "'");
   ASSERT_EQ(demo.status, 0) << demo.output;
-  EXPECT_NE(demo.output.find("everything arrived"), std::string::npos) << demo.output;
+  EXPECT_THAT(demo.output, HasSubstr("everything arrived"));
   std::string error;
   auto store = collector::CollectorStore::open(database, error);
   ASSERT_TRUE(store) << error;
@@ -193,13 +188,12 @@ TEST_F(ToolsTest, TheExampleCHostReportsToACollectorAndTracesUnlessTheConsoleIsO
   const std::string host = std::string(QXLOG_TEST_EXAMPLE_C_HOST) + " '" + documentsPath("");
   Finished loud = run(host + "loud' " + collector->baseUrl());
   EXPECT_EQ(loud.status, 0) << loud.output;
-  EXPECT_NE(loud.output.find("] Ostra->LogContent:"), std::string::npos) << loud.output;
+  EXPECT_THAT(loud.output, HasSubstr("] Ostra->LogContent:"));
   EXPECT_EQ(collector->store().delivered("c-host-device").records,
             (std::map<std::string, int64_t>{{"0", 1}, {"2", 1}}));
   // The console off by the environment.
   Finished quiet = run("QXLOG_CONSOLE=off " + host + "quiet'");
-  EXPECT_EQ(quiet.status, 0);
-  EXPECT_EQ(quiet.output, "");
+  EXPECT_EQ(std::tuple(quiet.status, quiet.output), std::tuple(0, ""));
 }
 
 }  // namespace
