@@ -57,8 +57,7 @@ std::string serverUri(std::string& why) {
   return uri;
 }
 
-}  // namespace
-
+// Runs one SQL text on the database at `uri`; false with the reason in `why`.
 bool runPostgres(const std::string& uri, const std::string& sql, std::string& why) {
   PGconn* connection = PQconnectdb(uri.c_str());
   bool ok = PQstatus(connection) == CONNECTION_OK;
@@ -71,6 +70,8 @@ bool runPostgres(const std::string& uri, const std::string& sql, std::string& wh
   PQfinish(connection);
   return ok;
 }
+
+}  // namespace
 
 std::string freshPostgresDatabase(std::string& why) {
   const std::string uri = serverUri(why);

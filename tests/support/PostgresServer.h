@@ -13,9 +13,6 @@ namespace qxlog::testing {
 // reason in `why` when no PostgreSQL server can run here.
 std::string freshPostgresDatabase(std::string& why);
 
-// Runs one SQL text on the database at `uri`; false with the reason in `why`.
-bool runPostgres(const std::string& uri, const std::string& sql, std::string& why);
-
 }  // namespace qxlog::testing
 
 #endif  // QXLOG_TESTS_SUPPORT_POSTGRESSERVER_H_
