@@ -27,19 +27,14 @@
 #include <vector>
 
 #include "QXLog/QXLogGst.h"
-#include "QXLog/recording/Gate.h"
-#include "collector/decode/EnvelopeDecoder.h"
-#include "tests/integrations/GeneratedMedia.h"
-#include "tests/support/HostileServer.h"
-#include "tests/support/UploadFixture.h"
+#include "tests/integrations/AdapterFixture.h"
 
 namespace qxlog::testing {
 namespace {
 
-using RealClock = std::chrono::steady_clock;
 constexpr int64_t kFrameMillis = 40;  // every clip here is 25 frames a second
 
-int64_t millisSince(RealClock::time_point from, RealClock::time_point to) {
+int64_t millisBetween(RealClock::time_point from, RealClock::time_point to) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(to - from).count();
 }
 
@@ -72,24 +67,24 @@ Truth truthOf(SinkLog& log, RealClock::time_point requested) {
   std::lock_guard lock(log.mutex);
   Truth truth;
   if (log.frames.empty()) return truth;
-  truth.startup = millisSince(requested, log.frames.front().first);
+  truth.startup = millisBetween(requested, log.frames.front().first);
   for (std::size_t i = 0; i < log.frames.size(); ++i) {
     if (truth.heights.empty() || truth.heights.back() != log.frames[i].second) {
       truth.heights.push_back(log.frames[i].second);
     }
     if (i == 0) continue;
-    const int64_t gap = millisSince(log.frames[i - 1].first, log.frames[i].first);
+    const int64_t gap = millisBetween(log.frames[i - 1].first, log.frames[i].first);
     if (gap > 3 * kFrameMillis) ++truth.rebuffers, truth.rebufferMillis += gap - kFrameMillis;
   }
   // Frames moving in real time: first to last shown, the last one's time
   // included, less the stops.
-  truth.played = millisSince(log.frames.front().first, log.frames.back().first) + kFrameMillis -
+  truth.played = millisBetween(log.frames.front().first, log.frames.back().first) + kFrameMillis -
                  truth.rebufferMillis;
   return truth;
 }
 
-bool report(const char* name, const char* figure, int64_t reported, int64_t truth, int64_t allowed,
-            const std::string& goal) {
+bool printFigure(const char* name, const char* figure, int64_t reported, int64_t truth,
+                 int64_t allowed, const std::string& goal) {
   const bool met = std::llabs(reported - truth) <= allowed;
   std::printf("truth: %s %s reported %lld truth %lld goal %s %s\n", name, figure,
               static_cast<long long>(reported), static_cast<long long>(truth), goal.c_str(),
@@ -98,17 +93,8 @@ bool report(const char* name, const char* figure, int64_t reported, int64_t trut
   return met;
 }
 
-class PlayTruth : public UploadTest {
+class PlayTruth : public AdapterTest {
  protected:
-  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
-
-  void SetUp() override {
-    realClock_ = true;
-    UploadTest::SetUp();
-    format().setLimitLogCount(1000);
-    recording::setEnvironmentReady(true);
-  }
-
   // Plays `uri` to its end into a synchronised fake sink; `tick` runs every
   // 5 ms with the pipeline and whether it has reached PLAYING.
   Truth play(const char* name, const std::string& uri, const std::function<void(bool)>& tick = {}) {
@@ -142,7 +128,7 @@ class PlayTruth : public UploadTest {
         gst_message_parse_state_changed(message, &old, &state, &pending);
         if (state == GST_STATE_PLAYING && !host->playing) {
           std::printf("truth: %s playing-reached_ms %lld (the pipeline's PLAYING)\n", host->name,
-                      static_cast<long long>(millisSince(host->requested, RealClock::now())));
+                      static_cast<long long>(millisSince(host->requested)));
         }
         host->playing |= state == GST_STATE_PLAYING;
       }
@@ -152,7 +138,7 @@ class PlayTruth : public UploadTest {
     host.requested = requested;
     gst_element_set_state(playbin, GST_STATE_PLAYING);
     std::printf("truth: %s request-blocked_ms %lld (the host's call to play)\n", name,
-                static_cast<long long>(millisSince(requested, RealClock::now())));
+                static_cast<long long>(millisSince(requested)));
     const auto guard = RealClock::now() + std::chrono::seconds(30);
     while (!host.ended && RealClock::now() < guard) {
       while (g_main_context_iteration(nullptr, FALSE)) {
@@ -171,68 +157,38 @@ class PlayTruth : public UploadTest {
     return truthOf(sink, requested);
   }
 
-  // The play's summary and quality changes, as the log server received them.
-  struct Reported {
-    Dictionary summary;
-    std::vector<std::pair<std::string, std::string>> changes;  // from, to heights
-  };
-  Reported reported() {
-    center().submitAllLog();
-    settle();
-    Reported got;
-    const std::vector<ReceivedRequest> requests = server_->requests();
-    for (std::size_t i = 0; i < requests.size(); ++i) {
-      if (requests[i].path == "/diagnosis") {
-        auto report = collector::decodeLogData(requests[i].param("diagnosis_log"), kTestKey);
-        const Value* summary =
-            report ? report.value->asDictionary()->find("play_summary") : nullptr;
-        if (summary != nullptr) got.summary = *summary->asDictionary();
-        continue;
-      }
-      for (const Value& record : records(i)) {
-        const Value* actions = record.asDictionary()->find("p");
-        if (actions == nullptr) continue;
-        for (const Value& action : *actions->asArray()) {
-          if (field(action, "p_2") != "9") continue;
-          got.changes.emplace_back(field(action, "from_height"), field(action, "to_height"));
-        }
-      }
+  // A figure of the play's summary as the log server received it; -1 when none came.
+  static int64_t figure(const Delivered& got, const char* key) {
+    if (got.diagnoses.empty() || !got.diagnoses.back().asDictionary()->find("play_summary")) {
+      return -1;
     }
-    return got;
-  }
-
-  int64_t figure(const Reported& got, const char* key) {
-    const std::string text = field(got.summary, key);
+    const std::string text = got.text(key);
     return text.empty() || text[0] == '<' ? -1 : std::stoll(text);
   }
 
   // Startup, rebuffering and time played against their goals.
-  void compare(const char* name, const Reported& got, const Truth& truth) {
-    bool met = report(name, "startup_ms", figure(got, "startup_ms"), truth.startup,
-                      std::max<int64_t>(100, truth.startup / 4), "max(100ms,25%)");
-    met &=
-        report(name, "rebuffer_count", figure(got, "rebuffer_count"), truth.rebuffers, 0, "exact");
-    met &= report(name, "rebuffer_ms", figure(got, "rebuffer_ms"), truth.rebufferMillis,
-                  truth.rebufferMillis * 2 / 5, "40%");
-    met &= report(name, "played_ms", figure(got, "played_ms"), truth.played,
-                  std::max<int64_t>(300, truth.played / 10), "max(300ms,10%)");
+  void compare(const char* name, const Delivered& got, const Truth& truth) {
+    bool met = printFigure(name, "startup_ms", figure(got, "startup_ms"), truth.startup,
+                           std::max<int64_t>(100, truth.startup / 4), "max(100ms,25%)");
+    met &= printFigure(name, "rebuffer_count", figure(got, "rebuffer_count"), truth.rebuffers, 0,
+                       "exact");
+    met &= printFigure(name, "rebuffer_ms", figure(got, "rebuffer_ms"), truth.rebufferMillis,
+                       truth.rebufferMillis * 2 / 5, "40%");
+    met &= printFigure(name, "played_ms", figure(got, "played_ms"), truth.played,
+                       std::max<int64_t>(300, truth.played / 10), "max(300ms,10%)");
     EXPECT_TRUE(met) << name;
   }
 };
 
 TEST_F(PlayTruth, AFilePlayedToItsEnd) {
-  const std::string clip = documents_ + "/clip.ogv";
-  makeTheoraClip(clip);
-  const Truth truth = play("file", "file://" + clip);
-  compare("file", reported(), truth);
+  const Truth truth = play("file", "file://" + clip_);
+  compare("file", deliver(), truth);
 }
 
 // The media server holds the body back at its middle for 2.5 s from the
 // moment the play reached PLAYING.
 TEST_F(PlayTruth, AStallAtTheMediaServer) {
-  const std::string clip = documents_ + "/clip.ogv";
-  makeTheoraClip(clip);
-  const std::string bytes = files_->read(clip).value_or("");
+  const std::string bytes = clipBytes();
   HostileServer server(bytes, bytes.size() / 2);
   std::optional<RealClock::time_point> heldSince, releaseAt, released;
   const Truth truth = play("stall", server.url("/clip.ogv"), [&](bool playing) {
@@ -243,8 +199,8 @@ TEST_F(PlayTruth, AStallAtTheMediaServer) {
   });
   ASSERT_TRUE(heldSince && released) << "the server never held the body back";
   std::printf("truth: stall server-held_ms %lld (the media server's own window)\n",
-              static_cast<long long>(millisSince(*heldSince, *released)));
-  compare("stall", reported(), truth);
+              static_cast<long long>(millisBetween(*heldSince, *released)));
+  compare("stall", deliver(), truth);
 }
 
 // Two renditions, 240 and 480 lines, under a master playlist listing 240
@@ -269,14 +225,17 @@ TEST_F(PlayTruth, AnHlsPlayThatSwitchesRendition) {
                                         "#EXT-X-STREAM-INF:BANDWIDTH=600000,RESOLUTION=640x480\n"
                                         "v480/index.m3u8\n"));
   const Truth truth = play("hls", "file://" + hls + "/master.m3u8");
-  const Reported got = reported();
+  const Delivered got = deliver();
   compare("hls", got, truth);
   std::string seen, told;
   for (int height : truth.heights) seen += (seen.empty() ? "" : "->") + std::to_string(height);
-  for (const auto& [from, to] : got.changes) told += (told.empty() ? "" : ",") + from + "->" + to;
-  const bool met = truth.heights.size() == 2 && got.changes.size() == 1 &&
-                   got.changes[0].first == std::to_string(truth.heights[0]) &&
-                   got.changes[0].second == std::to_string(truth.heights[1]);
+  for (const Value& action : got.actions) {
+    if (field(action, "p_2") != "9") continue;  // a quality change
+    told += (told.empty() ? "" : ",") + field(action, "from_height") + "->" +
+            field(action, "to_height");
+  }
+  const bool met = truth.heights.size() == 2 && told == std::to_string(truth.heights[0]) + "->" +
+                                                            std::to_string(truth.heights[1]);
   std::printf("truth: hls switch reported %s truth %s goal both-heights %s\n",
               told.empty() ? "none" : told.c_str(), seen.c_str(), met ? "met" : "NOT MET");
   EXPECT_TRUE(met);
