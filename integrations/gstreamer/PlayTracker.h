@@ -10,17 +10,11 @@
 #include <string>
 
 #include "QXLog/QXLogPlay.h"
+#include "integrations/PlayIdentity.h"
 
 namespace qxlog::gst {
 
-// The host's strings, copied; nothing stays nothing (NULL), apart from "".
-struct PlayIdentity {
-  std::optional<std::string> movieId;
-  std::optional<std::string> viewSource;
-  std::optional<std::string> videoType;  // "1" when not given
-  bool isDownload = false;
-  std::optional<std::string> isPcdn;
-};
+using integrations::PlayIdentity;
 
 class PlayTracker {
  public:

@@ -10,17 +10,11 @@
 #include <string>
 
 #include "QXLog/QXLogPlay.h"
+#include "integrations/PlayIdentity.h"
 
 namespace qxlog::mpv {
 
-// What every play of a session is reported as.
-struct PlayIdentity {
-  std::optional<std::string> movieId;
-  std::optional<std::string> viewSource;
-  std::optional<std::string> videoType;
-  bool isDownload = false;
-  std::optional<std::string> isPcdn;
-};
+using integrations::PlayIdentity;
 
 class MpvPlayDriver {
  public:
