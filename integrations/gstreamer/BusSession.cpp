@@ -12,6 +12,9 @@ namespace {
 constexpr guint kSampleMillis = 200;
 // How often the frames at the sink are checked while the play waits on them.
 constexpr guint kFrameCheckMillis = 10;
+// Position reads kept for the position before a flush: a few seconds' worth
+// at the frame check's pace.
+constexpr std::size_t kKeptReads = 512;
 
 }  // namespace
 
@@ -81,11 +84,20 @@ void BusSession::dispatch(GstMessage* message) {
       // A flush that resets the running time: the lost preroll was a seek.
       if (play_ && lostPreroll_) play_->seekBegan(*lostPreroll_);
       return;
-    case GST_MESSAGE_ASYNC_DONE:
+    case GST_MESSAGE_ASYNC_DONE: {
       lostPreroll_.reset();
-      if (play_) play_->prerolled(requestedState() == GST_STATE_PLAYING, position());
+      // A seek ends where its first frame stands: by the time this message
+      // is handled, playing may have moved the position on.
+      std::optional<int64_t> resumed;
+      if (frames_) {
+        frames_->takeFlushTime();  // that flush is over
+        resumed = frames_->takeResumePosition();
+      }
+      if (play_)
+        play_->prerolled(requestedState() == GST_STATE_PLAYING, resumed.value_or(position()));
       sample();
       return;
+    }
     case GST_MESSAGE_BUFFERING: {
       gint percent = 100;
       gst_message_parse_buffering(message, &percent);
@@ -135,7 +147,7 @@ void BusSession::stateChanged(GstMessage* message) {
     play_->pausedByHost(position());
   } else if (state == GST_STATE_PAUSED && old >= GST_STATE_PAUSED &&
              pending != GST_STATE_VOID_PENDING && play_->started()) {
-    if (!lostPreroll_) lostPreroll_ = lastPosition_;
+    if (!lostPreroll_) lostPreroll_ = positionBeforeFlush();
   }
 }
 
@@ -147,6 +159,7 @@ void BusSession::sample() {
 
 void BusSession::begin() {
   lastPosition_ = 0;
+  reads_.clear();
   bitrate_ = 0;
   play_.reset();  // an earlier play ended; its handle goes
   play_ = std::make_unique<PlayTracker>(identity_, playedUri(pipeline_));
@@ -190,7 +203,20 @@ bool BusSession::checkFrames() {
 }
 
 int64_t BusSession::position() {
-  if (auto position = mediaPosition(pipeline_)) lastPosition_ = *position;
+  if (auto position = mediaPosition(pipeline_)) {
+    lastPosition_ = *position;
+    reads_.emplace_back(FrameWatch::steadyNanos(), *position);
+    if (reads_.size() > kKeptReads) reads_.pop_front();
+  }
+  return lastPosition_;
+}
+
+int64_t BusSession::positionBeforeFlush() {
+  const int64_t flushedAt = frames_ ? frames_->takeFlushTime() : 0;
+  if (flushedAt == 0) return lastPosition_;
+  for (auto read = reads_.rbegin(); read != reads_.rend(); ++read) {
+    if (read->first < flushedAt) return read->second;
+  }
   return lastPosition_;
 }
 

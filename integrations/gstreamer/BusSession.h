@@ -8,6 +8,7 @@
 #include <gst/gst.h>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 
@@ -42,7 +43,11 @@ class BusSession {
   bool checkFrames();
   // The pipeline's state, or the one it is going to.
   GstState requestedState() const;
+  // Reads the position, and keeps it with the time of the read.
   int64_t position();
+  // The last position read before the sink's latest flush, if it was
+  // flushed since: a read after a flushing seek began gives its target.
+  int64_t positionBeforeFlush();
 
   GstElement* pipeline_;
   GstBus* bus_;
@@ -55,6 +60,7 @@ class BusSession {
   std::unique_ptr<PlayTracker> play_;
   std::optional<int64_t> lostPreroll_;  // the position when the pipeline lost its preroll
   int64_t lastPosition_ = 0;
+  std::deque<std::pair<int64_t, int64_t>> reads_;  // steady nanoseconds, position; the latest
   int64_t bitrate_ = 0;  // the adaptive demuxer's last choice; 0 when none said
 };
 

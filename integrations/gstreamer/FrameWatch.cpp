@@ -14,12 +14,6 @@ namespace {
 // the probe released, and the probe acquires what its creator released.
 std::atomic<uint64_t> handoffs{0};
 
-int64_t steadyNanos() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
 bool classSaysVideo(GstElement* element) {
   const char* klass = gst_element_get_metadata(element, GST_ELEMENT_METADATA_KLASS);
   return klass != nullptr && std::strstr(klass, "Video") != nullptr;
@@ -92,6 +86,23 @@ GstPad* videoSinkPad(GstElement* pipeline) {
   return found;
 }
 
+// The stream time of `pts` in the segment the pad holds, in milliseconds; -1
+// when unknown.
+int64_t streamMillis(GstPad* pad, GstClockTime pts) {
+  GstEvent* event = gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0);
+  if (event == nullptr || !GST_CLOCK_TIME_IS_VALID(pts)) {
+    if (event != nullptr) gst_event_unref(event);
+    return -1;
+  }
+  const GstSegment* segment = nullptr;
+  gst_event_parse_segment(event, &segment);
+  const guint64 stream = segment->format == GST_FORMAT_TIME
+                             ? gst_segment_to_stream_time(segment, GST_FORMAT_TIME, pts)
+                             : GST_CLOCK_TIME_NONE;
+  gst_event_unref(event);
+  return stream == GST_CLOCK_TIME_NONE ? -1 : static_cast<int64_t>(stream / GST_MSECOND);
+}
+
 }  // namespace
 
 std::unique_ptr<FrameWatch> FrameWatch::find(GstElement* pipeline) {
@@ -99,26 +110,55 @@ std::unique_ptr<FrameWatch> FrameWatch::find(GstElement* pipeline) {
   return pad != nullptr ? std::unique_ptr<FrameWatch>(new FrameWatch(pad)) : nullptr;
 }
 
+int64_t FrameWatch::steadyNanos() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
 FrameWatch::FrameWatch(GstPad* pad) : pad_(pad), counts_(std::make_shared<Counts>()) {
+  probe_ = addProbe(
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
+      onBuffer);
+  // Flush events travel out of band: only a probe that asks for them sees them.
+  flushProbe_ = addProbe(static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
+                                                      GST_PAD_PROBE_TYPE_EVENT_FLUSH),
+                         onFlush);
+}
+
+gulong FrameWatch::addProbe(GstPadProbeType type, GstPadProbeCallback callback) {
   auto* data = new std::shared_ptr<Counts>(counts_);
   handoffs.fetch_add(1, std::memory_order_release);
-  probe_ = gst_pad_add_probe(
-      pad_,
-      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
-      onBuffer, data, [](gpointer counts) {
-        handoffs.load(std::memory_order_acquire);
-        delete static_cast<std::shared_ptr<Counts>*>(counts);
-      });
+  return gst_pad_add_probe(pad_, type, callback, data, [](gpointer counts) {
+    handoffs.load(std::memory_order_acquire);
+    delete static_cast<std::shared_ptr<Counts>*>(counts);
+  });
 }
 
 FrameWatch::~FrameWatch() {
+  gst_pad_remove_probe(pad_, flushProbe_);
   gst_pad_remove_probe(pad_, probe_);
   gst_object_unref(pad_);
 }
 
+// Runs on the thread that sends the event: for a flushing seek, the seeking
+// thread, inside its call. It only notes the time.
+GstPadProbeReturn FrameWatch::onFlush(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) {
+  if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_FLUSH_START) {
+    return GST_PAD_PROBE_OK;
+  }
+  handoffs.load(std::memory_order_acquire);
+  Counts& counts = **static_cast<std::shared_ptr<Counts>*>(data);
+  counts.flushedAt.store(steadyNanos(), std::memory_order_relaxed);
+  counts.resumedAt.store(-1, std::memory_order_relaxed);
+  counts.flushed.store(true, std::memory_order_relaxed);
+  handoffs.fetch_add(1, std::memory_order_release);
+  return GST_PAD_PROBE_OK;
+}
+
 // Runs on the streaming thread that pushes to the sink, before the sink waits
 // for the frame's time; it only counts, and never calls into the library.
-GstPadProbeReturn FrameWatch::onBuffer(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data) {
+GstPadProbeReturn FrameWatch::onBuffer(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   handoffs.load(std::memory_order_acquire);
   Counts& counts = **static_cast<std::shared_ptr<Counts>*>(data);
   GstBuffer* buffer = nullptr;
@@ -134,6 +174,9 @@ GstPadProbeReturn FrameWatch::onBuffer(GstPad* /*pad*/, GstPadProbeInfo* info, g
   counts.firstPts.compare_exchange_strong(
       unset, buffer != nullptr ? GST_BUFFER_PTS(buffer) : GST_CLOCK_TIME_NONE,
       std::memory_order_relaxed);
+  if (buffer != nullptr && counts.flushed.exchange(false, std::memory_order_relaxed)) {
+    counts.resumedAt.store(streamMillis(pad, GST_BUFFER_PTS(buffer)), std::memory_order_relaxed);
+  }
   counts.lastNanos.store(steadyNanos(), std::memory_order_relaxed);
   counts.frames.fetch_add(1, std::memory_order_release);
   handoffs.fetch_add(1, std::memory_order_release);
