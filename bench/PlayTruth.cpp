@@ -206,25 +206,7 @@ TEST_F(PlayTruth, AStallAtTheMediaServer) {
 // Two renditions, 240 and 480 lines, under a master playlist listing 240
 // first: the adaptive demuxer begins low and switches up.
 TEST_F(PlayTruth, AnHlsPlayThatSwitchesRendition) {
-  const std::string hls = documents_ + "/hls";
-  for (int height : {240, 480}) {
-    const std::string dir = hls + "/v" + std::to_string(height);
-    ASSERT_TRUE(files_->createDirectories(dir));
-    runPipelineToEnd("videotestsrc num-buffers=75 ! video/x-raw,width=" +
-                         std::to_string(height * 4 / 3) + ",height=" + std::to_string(height) +
-                         ",framerate=25/1 ! avenc_mpeg4 bitrate=" + std::to_string(height * 1000) +
-                         " ! mpeg4videoparse ! hlssink2 target-duration=1 max-files=0 "
-                         "playlist-length=0 location=" +
-                         dir + "/seg%05d.ts playlist-location=" + dir + "/index.m3u8",
-                     20 * GST_SECOND);
-  }
-  ASSERT_TRUE(files_->replaceAtomically(hls + "/master.m3u8",
-                                        "#EXTM3U\n"
-                                        "#EXT-X-STREAM-INF:BANDWIDTH=300000,RESOLUTION=320x240\n"
-                                        "v240/index.m3u8\n"
-                                        "#EXT-X-STREAM-INF:BANDWIDTH=600000,RESOLUTION=640x480\n"
-                                        "v480/index.m3u8\n"));
-  const Truth truth = play("hls", "file://" + hls + "/master.m3u8");
+  const Truth truth = play("hls", "file://" + makeHlsRenditions(documents_ + "/hls"));
   const Delivered got = deliver();
   compare("hls", got, truth);
   std::string seen, told;

@@ -5,6 +5,8 @@
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 namespace qxlog::testing {
@@ -31,6 +33,30 @@ inline void makeTheoraClip(const std::string& path) {
       "theoraenc ! oggmux ! filesink location=" +
           path,
       10 * GST_SECOND);
+}
+
+// Three seconds of MPEG-4 in two HLS renditions, 240 and 480 lines, under
+// `dir`/master.m3u8, which lists 240 first: an adaptive demuxer begins low
+// and switches up. Returns the master playlist's path.
+inline std::string makeHlsRenditions(const std::string& dir) {
+  for (int height : {240, 480}) {
+    const std::string rendition = dir + "/v" + std::to_string(height), h = std::to_string(height);
+    std::filesystem::create_directories(rendition);
+    runPipelineToEnd(
+        "videotestsrc num-buffers=75 ! video/x-raw,width=" + std::to_string(height * 4 / 3) +
+            ",height=" + h + ",framerate=25/1 ! avenc_mpeg4 bitrate=" + h +
+            "000 ! mpeg4videoparse ! "
+            "hlssink2 target-duration=1 max-files=0 playlist-length=0 location=" +
+            rendition + "/seg%05d.ts playlist-location=" + rendition + "/index.m3u8",
+        20 * GST_SECOND);
+  }
+  const std::string master = dir + "/master.m3u8";
+  std::ofstream(master) << "#EXTM3U\n"
+                           "#EXT-X-STREAM-INF:BANDWIDTH=300000,RESOLUTION=320x240\n"
+                           "v240/index.m3u8\n"
+                           "#EXT-X-STREAM-INF:BANDWIDTH=600000,RESOLUTION=640x480\n"
+                           "v480/index.m3u8\n";
+  return master;
 }
 
 }  // namespace qxlog::testing

@@ -255,25 +255,7 @@ TEST_F(GstAdapterTest, AnHlsPlayIsReportedWithItsRenditions) {
     if (factory == nullptr) GTEST_SKIP() << element << " is missing: scripts/install-deps.sh";
     gst_object_unref(factory);
   }
-  const std::string hls = documents_ + "/hls";
-  for (int height : {240, 480}) {
-    const std::string dir = hls + "/v" + std::to_string(height), h = std::to_string(height);
-    ASSERT_TRUE(files_->createDirectories(dir));
-    runPipelineToEnd(
-        "videotestsrc num-buffers=75 ! video/x-raw,width=" + std::to_string(height * 4 / 3) +
-            ",height=" + h + ",framerate=25/1 ! avenc_mpeg4 bitrate=" + h +
-            "000 ! mpeg4videoparse ! "
-            "hlssink2 target-duration=1 max-files=0 playlist-length=0 location=" +
-            dir + "/seg%05d.ts playlist-location=" + dir + "/index.m3u8",
-        20 * GST_SECOND);
-  }
-  ASSERT_TRUE(files_->replaceAtomically(hls + "/master.m3u8",
-                                        "#EXTM3U\n"
-                                        "#EXT-X-STREAM-INF:BANDWIDTH=300000,RESOLUTION=320x240\n"
-                                        "v240/index.m3u8\n"
-                                        "#EXT-X-STREAM-INF:BANDWIDTH=600000,RESOLUTION=640x480\n"
-                                        "v480/index.m3u8\n"));
-  play("file://" + hls + "/master.m3u8", true);
+  play("file://" + makeHlsRenditions(documents_ + "/hls"), true);
   const Delivered play = deliver();
   ASSERT_EQ(play.operations, (Operations{"1", "7", "9", "2"}));
   const Value& change = play.actions[2];
