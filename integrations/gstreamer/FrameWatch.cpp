@@ -86,20 +86,24 @@ GstPad* videoSinkPad(GstElement* pipeline) {
   return found;
 }
 
-// The stream time of `pts` in the segment the pad holds, in milliseconds; -1
-// when unknown.
-int64_t streamMillis(GstPad* pad, GstClockTime pts) {
+// `pts` in the time segment the pad holds, as `convert` gives it (stream or
+// running time); GST_CLOCK_TIME_NONE when unknown.
+guint64 inSegment(GstPad* pad, GstClockTime pts,
+                  guint64 (*convert)(const GstSegment*, GstFormat, guint64)) {
+  if (!GST_CLOCK_TIME_IS_VALID(pts)) return GST_CLOCK_TIME_NONE;
   GstEvent* event = gst_pad_get_sticky_event(pad, GST_EVENT_SEGMENT, 0);
-  if (event == nullptr || !GST_CLOCK_TIME_IS_VALID(pts)) {
-    if (event != nullptr) gst_event_unref(event);
-    return -1;
-  }
+  if (event == nullptr) return GST_CLOCK_TIME_NONE;
   const GstSegment* segment = nullptr;
   gst_event_parse_segment(event, &segment);
-  const guint64 stream = segment->format == GST_FORMAT_TIME
-                             ? gst_segment_to_stream_time(segment, GST_FORMAT_TIME, pts)
-                             : GST_CLOCK_TIME_NONE;
+  const guint64 time = segment->format == GST_FORMAT_TIME ? convert(segment, GST_FORMAT_TIME, pts)
+                                                          : GST_CLOCK_TIME_NONE;
   gst_event_unref(event);
+  return time;
+}
+
+// The stream time of `pts` in milliseconds; -1 when unknown.
+int64_t streamMillis(GstPad* pad, GstClockTime pts) {
+  const guint64 stream = inSegment(pad, pts, gst_segment_to_stream_time);
   return stream == GST_CLOCK_TIME_NONE ? -1 : static_cast<int64_t>(stream / GST_MSECOND);
 }
 
@@ -193,15 +197,7 @@ bool FrameWatch::starved() const {
 
 bool FrameWatch::firstFrameDue(GstElement* pipeline) const {
   const uint64_t pts = counts_->firstPts.load(std::memory_order_relaxed);
-  if (pts == GST_CLOCK_TIME_NONE) return true;
-  GstEvent* event = gst_pad_get_sticky_event(pad_, GST_EVENT_SEGMENT, 0);
-  if (event == nullptr) return true;
-  const GstSegment* segment = nullptr;
-  gst_event_parse_segment(event, &segment);
-  const guint64 running = segment->format == GST_FORMAT_TIME
-                              ? gst_segment_to_running_time(segment, GST_FORMAT_TIME, pts)
-                              : GST_CLOCK_TIME_NONE;
-  gst_event_unref(event);
+  const guint64 running = inSegment(pad_, pts, gst_segment_to_running_time);
   GstClock* clock = gst_element_get_clock(pipeline);
   if (running == GST_CLOCK_TIME_NONE || clock == nullptr) {
     if (clock != nullptr) gst_object_unref(clock);
